@@ -1,0 +1,16 @@
+// The keyring backends behind TelvaneKeychain. Internal to the library.
+#pragma once
+
+#include <Telvane/Platform/TelvaneKeychain.h>
+
+#include <memory>
+#include <string>
+
+/// Items of this process only, in the order they were first stored. For unit tests.
+std::shared_ptr<TelvaneKeychainBackend> makeMemoryKeychain();
+/// One 0600 file at @p path, written atomically; refused when corrupt or readable by others.
+std::shared_ptr<TelvaneKeychainBackend> makeFileKeychain(std::string path);
+/// The default path of the file keyring: $XDG_DATA_HOME/telvane/keyring (or ~/.local/share/...).
+std::string defaultFileKeychainPath();
+/// The desktop's Secret Service (GNOME Keyring, KWallet, KeePassXC) through libsecret.
+std::shared_ptr<TelvaneKeychainBackend> makeSecretServiceKeychain();

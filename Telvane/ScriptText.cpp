@@ -1,0 +1,63 @@
+#include "ScriptText.h"
+
+namespace telvane {
+
+std::string replaceAll(std::string_view text, std::string_view from, std::string_view to)
+{
+    if (from.empty())
+        return std::string(text);
+    std::string out;
+    out.reserve(text.size());
+    std::size_t pos = 0;
+    for (std::size_t hit; (hit = text.find(from, pos)) != std::string_view::npos; pos = hit + from.size()) {
+        out.append(text, pos, hit - pos);
+        out.append(to);
+    }
+    out.append(text, pos);
+    return out;
+}
+
+std::string substitutePlaceholders(std::string_view script, const TelvaneArguments &arguments)
+{
+    std::string text(script);
+    for (const auto &[key, value] : arguments)
+        text = replaceAll(text, "__" + key + "__", value);
+    return text;
+}
+
+std::string normaliseScript(std::string_view script, std::string_view password)
+{
+    // 1. A line holding "#" anywhere loses all its text; its line break stays. Carriage returns end a line
+    //    here as line feeds do.
+    std::string stripped;
+    stripped.reserve(script.size());
+    for (std::size_t pos = 0; pos < script.size();) {
+        std::size_t end = script.find_first_of("\n\r", pos);
+        if (end == std::string_view::npos)
+            end = script.size();
+        const std::string_view line = script.substr(pos, end - pos);
+        if (line.find('#') == std::string_view::npos)
+            stripped.append(line);
+        if (end < script.size())
+            stripped.push_back(script[end]);
+        pos = end + 1;
+    }
+    // 2. Every run of line feeds becomes one.
+    std::string folded;
+    folded.reserve(stripped.size());
+    for (const char c : stripped)
+        if (c != '\n' || folded.empty() || folded.back() != '\n')
+            folded.push_back(c);
+    // 3. The password goes in last, so that a "#" inside it survives.
+    return replaceAll(folded, "__PASSWORD__", password);
+}
+
+bool isSendableAscii(std::string_view text)
+{
+    for (const char c : text)
+        if (c == '\0' || static_cast<unsigned char>(c) > 0x7f)
+            return false;
+    return true;
+}
+
+} // namespace telvane

@@ -1,0 +1,230 @@
+#include <Telvane/Telvane.h>
+
+#include "Platform/Libssh2Library.h"
+#include "ScriptText.h"
+#include "TelvanePrivate.h"
+
+#include <libssh2.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace telvane {
+
+Connection::Connection() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+Connection::~Connection()
+{
+    const bool held = teardown();
+    libssh2Release(held);
+    if (closedSock_ >= 0)
+        ::close(closedSock_);
+    if (wake_ >= 0)
+        ::close(wake_);
+}
+
+void Connection::requestStop()
+{
+    if (stopped_.exchange(true, std::memory_order_acq_rel))
+        return;
+    if (wake_ >= 0) {
+        const uint64_t one = 1;
+        [[maybe_unused]] ssize_t n = ::write(wake_, &one, sizeof one);
+    }
+}
+
+bool Connection::teardown()
+{
+    if (channel) {
+        libssh2_channel_close(channel);
+    }
+    if (session) {
+        libssh2_session_disconnect_ex(session, SSH_DISCONNECT_BY_APPLICATION, "Normal shutdown, thank you for playing!",
+                                      "");
+    }
+    // The polite messages above were sent if the socket took them at once; from here on every send fails at
+    // once, so that freeing a non-blocking session can never answer "try again".
+    if (sock >= 0)
+        ::shutdown(sock, SHUT_RDWR);
+    if (channel) {
+        for (int i = 0; i < 64 && libssh2_channel_free(channel) == LIBSSH2_ERROR_EAGAIN; ++i) {
+        }
+        channel = nullptr;
+    }
+    if (session) {
+        for (int i = 0; i < 64 && libssh2_session_free(session) == LIBSSH2_ERROR_EAGAIN; ++i) {
+        }
+        session = nullptr;
+    }
+    if (sock >= 0) {
+        // Closed with the Connection: a pump may still poll this number, and it must not be reused meanwhile.
+        closedSock_ = sock;
+        sock = -1;
+    }
+    const bool held = holdsLibrary;
+    holdsLibrary = false;
+    return held;
+}
+
+} // namespace telvane
+
+TelvaneDelegate::~TelvaneDelegate() = default;
+void TelvaneDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle>) {}
+void TelvaneDelegate::sensorScriptDidTerminate(Telvane &, long) {}
+void TelvaneDelegate::sensorDidFailWithError(Telvane &, long) {}
+
+TelvanePrivate::TelvanePrivate(Telvane &q, std::string identifier, std::string name, std::string hostname,
+                               long port, double timeout)
+    : q(q), identifier(std::move(identifier)), name(std::move(name)), hostname(std::move(hostname)), port(port),
+      timeout(timeout)
+{
+}
+
+std::shared_ptr<telvane::Connection> TelvanePrivate::currentConnection() const
+{
+    std::lock_guard lock(connectionMutex);
+    return connection;
+}
+
+void TelvanePrivate::closeConnection(const std::shared_ptr<Connection> &own)
+{
+    if (currentConnection() == own) {
+        q.close();
+        return;
+    }
+    own->requestStop();
+    bool held;
+    {
+        std::lock_guard lock(monitor);
+        held = own->teardown();
+    }
+    telvane::libssh2Release(held);
+}
+
+std::shared_ptr<Telvane> Telvane::create(std::string identifier, std::string name, std::string hostname,
+                                         std::optional<long> port, double timeout)
+{
+    return std::make_shared<Telvane>(Token{}, std::move(identifier), std::move(name), std::move(hostname),
+                                     port.value_or(22), timeout);
+}
+
+Telvane::Telvane(Token, std::string identifier, std::string name, std::string hostname, long port, double timeout)
+    : d(std::make_unique<TelvanePrivate>(*this, std::move(identifier), std::move(name), std::move(hostname), port,
+                                         timeout))
+{
+}
+
+Telvane::~Telvane() = default; // a run's Connection frees itself with its last owner
+
+void Telvane::runScript(std::optional<std::string> script, std::optional<TelvaneArguments> arguments)
+{
+    if (!script || script->empty())
+        return;
+    setScript(script);
+    setArgs(arguments);
+    std::string text = arguments ? telvane::substitutePlaceholders(*script, *arguments) : std::move(*script);
+    if (d->runScriptOverride)
+        d->runScriptOverride(text);
+    else
+        d->runScript(text);
+}
+
+void Telvane::runAgain()
+{
+    if (running())
+        return;
+    runScript(script(), args());
+}
+
+void Telvane::stopScript()
+{
+    close();
+}
+
+void Telvane::close()
+{
+    // running goes NO before the lock, so a pump sees the stop at its next check; the wake reaches a wait
+    // on the socket (of the pump or of a connection attempt that holds the lock) at once.
+    setRunning(false);
+    if (auto current = d->currentConnection())
+        current->requestStop();
+    bool held = false;
+    {
+        std::lock_guard lock(d->monitor);
+        std::shared_ptr<telvane::Connection> current;
+        {
+            std::lock_guard connectionLock(d->connectionMutex);
+            current = std::move(d->connection);
+        }
+        if (current) {
+            current->requestStop(); // a run installed after the check above must see the stop too
+            held = current->teardown();
+        }
+    }
+    telvane::libssh2Release(held);
+}
+
+void Telvane::sensorDidFailWithError(long code)
+{
+    close();
+    if (auto delegate = this->delegate())
+        delegate->sensorDidFailWithError(*this, code);
+}
+
+std::string Telvane::serviceNameForSensor() const
+{
+    return TelvaneCredentials::serviceNameForHost(hostname());
+}
+
+#define TELVANE_PROPERTY(Type, getter, setter, field)                                                              \
+    Type Telvane::getter() const                                                                                   \
+    {                                                                                                              \
+        std::lock_guard lock(d->propertyMutex);                                                                    \
+        return d->field;                                                                                           \
+    }                                                                                                              \
+    void Telvane::setter(Type value)                                                                               \
+    {                                                                                                              \
+        std::lock_guard lock(d->propertyMutex);                                                                    \
+        d->field = std::move(value);                                                                               \
+    }
+
+TELVANE_PROPERTY(std::shared_ptr<TelvanePipe>, pipe, setPipe, pipe)
+TELVANE_PROPERTY(std::string, identifier, setIdentifier, identifier)
+TELVANE_PROPERTY(std::string, name, setName, name)
+TELVANE_PROPERTY(std::string, hostname, setHostname, hostname)
+TELVANE_PROPERTY(long, port, setPort, port)
+TELVANE_PROPERTY(std::optional<std::string>, script, setScript, script)
+TELVANE_PROPERTY(std::optional<TelvaneArguments>, args, setArgs, args)
+#undef TELVANE_PROPERTY
+
+std::shared_ptr<TelvaneDelegate> Telvane::delegate() const
+{
+    std::lock_guard lock(d->propertyMutex);
+    return d->delegate.lock();
+}
+
+void Telvane::setDelegate(std::weak_ptr<TelvaneDelegate> delegate)
+{
+    std::lock_guard lock(d->propertyMutex);
+    d->delegate = std::move(delegate);
+}
+
+bool Telvane::running() const
+{
+    return d->running.load();
+}
+
+void Telvane::setRunning(bool running)
+{
+    d->running.store(running);
+}
+
+double Telvane::timeout() const
+{
+    return d->timeout.load();
+}
+
+void Telvane::setTimeout(double timeout)
+{
+    d->timeout.store(timeout);
+}

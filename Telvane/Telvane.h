@@ -1,0 +1,108 @@
+// Telvane: use another machine as a sensor. A sensor logs in over SSH with a username and a password,
+// runs one shell script there and streams the script's standard output back through a pipe.
+#pragma once
+
+#include <Telvane/Platform/TelvanePipe.h>
+#include <Telvane/TelvaneCredentials.h>
+#include <Telvane/TelvaneExport.h>
+#include <Telvane/Telvane_vers.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+class Telvane;
+
+/// Placeholder values for a script template, in the order in which they are substituted.
+/// Each key's placeholder is "__KEY__"; a value may itself contain a later key's placeholder.
+using TelvaneArguments = std::vector<std::pair<std::string, std::string>>;
+
+/// Failure codes reported through TelvaneDelegate::sensorDidFailWithError.
+enum TelvaneError : long {
+    TelvaneErrorConnection = 1,     ///< connection, protocol or read failure
+    TelvaneErrorNoCredentials = 2,  ///< the delegate supplied no credentials
+    TelvaneErrorAuthentication = 3, ///< authentication impossible or refused
+};
+
+/// Receiver of a sensor's notices. The sensor holds its delegate weakly.
+/// Every method runs on a thread of the sensor's, never on the caller's GUI thread by itself:
+/// sensorScriptDidStart, sensorDidFailWithError (connection failures) and credentialsForSensor run on the
+/// thread that called runScript; sensorScriptDidTerminate and read failures on the sensor's pump thread.
+class TELVANE_EXPORT TelvaneDelegate
+{
+public:
+    virtual ~TelvaneDelegate();
+
+    /// The script was launched; @p output is the reading end of the sensor's pipe. Output may already be
+    /// waiting in it. The handle sees end of file after sensorScriptDidTerminate / sensorDidFailWithError.
+    virtual void sensorScriptDidStart(Telvane &sensor, std::shared_ptr<TelvaneFileHandle> output);
+    /// The script's output ended; @p status is the remote exit status (0 when none arrived).
+    virtual void sensorScriptDidTerminate(Telvane &sensor, long status);
+    /// The run failed with one of the TelvaneError codes; the connection is already closed.
+    virtual void sensorDidFailWithError(Telvane &sensor, long code);
+    /// No stored credentials serve: answer a pair, or std::nullopt when the user gave none (code 2).
+    /// Set *persist to true to keep the pair in the keyring once the server has accepted it.
+    virtual std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor, bool *persist) = 0;
+};
+
+/// One sensor host reached over SSH. Make one with create(); it lives in a shared_ptr so that its pump
+/// thread can keep it alive for the length of a run. All methods may be called from any thread.
+class TELVANE_EXPORT Telvane : public std::enable_shared_from_this<Telvane>
+{
+    struct Token;
+
+public:
+    /// @p port defaults to 22 when absent; a given port is kept as it is (only its low 16 bits are used to
+    /// connect). @p timeout is the time in seconds allowed to the connect and to each wait on the socket.
+    static std::shared_ptr<Telvane> create(std::string identifier, std::string name, std::string hostname,
+                                           std::optional<long> port = std::nullopt, double timeout = 10.0);
+    Telvane(Token, std::string identifier, std::string name, std::string hostname, long port, double timeout);
+    ~Telvane();
+    Telvane(const Telvane &) = delete;
+    Telvane &operator=(const Telvane &) = delete;
+
+    /// Stores @p script and @p arguments, substitutes every "__KEY__" in the arguments' order and runs the
+    /// result, blocking until the script has started or the run has failed. An empty or absent script is
+    /// ignored. Meant for a background thread: it connects, and may ask the delegate for credentials.
+    void runScript(std::optional<std::string> script, std::optional<TelvaneArguments> arguments);
+    /// Runs the stored script with the stored arguments again, unless a script is running.
+    void runAgain();
+    /// Stops the running script; the same as close().
+    void stopScript();
+    /// Tears the connection down; safe to call again and from any thread. Sends nothing to the delegate.
+    void close();
+    /// Closes, then reports @p code to the delegate.
+    void sensorDidFailWithError(long code);
+    /// The keyring service under which this sensor's host keeps its credentials.
+    std::string serviceNameForSensor() const;
+
+    std::shared_ptr<TelvanePipe> pipe() const;
+    void setPipe(std::shared_ptr<TelvanePipe> pipe);
+    bool running() const;
+    void setRunning(bool running);
+    std::shared_ptr<TelvaneDelegate> delegate() const;
+    void setDelegate(std::weak_ptr<TelvaneDelegate> delegate);
+    std::string identifier() const;
+    void setIdentifier(std::string identifier);
+    std::string name() const;
+    void setName(std::string name);
+    std::string hostname() const;
+    void setHostname(std::string hostname);
+    long port() const;
+    void setPort(long port);
+    double timeout() const;
+    void setTimeout(double timeout);
+    std::optional<std::string> script() const;
+    void setScript(std::optional<std::string> script);
+    std::optional<TelvaneArguments> args() const;
+    void setArgs(std::optional<TelvaneArguments> args);
+
+private:
+    struct Token {
+        explicit Token() = default;
+    };
+    friend class TelvanePrivate;
+    std::unique_ptr<class TelvanePrivate> const d;
+};

@@ -1,0 +1,73 @@
+#include <Telvane/TelvaneCredentials.h>
+
+#include <Telvane/Platform/TelvaneKeychain.h>
+#include <Telvane/Telvane.h>
+
+#include <cstring>
+
+void telvaneWipe(std::string &secret) noexcept
+{
+    // Reach the whole buffer, the part past size() included (a shrunk or moved-from string keeps old
+    // characters there); resize() within the capacity does not reallocate.
+    secret.resize(secret.capacity());
+    explicit_bzero(secret.data(), secret.size());
+    secret.clear();
+}
+
+TelvaneCredentialsDictionary::TelvaneCredentialsDictionary(std::string username, std::string password)
+    : username(std::move(username)), password(std::move(password))
+{
+}
+
+TelvaneCredentialsDictionary::TelvaneCredentialsDictionary(TelvaneCredentialsDictionary &&other) noexcept
+    : username(std::move(other.username)), password(std::move(other.password))
+{
+    telvaneWipe(other.password);
+}
+
+TelvaneCredentialsDictionary &TelvaneCredentialsDictionary::operator=(const TelvaneCredentialsDictionary &other)
+{
+    if (this != &other) {
+        username = other.username;
+        telvaneWipe(password);
+        password = other.password;
+    }
+    return *this;
+}
+
+TelvaneCredentialsDictionary &TelvaneCredentialsDictionary::operator=(TelvaneCredentialsDictionary &&other) noexcept
+{
+    if (this != &other) {
+        username = std::move(other.username);
+        telvaneWipe(password);
+        password = std::move(other.password);
+        telvaneWipe(other.password);
+    }
+    return *this;
+}
+
+TelvaneCredentialsDictionary::~TelvaneCredentialsDictionary()
+{
+    telvaneWipe(password);
+}
+
+namespace TelvaneCredentials {
+
+std::string serviceNameForHost(const std::string &hostname)
+{
+    return "com.quillmere.sensor.credentials (" + hostname + ")";
+}
+
+bool forgetCredentials(const Telvane &sensor)
+{
+    const std::string service = serviceNameForHost(sensor.hostname());
+    const auto accounts = TelvaneKeychain::accountsForService(service);
+    if (!accounts || accounts->empty())
+        return false;
+    const auto account = accounts->front().find(kTelvaneKeychainAccountKey);
+    if (account == accounts->front().end())
+        return false;
+    return TelvaneKeychain::deletePasswordForService(service, account->second);
+}
+
+} // namespace TelvaneCredentials

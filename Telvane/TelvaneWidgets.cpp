@@ -1,0 +1,2 @@
+// Telvane::Widgets: the credentials prompt and the diagnostics panel.
+#include <QtWidgets/QWidget>

@@ -1,0 +1,96 @@
+// Shared helpers of the test suites.
+#pragma once
+
+#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/Telvane.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace telvane::test {
+
+/// True when running under CI (CI=true): a component that cannot be started is then a failure.
+bool inCI();
+
+/// Skips the test when @p available is false, naming @p why; under CI the skip becomes a failure, because
+/// CI can start every component.
+#define TELVANE_REQUIRE_COMPONENT(available, why)                                                                 \
+    do {                                                                                                           \
+        if (!(available)) {                                                                                        \
+            if (::telvane::test::inCI())                                                                           \
+                FAIL() << "component unavailable under CI: " << (why);                                             \
+            else                                                                                                   \
+                GTEST_SKIP() << (why);                                                                             \
+        }                                                                                                          \
+    } while (0)
+
+/// Collects the library's log lines while it lives.
+class LogCapture
+{
+public:
+    LogCapture();
+    ~LogCapture();
+    std::vector<std::string> lines() const;
+    bool contains(const std::string &text) const;
+    std::string joined() const;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_; // guarded by mutex_
+};
+
+/// Polls @p condition until it holds or @p timeout passes.
+bool waitUntil(const std::function<bool()> &condition, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+/// The number of threads of this process.
+int threadCount();
+/// The number of open descriptors of this process.
+int openDescriptorCount();
+
+/// A delegate that records what it hears (own it in a shared_ptr), answers credentials as configured, and can drain the output.
+class RecordingDelegate : public TelvaneDelegate, public std::enable_shared_from_this<RecordingDelegate>
+{
+public:
+    struct Event {
+        enum Kind { Started, Terminated, Failed, AskedCredentials } kind;
+        long value = 0;
+    };
+
+    /// Credentials to answer with (nullopt: none), and the persist flag to set.
+    std::optional<TelvaneCredentialsDictionary> answer;
+    bool answerPersist = false;
+    /// When true, the output is read on a thread of its own from sensorScriptDidStart until end of file.
+    bool drainOutput = true;
+
+    void sensorScriptDidStart(Telvane &sensor, std::shared_ptr<TelvaneFileHandle> output) override;
+    void sensorScriptDidTerminate(Telvane &sensor, long status) override;
+    void sensorDidFailWithError(Telvane &sensor, long code) override;
+    std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor, bool *persist) override;
+
+    std::vector<Event> events() const;
+    /// Waits until the run has ended (terminated or failed) and, when draining, the output has reached
+    /// end of file.
+    bool waitForEnd(std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    std::string output() const;
+    std::shared_ptr<TelvaneFileHandle> handle() const;
+    int count(Event::Kind kind) const;
+    std::optional<long> terminationStatus() const;
+    std::optional<long> failureCode() const;
+
+private:
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Event> events_;              // guarded by mutex_
+    std::string output_;                     // guarded by mutex_
+    bool outputEnded_ = false;               // guarded by mutex_
+    std::shared_ptr<TelvaneFileHandle> handle_; // guarded by mutex_
+};
+
+} // namespace telvane::test
