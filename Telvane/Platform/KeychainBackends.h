@@ -3,6 +3,7 @@
 
 #include <Telvane/Platform/TelvaneKeychain.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -12,5 +13,7 @@ std::shared_ptr<TelvaneKeychainBackend> makeMemoryKeychain();
 std::shared_ptr<TelvaneKeychainBackend> makeFileKeychain(std::string path);
 /// The default path of the file keyring: $XDG_DATA_HOME/telvane/keyring (or ~/.local/share/...).
 std::string defaultFileKeychainPath();
-/// The desktop's Secret Service (GNOME Keyring, KWallet, KeePassXC) through libsecret.
-std::shared_ptr<TelvaneKeychainBackend> makeSecretServiceKeychain();
+/// The desktop's Secret Service (GNOME Keyring, KWallet, KeePassXC) through libsecret. Each operation gives
+/// up after @p limit, so a keyring that does not answer delays a login by that much at most.
+std::shared_ptr<TelvaneKeychainBackend>
+makeSecretServiceKeychain(std::chrono::milliseconds limit = std::chrono::seconds(5));

@@ -1,2 +1,0 @@
-// Telvane::Widgets: the credentials prompt and the diagnostics panel.
-#include <QtWidgets/QWidget>
