@@ -1,0 +1,34 @@
+// The sensor's delegate for the command line: credentials from the options or the terminal, and the end
+// of the run for the main thread to wait on.
+#pragma once
+
+#include "Options.h"
+#include "Terminal.h"
+
+#include <condition_variable>
+#include <mutex>
+
+class CliDelegate : public TelvaneDelegate
+{
+public:
+    CliDelegate(const Options &options, TtyPrompt &prompt, Progress *progress);
+
+    void sensorScriptDidStart(Telvane &sensor, std::shared_ptr<TelvaneFileHandle> output) override;
+    void sensorScriptDidTerminate(Telvane &sensor, long status) override;
+    void sensorDidFailWithError(Telvane &sensor, long code) override;
+    std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor, bool *persist) override;
+
+    /// The reading end of the output, once the script has started.
+    std::shared_ptr<TelvaneFileHandle> output() const;
+    /// Waits for the end of the run; the exit status, or the failure code as a negative number.
+    std::optional<long> waitForEnd(std::chrono::milliseconds timeout);
+
+private:
+    const Options &options_;
+    TtyPrompt &prompt_;
+    Progress *progress_;
+    mutable std::mutex mutex_;
+    std::condition_variable ended_;
+    std::shared_ptr<TelvaneFileHandle> output_; // guarded by mutex_
+    std::optional<long> result_;                // guarded by mutex_
+};

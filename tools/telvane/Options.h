@@ -1,0 +1,29 @@
+// What the command line asked for.
+#pragma once
+
+#include <Telvane/Telvane.h>
+
+#include <optional>
+#include <string>
+
+struct Options {
+    std::string host;
+    std::string scriptPath = "-"; // "-": standard input
+    long port = 22;
+    std::optional<std::string> user;
+    std::optional<std::string> passwordFile;
+    TelvaneArguments arguments;
+    double timeout = 10;
+    bool remember = false;
+    std::optional<std::string> name;
+    bool verbose = false;
+};
+
+// Exit statuses besides the script's own.
+enum ExitStatus : int {
+    ExitUsage = 2,
+    ExitConnection = 255,
+    ExitNoCredentials = 254,
+    ExitAuthentication = 253,
+    ExitInterrupted = 130,
+};

@@ -1,0 +1,130 @@
+#include "Terminal.h"
+
+#include <Telvane/TelvaneCredentials.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <cstdlib>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <termios.h>
+#include <unistd.h>
+
+TtyPrompt::TtyPrompt()
+    : tty_(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)), cancel_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+}
+
+TtyPrompt::~TtyPrompt()
+{
+    if (tty_ >= 0)
+        ::close(tty_);
+    if (cancel_ >= 0)
+        ::close(cancel_);
+}
+
+void TtyPrompt::cancel()
+{
+    const uint64_t one = 1;
+    [[maybe_unused]] ssize_t n = ::write(cancel_, &one, sizeof one);
+}
+
+std::optional<std::string> TtyPrompt::ask(const std::string &prompt, bool hidden)
+{
+    if (tty_ < 0)
+        return std::nullopt;
+    termios saved{};
+    const bool restore = hidden && ::tcgetattr(tty_, &saved) == 0;
+    if (restore) {
+        termios quiet = saved;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        quiet.c_lflag |= ECHONL;
+        ::tcsetattr(tty_, TCSAFLUSH, &quiet);
+    }
+    writeAll(tty_, prompt);
+    std::string line;
+    bool complete = false;
+    for (;;) {
+        pollfd fds[2] = {{tty_, POLLIN, 0}, {cancel_, POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            break;
+        }
+        if (fds[1].revents)
+            break;
+        char c;
+        const ssize_t n = ::read(tty_, &c, 1);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        if (c == '\n' || c == '\r') {
+            complete = true;
+            break;
+        }
+        line.push_back(c);
+    }
+    if (restore)
+        ::tcsetattr(tty_, TCSAFLUSH, &saved);
+    if (!complete) {
+        if (hidden)
+            writeAll(tty_, "\n");
+        telvaneWipe(line);
+        return std::nullopt;
+    }
+    return line;
+}
+
+Progress::Progress(std::string text) : text_(std::move(text))
+{
+    if (!::isatty(STDERR_FILENO))
+        return;
+    thread_ = std::thread([this] {
+        static const char frames[] = "|/-\\";
+        std::unique_lock lock(mutex_);
+        for (unsigned i = 0; !stopped_; ++i) {
+            const std::string line = "\r" + text_ + " " + frames[i % 4];
+            writeAll(STDERR_FILENO, line);
+            wake_.wait_for(lock, std::chrono::milliseconds(120));
+        }
+        writeAll(STDERR_FILENO, "\r\033[K");
+    });
+}
+
+Progress::~Progress()
+{
+    stop();
+}
+
+void Progress::stop()
+{
+    {
+        std::lock_guard lock(mutex_);
+        stopped_ = true;
+    }
+    wake_.notify_all();
+    if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id())
+        std::call_once(joined_, [this] { thread_.join(); });
+}
+
+bool colourWanted(int fd)
+{
+    const char *noColour = std::getenv("NO_COLOR");
+    return ::isatty(fd) && !(noColour && *noColour);
+}
+
+bool writeAll(int fd, const char *data, std::size_t size)
+{
+    while (size > 0) {
+        const ssize_t n = ::write(fd, data, size);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        data += n;
+        size -= static_cast<std::size_t>(n);
+    }
+    return true;
+}

@@ -1,0 +1,53 @@
+// The controlling terminal: questions asked on /dev/tty, a progress line on standard error, colours.
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+/// Asks questions on the controlling terminal, so that answers never mix with the script's output.
+/// cancel() from any thread ends a question that is waiting, and every later one.
+class TtyPrompt
+{
+public:
+    TtyPrompt();
+    ~TtyPrompt();
+    TtyPrompt(const TtyPrompt &) = delete;
+    TtyPrompt &operator=(const TtyPrompt &) = delete;
+
+    bool available() const { return tty_ >= 0; }
+    /// Shows @p prompt and reads one line; with @p hidden the typed characters are not echoed. Nothing when
+    /// there is no terminal, at end of input, or when cancelled.
+    std::optional<std::string> ask(const std::string &prompt, bool hidden);
+    void cancel();
+
+private:
+    int tty_ = -1;
+    int cancel_ = -1; // eventfd, readable once cancelled
+};
+
+/// A small "connecting" indicator on standard error while nothing else is shown; only on a terminal.
+class Progress
+{
+public:
+    explicit Progress(std::string text);
+    ~Progress();
+    /// Removes the indicator for good. Any thread; safe to call again.
+    void stop();
+
+private:
+    std::mutex mutex_;
+    std::condition_variable_any wake_;
+    bool stopped_ = false; // guarded by mutex_
+    std::string text_;
+    std::once_flag joined_;
+    std::thread thread_;
+};
+
+/// True when @p fd is a terminal and NO_COLOR is not set.
+bool colourWanted(int fd);
+/// Writes all of @p data to @p fd; false when the reader went away.
+bool writeAll(int fd, const char *data, std::size_t size);
+inline bool writeAll(int fd, const std::string &s) { return writeAll(fd, s.data(), s.size()); }
