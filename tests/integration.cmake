@@ -1,0 +1,12 @@
+# End-to-end suites against a real OpenSSH sshd (tests/support/SshdHarness), and the harness itself, which
+# other suites and the benchmarks reuse.
+
+# The harness has no gtest in it, so benchmarks can link it alone; gtest suites get it with the support library.
+add_library(telvane_sshd_harness STATIC support/SshdHarness.cpp)
+target_include_directories(telvane_sshd_harness PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
+target_link_libraries(telvane_test_support PUBLIC telvane_sshd_harness)
+
+add_executable(telvane_integration_tests
+    integration/WholeRunTest.cpp)
+target_link_libraries(telvane_integration_tests PRIVATE telvane_test_support GTest::gtest_main)
+telvane_discover(telvane_integration_tests TIMEOUT 300)

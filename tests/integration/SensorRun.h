@@ -1,0 +1,72 @@
+// What the end-to-end suites share: a sensor aimed at the test daemon, a recording delegate that answers
+// with the daemon's account, an in-memory keyring, and a watch on every log line for the password.
+#pragma once
+
+#include "support/SshdFixture.h"
+#include "support/TestEnvironment.h"
+
+#include <Telvane/Platform/TelvaneKeychain.h>
+#include <Telvane/Telvane.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+namespace telvane::test {
+
+class SensorRunTest : public SshdTest
+{
+protected:
+    void SetUp() override
+    {
+        SshdTest::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
+        // Never the user's real keyring, and nothing left over from an earlier test.
+        TelvaneKeychain::setBackend(TelvaneKeychain::makeBackend("memory"));
+        delegate = std::make_shared<RecordingDelegate>();
+        delegate->answer = TelvaneCredentialsDictionary{sshd().username(), sshd().password()};
+    }
+
+    void TearDown() override
+    {
+        for (const auto &line : log.lines())
+            EXPECT_EQ(std::string::npos, line.find(sshd().password())) << "a log line holds the password";
+        if (HasFailure())
+            std::cerr << "---- library log ----\n" << log.joined() << "---- end of library log ----\n";
+        TelvaneKeychain::setBackend(nullptr);
+        SshdTest::TearDown();
+    }
+
+    std::shared_ptr<Telvane> makeSensor(double timeout = 10.0) const
+    {
+        return makeSensor(sshd().host(), sshd().port(), timeout);
+    }
+    std::shared_ptr<Telvane> makeSensor(const std::string &host, long port, double timeout = 10.0) const
+    {
+        auto sensor = Telvane::create("test", "Test sensor", host, port, timeout);
+        sensor->setDelegate(delegate);
+        return sensor;
+    }
+
+    /// Runs @p script on @p sensor and waits until the run has ended and its output reached end of file.
+    ::testing::AssertionResult runToEnd(Telvane &sensor, const std::string &script,
+                                        std::chrono::seconds limit = std::chrono::seconds(60))
+    {
+        sensor.runScript(script, std::nullopt);
+        // The pump may report the end before the start notice has gone out, so wait for both.
+        const bool started = delegate->count(RecordingDelegate::Event::Started) > 0;
+        if (!delegate->waitForEnd(limit))
+            return ::testing::AssertionFailure() << "the run did not end within " << limit.count() << " s";
+        if (started || delegate->count(RecordingDelegate::Event::Started) > 0) {
+            if (!waitUntil([&] { return !sensor.running(); }, limit))
+                return ::testing::AssertionFailure() << "still running after the end was reported";
+        }
+        return ::testing::AssertionSuccess();
+    }
+
+    LogCapture log;
+    std::shared_ptr<RecordingDelegate> delegate;
+};
+
+} // namespace telvane::test

@@ -1,0 +1,50 @@
+// gtest fixture around SshdHarness: one daemon per test suite, a skip (a failure under CI) when it cannot
+// start, and the daemon's log printed for every failed test.
+#pragma once
+
+#include "support/SshdHarness.h"
+#include "support/TestEnvironment.h"
+
+#include <gtest/gtest.h>
+
+#include <iostream>
+#include <memory>
+
+namespace telvane::test {
+
+class SshdTest : public ::testing::Test
+{
+public:
+    /// The suite's daemon; started on first use, so that it also serves parameterised and typed suites.
+    static SshdHarness &sshd()
+    {
+        if (!harness_) {
+            harness_ = std::make_unique<SshdHarness>();
+            harness_->start();
+        }
+        return *harness_;
+    }
+
+protected:
+    static void SetUpTestSuite() { sshd(); }
+    static void TearDownTestSuite() { harness_.reset(); }
+
+    void SetUp() override
+    {
+        TELVANE_REQUIRE_COMPONENT(sshd().running(), "no sshd for this test: " + sshd().reason());
+        logStart_ = sshd().logSize();
+    }
+
+    void TearDown() override
+    {
+        if (HasFailure() && harness_)
+            std::cerr << "---- sshd log of this test ----\n"
+                      << harness_->log(logStart_) << "---- end of sshd log ----\n";
+    }
+
+private:
+    static inline std::unique_ptr<SshdHarness> harness_;
+    std::size_t logStart_ = 0;
+};
+
+} // namespace telvane::test
