@@ -1,0 +1,202 @@
+#include "TelvaneCredentialsPrompt.h"
+
+#include "TelvaneCredentialsAccessoryView.h"
+#include "TelvaneWidgetsTranslations.h"
+
+#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/Telvane.h>
+
+#include <QtCore/QThread>
+#include <QtWidgets/QApplication>
+#include <QtWidgets/QCheckBox>
+#include <QtWidgets/QDialog>
+#include <QtWidgets/QDialogButtonBox>
+#include <QtWidgets/QLabel>
+#include <QtWidgets/QLineEdit>
+#include <QtWidgets/QPushButton>
+#include <QtWidgets/QStyle>
+#include <QtWidgets/QVBoxLayout>
+
+#include <algorithm>
+#include <mutex>
+
+namespace {
+
+// The answers of the two buttons, numbered as alerts number them: the first button answers 1000.
+constexpr int firstButtonAnswer = 1000;
+constexpr int secondButtonAnswer = 1001;
+
+struct PromptAnswer
+{
+    TelvaneCredentialsDictionary credentials;
+    bool persist = false;
+};
+
+/// Copies the password out of the field and leaves no copy behind in the field or in Qt's buffers that
+/// we own.
+std::string takePassword(QLineEdit *field)
+{
+    QString text = field->text();
+    // setText, unlike clear(), also drops the undo history, which would keep the typed characters.
+    field->setText(QString());
+    QByteArray utf8 = text.toUtf8();
+    std::string password(utf8.constData(), static_cast<size_t>(utf8.size()));
+    // Now the only owners of their buffers, so writing through them does not detach.
+    std::fill(text.begin(), text.end(), QChar());
+    std::fill(utf8.begin(), utf8.end(), '\0');
+    return password;
+}
+
+class CredentialsDialog : public QDialog
+{
+public:
+    explicit CredentialsDialog(const QString &sensorName)
+    {
+        setObjectName(QStringLiteral("TelvaneCredentialsDialog"));
+        // The key carries the alert's "%@" placeholder; translations keep it.
+        const QString message =
+            TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Authentication required for %@"))
+                .replace(QLatin1String("%@"), sensorName);
+        setWindowTitle(message);
+        setWindowModality(Qt::ApplicationModal);
+
+        auto *icon = new QLabel(this);
+        const QIcon fallback = style()->standardIcon(QStyle::SP_MessageBoxQuestion, nullptr, this);
+        const int extent = style()->pixelMetric(QStyle::PM_MessageBoxIconSize, nullptr, this);
+        icon->setPixmap(QIcon::fromTheme(QStringLiteral("dialog-password"), fallback).pixmap(extent, extent));
+        icon->setAlignment(Qt::AlignTop | Qt::AlignHCenter);
+
+        messageLabel = new QLabel(message, this);
+        messageLabel->setObjectName(QStringLiteral("messageLabel"));
+        messageLabel->setTextFormat(Qt::PlainText);
+        messageLabel->setWordWrap(true);
+        QFont bold = messageLabel->font();
+        bold.setBold(true);
+        messageLabel->setFont(bold);
+
+        informativeLabel = new QLabel(TelvaneWidgets::localized(QT_TRANSLATE_NOOP(
+                                          "Localizable", "Please enter the username and password:")),
+                                      this);
+        informativeLabel->setObjectName(QStringLiteral("informativeLabel"));
+        informativeLabel->setTextFormat(Qt::PlainText);
+        informativeLabel->setWordWrap(true);
+
+        accessory = new TelvaneCredentialsAccessoryView(this);
+
+        auto *buttons = new QDialogButtonBox(this);
+        okButton = buttons->addButton(TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "OK")),
+                                      QDialogButtonBox::AcceptRole);
+        okButton->setObjectName(QStringLiteral("okButton"));
+        cancelButton =
+            buttons->addButton(TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Cancel")),
+                               QDialogButtonBox::RejectRole);
+        cancelButton->setObjectName(QStringLiteral("cancelButton"));
+        okButton->setDefault(true);
+        okButton->setEnabled(true);
+        connect(okButton, &QPushButton::clicked, this, [this] { done(firstButtonAnswer); });
+        connect(cancelButton, &QPushButton::clicked, this, [this] { done(secondButtonAnswer); });
+
+        auto *texts = new QVBoxLayout;
+        texts->addWidget(messageLabel);
+        texts->addWidget(informativeLabel);
+        texts->addSpacing(style()->pixelMetric(QStyle::PM_LayoutVerticalSpacing, nullptr, this));
+        texts->addWidget(accessory);
+        auto *body = new QHBoxLayout;
+        body->addWidget(icon);
+        body->addLayout(texts, 1);
+        auto *layout = new QVBoxLayout(this);
+        layout->addLayout(body);
+        layout->addWidget(buttons);
+        // Wide enough for the message of a sensor with a long name without wrapping every word.
+        setMinimumWidth(420);
+        layout->setSizeConstraint(QLayout::SetMinimumSize);
+    }
+
+    QLabel *messageLabel = nullptr;
+    QLabel *informativeLabel = nullptr;
+    TelvaneCredentialsAccessoryView *accessory = nullptr;
+    QPushButton *okButton = nullptr;
+    QPushButton *cancelButton = nullptr;
+};
+
+/// Runs one prompt. GUI thread.
+std::optional<PromptAnswer> runPrompt(const std::string &sensorName)
+{
+    TelvaneWidgets::installTranslator();
+    CredentialsDialog dialog(QString::fromStdString(sensorName));
+    const int answer = dialog.exec();
+    std::optional<PromptAnswer> result;
+    if (answer == firstButtonAnswer) {
+        result.emplace();
+        result->persist = dialog.accessory->rememberPasswordButton()->isChecked();
+        result->credentials.username = dialog.accessory->usernameField()->text().toStdString();
+        result->credentials.password = takePassword(dialog.accessory->passwordField());
+    } else {
+        takePassword(dialog.accessory->passwordField());
+    }
+    return result;
+}
+
+/// What the asking thread and the GUI thread share for one prompt. The GUI thread's hop is ordered by
+/// Qt's own blocking hand-over; the mutex also makes that order visible to ThreadSanitizer, which cannot
+/// see into Qt's uninstrumented semaphore.
+struct Handoff
+{
+    std::mutex mutex;
+    std::string sensorName;             // guarded by mutex
+    std::optional<PromptAnswer> answer; // guarded by mutex
+    bool ran = false;                   // guarded by mutex
+};
+
+} // namespace
+
+namespace TelvaneCredentials {
+
+std::optional<TelvaneCredentialsDictionary> promptForCredentials(Telvane &sensor, bool *persist)
+{
+    auto *app = qobject_cast<QApplication *>(QCoreApplication::instance());
+    if (!app || QCoreApplication::closingDown()) {
+        telvaneLog("promptForCredentials: no QApplication to show the prompt on\n");
+        return std::nullopt;
+    }
+
+    std::optional<PromptAnswer> answer;
+    if (QThread::currentThread() == app->thread()) {
+        // A blocking hop to our own thread would wait for itself.
+        answer = runPrompt(sensor.name());
+    } else {
+        Handoff handoff;
+        {
+            std::lock_guard lock(handoff.mutex);
+            handoff.sensorName = sensor.name();
+        }
+        // Should the application object be destroyed before the call has run, Qt deletes the pending call,
+        // which releases this thread; `ran` then stays false and the answer empty.
+        QMetaObject::invokeMethod(
+            app,
+            [&handoff] {
+                std::string name;
+                {
+                    std::lock_guard lock(handoff.mutex);
+                    name = handoff.sensorName;
+                }
+                auto result = runPrompt(name);
+                std::lock_guard lock(handoff.mutex);
+                handoff.answer = std::move(result);
+                handoff.ran = true;
+            },
+            Qt::BlockingQueuedConnection);
+        std::lock_guard lock(handoff.mutex);
+        if (!handoff.ran)
+            telvaneLog("promptForCredentials: the application went away before the prompt could be shown\n");
+        answer = std::move(handoff.answer);
+    }
+
+    if (!answer)
+        return std::nullopt;
+    if (persist)
+        *persist = answer->persist;
+    return std::move(answer->credentials);
+}
+
+} // namespace TelvaneCredentials
