@@ -59,3 +59,78 @@ INSTANTIATE_TEST_SUITE_P(Sizes, WholeRun,
                              return "Bytes" + std::to_string(info.param.size) + "Status" +
                                     std::to_string(info.param.status);
                          });
+
+namespace {
+struct ScriptCase
+{
+    const char *name;
+    std::string script;
+    std::string output; // "__PASSWORD__" in here stands for the account's password
+};
+
+class ScriptShapes : public SensorRunTest, public ::testing::WithParamInterface<ScriptCase>
+{
+};
+} // namespace
+
+TEST_P(ScriptShapes, RunsTheNormalisedScript)
+{
+    auto sensor = makeSensor();
+    const auto logStart = sshd().logSize();
+    ASSERT_TRUE(runToEnd(*sensor, GetParam().script));
+    ASSERT_EQ(std::nullopt, delegate->failureCode()) << log.joined();
+    EXPECT_EQ(0, delegate->terminationStatus());
+    std::string expected = GetParam().output;
+    if (const auto at = expected.find("__PASSWORD__"); at != std::string::npos)
+        expected.replace(at, 12, sshd().password());
+    EXPECT_EQ(expected, delegate->output());
+    // The exec request went out even when nothing of the script was left to run.
+    EXPECT_NE(std::string::npos, sshd().log(logStart).find("Starting session: command for"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scripts, ScriptShapes,
+    ::testing::Values(ScriptCase{"CommentsOnly", "# nothing\n# to do\n", ""},
+                      ScriptCase{"InterpreterLineAndComments",
+                                 "#!/bin/bash\necho one\n\n\n# said one\necho two # and two\necho three\n",
+                                 "one\nthree\n"},
+                      // The password holds a number sign; it is put in after comment lines are gone.
+                      ScriptCase{"PasswordPlaceholder", "printf '%s' __PASSWORD__", "__PASSWORD__"}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+TEST_F(SensorRunTest, ReachesTheServerOverIpv6AndWithAPortCutTo16Bits)
+{
+    auto overIpv6 = makeSensor(sshd().host6(), sshd().port());
+    ASSERT_TRUE(runToEnd(*overIpv6, "echo \"$SSH_CONNECTION\""));
+    EXPECT_EQ(0, delegate->terminationStatus()) << log.joined();
+    EXPECT_EQ(0u, delegate->output().find("::1 ")) << delegate->output();
+
+    // Only the low 16 bits of the port are used.
+    delegate = std::make_shared<RecordingDelegate>();
+    delegate->answer = TelvaneCredentialsDictionary{sshd().username(), sshd().password()};
+    auto wrapped = makeSensor(sshd().host(), sshd().port() + 65536L);
+    ASSERT_TRUE(runToEnd(*wrapped, "echo wrapped"));
+    EXPECT_EQ(0, delegate->terminationStatus()) << log.joined();
+    EXPECT_EQ("wrapped\n", delegate->output());
+}
+
+TEST_F(SensorRunTest, ReportsAnExitStatusThatArrivesLongAfterTheEndOfOutput)
+{
+    auto sensor = makeSensor();
+    const auto started = std::chrono::steady_clock::now();
+    ASSERT_TRUE(runToEnd(*sensor, "echo before\nexec 1>&- 2>&-\nsleep 1\nexit 7"));
+    EXPECT_EQ(7, delegate->terminationStatus()) << log.joined();
+    EXPECT_EQ("before\n", delegate->output());
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(900));
+}
+
+TEST_F(SensorRunTest, AFloodOnStandardErrorDoesNotStallStandardOutput)
+{
+    auto sensor = makeSensor();
+    // Four times the channel window on standard error: if it were kept instead of dropped, the server
+    // would stop sending and the run would never end.
+    ASSERT_TRUE(
+        runToEnd(*sensor, "head -c 8388608 /dev/zero >&2\necho done\nexit 5", std::chrono::seconds(60)));
+    EXPECT_EQ(5, delegate->terminationStatus()) << log.joined();
+    EXPECT_EQ("done\n", delegate->output());
+}
