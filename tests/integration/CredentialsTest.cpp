@@ -1,0 +1,125 @@
+// Where a run's credentials come from, what the server's answer does to the keyring, and what is never sent.
+#include "Platform/Libssh2Library.h"
+#include "integration/SensorRun.h"
+
+using telvane::test::RecordingDelegate;
+using telvane::test::SensorRunTest;
+using Event = RecordingDelegate::Event;
+
+namespace {
+class Credentials : public SensorRunTest
+{
+protected:
+    std::optional<std::string> stored(const Telvane &sensor) const
+    {
+        return TelvaneKeychain::passwordForService(sensor.serviceNameForSensor(), sshd().username());
+    }
+    void freshDelegate()
+    {
+        delegate = std::make_shared<RecordingDelegate>();
+        delegate->answer = TelvaneCredentialsDictionary{sshd().username(), sshd().password()};
+    }
+};
+
+class Persist : public Credentials, public ::testing::WithParamInterface<bool>
+{
+};
+} // namespace
+
+TEST_F(Credentials, AStoredPairIsUsedWithoutAskingTheDelegate)
+{
+    auto sensor = makeSensor();
+    TelvaneKeychain::setPassword(sshd().password(), sensor->serviceNameForSensor(), sshd().username());
+    delegate->answer.reset();
+    ASSERT_TRUE(runToEnd(*sensor, "echo ok"));
+    EXPECT_EQ(0, delegate->terminationStatus()) << log.joined();
+    EXPECT_EQ("ok\n", delegate->output());
+    EXPECT_EQ(0, delegate->count(Event::AskedCredentials));
+}
+
+TEST_P(Persist, TheDelegatesPairIsKeptOnlyWhenAskedAndAccepted)
+{
+    const bool persist = GetParam();
+    auto sensor = makeSensor();
+    delegate->answerPersist = persist;
+    ASSERT_TRUE(runToEnd(*sensor, "echo ok"));
+    EXPECT_EQ(1, delegate->count(Event::AskedCredentials));
+    EXPECT_EQ(0, delegate->terminationStatus()) << log.joined();
+    EXPECT_EQ(persist ? std::optional(sshd().password()) : std::nullopt, stored(*sensor));
+
+    // A refused pair is never kept, whatever the delegate asked.
+    freshDelegate();
+    delegate->answer->password = "not-" + sshd().password();
+    delegate->answerPersist = persist;
+    auto other = Telvane::create("other", "Other", "localhost", sshd().port());
+    other->setDelegate(delegate);
+    ASSERT_TRUE(runToEnd(*other, "echo never"));
+    EXPECT_EQ(3, delegate->failureCode());
+    EXPECT_EQ(0, delegate->count(Event::Started));
+    EXPECT_EQ(std::nullopt, stored(*other));
+}
+
+INSTANTIATE_TEST_SUITE_P(Flag, Persist, ::testing::Bool(),
+                         [](const auto &info) { return info.param ? "Persist" : "DoNotPersist"; });
+
+TEST_F(Credentials, ARefusedStoredPairIsDeletedAndTheNextRunAsksTheDelegate)
+{
+    auto sensor = makeSensor();
+    TelvaneKeychain::setPassword("stale#password", sensor->serviceNameForSensor(), sshd().username());
+    const auto logStart = sshd().logSize();
+    ASSERT_TRUE(runToEnd(*sensor, "echo never"));
+    EXPECT_EQ(3, delegate->failureCode());
+    EXPECT_EQ(0, delegate->count(Event::AskedCredentials));
+    EXPECT_TRUE(log.contains("libssh2_userauth_password()) failed.")) << log.joined();
+    EXPECT_NE(std::string::npos, sshd().log(logStart).find("Failed password for " + sshd().username()));
+    EXPECT_EQ(std::nullopt, stored(*sensor));
+
+    freshDelegate();
+    sensor->setDelegate(delegate);
+    ASSERT_TRUE(runToEnd(*sensor, "echo again"));
+    EXPECT_EQ(1, delegate->count(Event::AskedCredentials));
+    EXPECT_EQ("again\n", delegate->output());
+}
+
+TEST_F(Credentials, NoCredentialsEndTheRunWithCode2AndNotALine)
+{
+    auto sensor = makeSensor();
+    delegate->answer.reset();
+    ASSERT_TRUE(runToEnd(*sensor, "echo never"));
+    EXPECT_EQ(2, delegate->failureCode());
+    EXPECT_EQ(1, delegate->count(Event::AskedCredentials));
+    EXPECT_EQ(0, delegate->count(Event::Started));
+    EXPECT_TRUE(log.lines().empty()) << log.joined();
+    EXPECT_EQ(0, telvane::libssh2References());
+}
+
+namespace {
+struct Unsendable
+{
+    const char *name;
+    bool username; // which half of the pair is not ASCII
+};
+class UnsendableCredentials : public Credentials, public ::testing::WithParamInterface<Unsendable>
+{
+};
+} // namespace
+
+TEST_P(UnsendableCredentials, AreRefusedWithCode3BeforeAnythingIsSent)
+{
+    auto sensor = makeSensor();
+    if (GetParam().username)
+        delegate->answer->username = "t\xc3\xa9st";
+    else
+        delegate->answer->password = sshd().password() + "\xc3\xa9";
+    const auto logStart = sshd().logSize();
+    ASSERT_TRUE(runToEnd(*sensor, "echo never"));
+    EXPECT_EQ(3, delegate->failureCode());
+    EXPECT_TRUE(log.contains("is not ASCII text; it was not sent")) << log.joined();
+    const std::string daemon = sshd().log(logStart);
+    EXPECT_EQ(std::string::npos, daemon.find("Failed password")) << daemon;
+    EXPECT_EQ(std::string::npos, daemon.find("Invalid user")) << daemon;
+}
+
+INSTANTIATE_TEST_SUITE_P(Half, UnsendableCredentials,
+                         ::testing::Values(Unsendable{"Username", true}, Unsendable{"Password", false}),
+                         [](const auto &info) { return std::string(info.param.name); });
