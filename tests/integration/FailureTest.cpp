@@ -1,0 +1,88 @@
+// Runs that cannot get going: each ends once, with its code and its log line, and holds nothing afterwards.
+#include "Platform/Libssh2Library.h"
+#include "TelvanePrivate.h"
+#include "integration/Loopback.h"
+#include "integration/SensorRun.h"
+
+#include <chrono>
+
+using telvane::test::LoopbackSocket;
+using telvane::test::RecordingDelegate;
+using telvane::test::SensorRunTest;
+using Event = RecordingDelegate::Event;
+
+namespace {
+class Failure : public SensorRunTest
+{
+protected:
+    void expectOneFailure(long code)
+    {
+        EXPECT_EQ(code, delegate->failureCode()) << log.joined();
+        EXPECT_EQ(1, delegate->count(Event::Failed));
+        EXPECT_EQ(0, delegate->count(Event::Started));
+        EXPECT_EQ(0, delegate->count(Event::Terminated));
+        EXPECT_EQ(0, telvane::libssh2References());
+    }
+};
+} // namespace
+
+TEST_F(Failure, AnUnknownHostIsReportedBeforeAnythingIsOpened)
+{
+    auto sensor = makeSensor("no-such-host.invalid", sshd().port());
+    ASSERT_TRUE(runToEnd(*sensor, "echo never"));
+    expectOneFailure(1);
+    EXPECT_EQ(std::vector<std::string>{"cannot resolve no-such-host.invalid"}, log.lines());
+    EXPECT_EQ(0, delegate->count(Event::AskedCredentials));
+}
+
+TEST_F(Failure, ARefusedConnectionLogsErrorMinusOne)
+{
+    LoopbackSocket closedPort; // bound, not listening: connections to it are refused
+    auto sensor = makeSensor("127.0.0.1", closedPort.port());
+    ASSERT_TRUE(runToEnd(*sensor, "echo never"));
+    expectOneFailure(1);
+    EXPECT_TRUE(log.contains("error: -1")) << log.joined();
+}
+
+TEST_F(Failure, AConnectThatNobodyAnswersTimesOutWithErrorMinusTwo)
+{
+    LoopbackSocket deaf(0);
+    deaf.fillBacklog();
+    auto sensor = makeSensor("127.0.0.1", deaf.port(), 1.0);
+    const auto started = std::chrono::steady_clock::now();
+    ASSERT_TRUE(runToEnd(*sensor, "echo never"));
+    const auto took = std::chrono::steady_clock::now() - started;
+    expectOneFailure(1);
+    EXPECT_TRUE(log.contains("error: -2")) << log.joined();
+    EXPECT_GE(took, std::chrono::milliseconds(900));
+    EXPECT_LT(took, std::chrono::seconds(5));
+}
+
+TEST_F(Failure, AnAddressThatIsNeitherIpv4NorIpv6TellsTheDelegateNothing)
+{
+    auto sensor = makeSensor();
+    TelvanePrivate::get(*sensor).resolver = [](const std::string &) {
+        return std::string("sensor.example");
+    };
+    const int descriptors = telvane::test::openDescriptorCount();
+    sensor->runScript("echo never", std::nullopt);
+    EXPECT_TRUE(delegate->events().empty());
+    EXPECT_TRUE(log.contains("inet_pton: ")) << log.joined();
+    EXPECT_FALSE(sensor->running());
+
+    // The library reference taken for this run is not lost: the next close gives it back.
+    sensor->close();
+    EXPECT_EQ(0, telvane::libssh2References());
+    sensor.reset(); // with its pipe, which outlives a failed run on purpose
+    EXPECT_EQ(descriptors, telvane::test::openDescriptorCount());
+}
+
+TEST_F(Failure, AScriptThatIsNotAsciiIsNeverSent)
+{
+    auto sensor = makeSensor();
+    const auto logStart = sshd().logSize();
+    ASSERT_TRUE(runToEnd(*sensor, "echo caf\xc3\xa9"));
+    expectOneFailure(1);
+    EXPECT_TRUE(log.contains("not ASCII")) << log.joined();
+    EXPECT_EQ(std::string::npos, sshd().log(logStart).find("Starting session"));
+}
