@@ -8,8 +8,7 @@
 
 CliDelegate::CliDelegate(const Options &options, TtyPrompt &prompt, Progress *progress)
     : options_(options), prompt_(prompt), progress_(progress)
-{
-}
+{}
 
 void CliDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle> output)
 {

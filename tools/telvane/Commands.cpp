@@ -68,7 +68,7 @@ int reportFailure(long code, const Options &options, const LogKeeper &log)
     case TelvaneErrorAuthentication:
         say("telvane: %s port %ld: authentication failed: %s", options.host, options.port,
             cause.find("not ASCII") != std::string::npos ? cause
-                                                          : "the server refused the username or password");
+                                                         : "the server refused the username or password");
         return ExitAuthentication;
     default:
         say("telvane: %s port %ld: connection failed%s", options.host, options.port,
@@ -99,8 +99,8 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
 {
     LogKeeper log(options.verbose);
     TtyPrompt prompt;
-    auto sensor = Telvane::create(options.host, options.name.value_or(options.host), options.host, options.port,
-                                  options.timeout);
+    auto sensor = Telvane::create(options.host, options.name.value_or(options.host), options.host,
+                                  options.port, options.timeout);
     std::atomic<Progress *> progress{nullptr};
     // Before any thread starts, so that every thread inherits the blocked signals.
     SignalWatcher signals([&](int) {
@@ -121,7 +121,8 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     sensor->setDelegate(delegate);
 
     if (diagnose)
-        showTranscript("Connecting over SSH to " + options.host + " on port " + std::to_string(options.port) + ": ",
+        showTranscript("Connecting over SSH to " + options.host + " on port " + std::to_string(options.port) +
+                           ": ",
                        colour);
     sensor->runScript(script, options.arguments.empty() ? std::nullopt : std::optional(options.arguments));
     if (spinner)

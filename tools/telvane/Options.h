@@ -6,7 +6,8 @@
 #include <optional>
 #include <string>
 
-struct Options {
+struct Options
+{
     std::string host;
     std::string scriptPath = "-"; // "-": standard input
     long port = 22;

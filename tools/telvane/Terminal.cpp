@@ -12,9 +12,9 @@
 #include <unistd.h>
 
 TtyPrompt::TtyPrompt()
-    : tty_(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)), cancel_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
-{
-}
+    : tty_(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY)),
+      cancel_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{}
 
 TtyPrompt::~TtyPrompt()
 {

@@ -50,4 +50,7 @@ private:
 bool colourWanted(int fd);
 /// Writes all of @p data to @p fd; false when the reader went away.
 bool writeAll(int fd, const char *data, std::size_t size);
-inline bool writeAll(int fd, const std::string &s) { return writeAll(fd, s.data(), s.size()); }
+inline bool writeAll(int fd, const std::string &s)
+{
+    return writeAll(fd, s.data(), s.size());
+}

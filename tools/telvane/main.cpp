@@ -59,13 +59,17 @@ void addRunOptions(CLI::App &command, Options &options, std::vector<std::string>
     command.add_option("-l,--user", options.user, "username, when no stored credentials serve");
     command.add_option("--password-file", options.passwordFile, "read the password from the first line of F")
         ->type_name("F");
-    command.add_option("-a,--arg", arguments, "put VALUE in for \"__KEY__\" (repeatable, kept in the order given)")
+    command
+        .add_option("-a,--arg", arguments,
+                    "put VALUE in for \"__KEY__\" (repeatable, kept in the order given)")
         ->type_name("KEY=VALUE")
         ->allow_extra_args(false); // one KEY=VALUE per -a, so HOST and SCRIPT are never taken for one
-    command.add_option("-t,--timeout", options.timeout, "time allowed to each wait on the socket (default 10)")
+    command
+        .add_option("-t,--timeout", options.timeout, "time allowed to each wait on the socket (default 10)")
         ->type_name("SECONDS")
         ->check(CLI::PositiveNumber);
-    command.add_flag("--remember", options.remember, "keep the credentials in the keyring after a successful login");
+    command.add_flag("--remember", options.remember,
+                     "keep the credentials in the keyring after a successful login");
     command.add_option("-n,--name", options.name, "the sensor's display name (default: HOST)");
     command.add_flag("-v,--verbose", options.verbose, "show the library's log lines on standard error");
 }
@@ -83,25 +87,33 @@ int main(int argc, char **argv)
 
     Options options;
     std::vector<std::string> arguments;
-    CLI::App *run = app.add_subcommand("run", "run SCRIPT (a file; \"-\" or none: standard input) on HOST and copy "
-                                              "its standard output to ours, byte for byte, as it arrives");
+    CLI::App *run =
+        app.add_subcommand("run", "run SCRIPT (a file; \"-\" or none: standard input) on HOST and copy "
+                                  "its standard output to ours, byte for byte, as it arrives");
     addRunOptions(*run, options, arguments);
     run->add_option("SCRIPT", options.scriptPath, "the script file, or - for standard input");
-    run->footer("Exit status: the script's own; 255 connection failed, 254 no credentials, 253 authentication "
-                "failed, 2 bad usage, 130 interrupted.");
+    run->footer(
+        "Exit status: the script's own; 255 connection failed, 254 no credentials, 253 authentication "
+        "failed, 2 bad usage, 130 interrupted.");
 
-    CLI::App *diagnose = app.add_subcommand("diagnose", "show the diagnostics transcript of SCRIPT on HOST: the "
-                                                        "connection, the output with *marked* spans in red, the end");
+    CLI::App *diagnose =
+        app.add_subcommand("diagnose", "show the diagnostics transcript of SCRIPT on HOST: the "
+                                       "connection, the output with *marked* spans in red, the end");
     addRunOptions(*diagnose, options, arguments);
     diagnose->add_option("SCRIPT", options.scriptPath, "the diagnostics script file")->required();
     diagnose->footer("Exit status: 0 only when the script ended with 0; otherwise as for run.");
 
     std::string forgetHost;
     CLI::App *forget = app.add_subcommand("forget", "forget the stored credentials of HOST");
-    forget->add_option("HOST", forgetHost, "the sensor host, written as it was when the credentials were kept")
+    forget
+        ->add_option("HOST", forgetHost, "the sensor host, written as it was when the credentials were kept")
         ->required();
     forget->footer("Exit status: 0 when a pair was deleted, 1 when none was stored.");
 
+    if (argc > 1 && argv[1][0] != '-' && std::string(argv[1]) != "run" &&
+        std::string(argv[1]) != "diagnose" && std::string(argv[1]) != "forget")
+        return usageError(std::string("unknown command ") + argv[1] +
+                          " (use run, diagnose or forget; see --help)");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
@@ -119,9 +131,12 @@ int main(int argc, char **argv)
         options.arguments.emplace_back(argument.substr(0, equals), argument.substr(equals + 1));
     }
     if (options.passwordFile) {
-        struct stat st {};
+        struct stat st
+        {
+        };
         if (::stat(options.passwordFile->c_str(), &st) != 0 || !std::ifstream(*options.passwordFile))
-            return usageError("cannot read the password file " + *options.passwordFile + ": " + std::strerror(errno));
+            return usageError("cannot read the password file " + *options.passwordFile + ": " +
+                              std::strerror(errno));
         if (st.st_mode & S_IROTH)
             std::cerr << "telvane: warning: the password file " << *options.passwordFile
                       << " is readable by others (chmod 600 it)\n";

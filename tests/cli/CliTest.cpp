@@ -1,0 +1,277 @@
+// The command-line host as a user runs it: the real binary against the real loopback sshd.
+#include "support/Process.h"
+#include "support/SshdFixture.h"
+
+#include <filesystem>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <thread>
+
+namespace fs = std::filesystem;
+using telvane::test::ProcessOptions;
+using telvane::test::ProcessResult;
+using telvane::test::runProcess;
+
+namespace {
+
+class Cli : public telvane::test::SshdTest
+{
+protected:
+    void SetUp() override
+    {
+        SshdTest::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
+        std::string pattern = (fs::temp_directory_path() / "telvane-cli-XXXXXX").string();
+        home = mkdtemp(pattern.data());
+        passwordFile = (home / "password").string();
+        writePrivate(passwordFile, sshd().password() + "\n");
+    }
+    void TearDown() override
+    {
+        SshdTest::TearDown();
+        if (!home.empty())
+            fs::remove_all(home);
+    }
+
+    static void writePrivate(const std::string &path, const std::string &text)
+    {
+        FILE *f = fopen(path.c_str(), "w");
+        fputs(text.c_str(), f);
+        fclose(f);
+        chmod(path.c_str(), 0600);
+    }
+
+    std::string script(const std::string &text) const
+    {
+        const std::string path = (home / ("script" + std::to_string(scripts++))).string();
+        writePrivate(path, text);
+        return path;
+    }
+
+    // telvane with the given arguments, the keyring kept in this test's own directory.
+    ProcessResult telvane(std::vector<std::string> args, ProcessOptions options = {}) const
+    {
+        args.insert(args.begin(), TELVANE_CLI_PATH);
+        options.environment.emplace("TELVANE_KEYRING", "file");
+        options.environment.emplace("XDG_DATA_HOME", (home / "data").string());
+        options.environment.emplace("NO_COLOR", "");
+        return runProcess(args, options);
+    }
+
+    // The usual login options for the harness's account.
+    std::vector<std::string> login(std::vector<std::string> args) const
+    {
+        std::vector<std::string> all = {
+            args[0],           "-p",        std::to_string(sshd().port()), "-l", sshd().username(),
+            "--password-file", passwordFile};
+        all.insert(all.end(), args.begin() + 1, args.end());
+        return all;
+    }
+
+    fs::path home;
+    std::string passwordFile;
+    mutable int scripts = 0;
+};
+
+} // namespace
+
+TEST_F(Cli, RunPassesTheScriptsStatusAndSubstitutesArgumentsInOrder)
+{
+    const auto ok = telvane(login({"run", "-a", "WHO=__X__", "-a", "X=world", sshd().host(),
+                                   script("#!/bin/sh\necho hello __WHO__\nexit 0\n")}));
+    EXPECT_EQ(0, ok.status) << ok.err;
+    EXPECT_EQ("hello world\n", ok.out);
+
+    const auto three =
+        telvane(login({"run", sshd().host(), "-"}), {.input = "echo out; echo err >&2; exit 3\n"});
+    EXPECT_EQ(3, three.status) << three.err;
+    EXPECT_EQ("out\n", three.out); // standard error of the script is not ours
+    EXPECT_EQ("", three.err);
+}
+
+TEST_F(Cli, LargeOutputArrivesByteForByteThroughAPipe)
+{
+    // 40 MB of numbered lines, hashed on both sides.
+    const std::string generate = "seq 1 5000000";
+    const auto local = runProcess({"/bin/sh", "-c", generate + " | sha256sum"});
+    const auto remote = runProcess(
+        {"/bin/sh", "-c",
+         std::string(TELVANE_CLI_PATH) + " run -p " + std::to_string(sshd().port()) + " -l " +
+             sshd().username() + " --password-file " + passwordFile + " " + sshd().host() + " - | sha256sum"},
+        {.input = generate + "\n", .environment = {{"TELVANE_KEYRING", "memory"}}});
+    ASSERT_EQ(0, remote.status) << remote.err;
+    EXPECT_EQ(local.out, remote.out);
+}
+
+TEST_F(Cli, EachFailureHasItsStatusAndOneLineNamingHostPortAndCause)
+{
+    const std::string port = std::to_string(sshd().port());
+    const std::string echo = script("echo hi\n");
+
+    // Wrong password: 253, and nothing is kept.
+    const std::string wrong = (home / "wrong").string();
+    writePrivate(wrong, "not-the-password\n");
+    const auto refused = telvane({"run", "-p", port, "-l", sshd().username(), "--password-file", wrong,
+                                  "--remember", sshd().host(), echo});
+    EXPECT_EQ(253, refused.status);
+    EXPECT_NE(std::string::npos, refused.err.find("127.0.0.1 port " + port + ": authentication failed"))
+        << refused.err;
+
+    // No credentials and no terminal to ask on: 254.
+    const auto none = telvane({"run", "-p", port, sshd().host(), echo});
+    EXPECT_EQ(254, none.status);
+    EXPECT_NE(std::string::npos, none.err.find("no credentials")) << none.err;
+
+    // Nobody listening: 255, with the system's reason.
+    int probe = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    bind(probe, reinterpret_cast<sockaddr *>(&address), length);
+    getsockname(probe, reinterpret_cast<sockaddr *>(&address), &length);
+    const std::string freePort = std::to_string(ntohs(address.sin_port));
+    close(probe);
+    const auto refusedConnection =
+        telvane({"run", "-p", freePort, "-l", "x", "--password-file", passwordFile, sshd().host(), echo});
+    EXPECT_EQ(255, refusedConnection.status);
+    EXPECT_NE(std::string::npos, refusedConnection.err.find("port " + freePort + ": connection failed: "))
+        << refusedConnection.err;
+    EXPECT_NE(std::string::npos, refusedConnection.err.find("Connection refused")) << refusedConnection.err;
+
+    // The password is in no message.
+    for (const auto *result : {&refused, &none, &refusedConnection})
+        EXPECT_EQ(std::string::npos, result->err.find(sshd().password()));
+}
+
+TEST_F(Cli, BadInputIsRefusedWithStatusTwoAndNothingSent)
+{
+    // The test account must be able to leave a mark, so that "nothing sent" is a real check.
+    const fs::path drop = home / "drop";
+    fs::create_directory(drop);
+    chmod(home.c_str(), 0711);
+    chmod(drop.c_str(), 0777);
+    const std::string marker = (drop / "ran").string();
+    const std::string touch = script("touch " + marker + "\n");
+    chmod(touch.c_str(), 0644);
+    const std::string nonAscii = script("echo Gr\xc3\xbc\xc3\x9f"
+                                        "e\n");
+    const std::string world = (home / "world");
+    writePrivate(world, sshd().password() + "\n");
+    chmod(world.c_str(), 0644);
+
+    struct Case
+    {
+        std::vector<std::string> args;
+        std::string message;
+    };
+    const std::string port = std::to_string(sshd().port());
+    const std::vector<Case> cases = {
+        {{"run", "--bogus", sshd().host(), touch}, "--bogus"},
+        {{"run"}, "HOST"},
+        {{"frobnicate", sshd().host()}, "unknown command frobnicate"},
+        {{"run", "-p", port, sshd().host(), "/nonexistent/script"},
+         "cannot read the script /nonexistent/script"},
+        {{"run", "-p", port, sshd().host(), nonAscii}, "not plain ASCII text (line 1); nothing was sent"},
+        {{"run", "-p", port, "-a", "NOEQUALS", sshd().host(), touch}, "--arg NOEQUALS: expected KEY=VALUE"},
+        {{"run", "-p", "70000", sshd().host(), touch}, "70000"},
+        {{"run", "-p", "ssh", sshd().host(), touch}, "ssh"},
+        {{"run", "-t", "-1", "-p", port, sshd().host(), touch}, "-1"},
+        {{"run", "-p", port, "--password-file", "/nonexistent/pw", sshd().host(), touch}, "/nonexistent/pw"},
+    };
+    for (const auto &c : cases) {
+        const auto result = telvane(c.args);
+        EXPECT_EQ(2, result.status) << c.args[0] << " " << result.err;
+        EXPECT_NE(std::string::npos, result.err.find(c.message)) << result.err;
+    }
+    EXPECT_FALSE(fs::exists(marker));
+    // The same script, given properly, does leave its mark.
+    ASSERT_EQ(0, telvane(login({"run", sshd().host(), touch})).status);
+    EXPECT_TRUE(fs::exists(marker));
+
+    // A password file that others can read still works, with a warning.
+    const auto warned = telvane({"run", "-p", port, "-l", sshd().username(), "--password-file", world,
+                                 sshd().host(), script("echo fine\n")});
+    EXPECT_EQ(0, warned.status) << warned.err;
+    EXPECT_NE(std::string::npos, warned.err.find("readable by others")) << warned.err;
+
+    EXPECT_EQ(0, telvane({"--help"}).status);
+    const auto version = telvane({"--version"});
+    EXPECT_EQ(0, version.status);
+    EXPECT_NE(std::string::npos, version.out.find("telvane 5.0"));
+}
+
+TEST_F(Cli, RememberKeepsThePairInTheFileKeyringAndForgetRemovesIt)
+{
+    const std::string echo = script("echo remembered\n");
+    const std::string port = std::to_string(sshd().port());
+    ASSERT_EQ(0, telvane(login({"run", "--remember", sshd().host(), echo})).status);
+    const fs::path keyring = home / "data" / "telvane" / "keyring";
+    ASSERT_TRUE(fs::exists(keyring));
+    EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::status(keyring).permissions());
+
+    // Now no user and no password are given: the stored pair serves.
+    const auto stored = telvane({"run", "-p", port, sshd().host(), echo});
+    EXPECT_EQ(0, stored.status) << stored.err;
+    EXPECT_EQ("remembered\n", stored.out);
+
+    const auto forgot = telvane({"forget", sshd().host()});
+    EXPECT_EQ(0, forgot.status) << forgot.err;
+    const auto again = telvane({"forget", sshd().host()});
+    EXPECT_EQ(1, again.status);
+    EXPECT_NE(std::string::npos, again.err.find("no stored credentials for 127.0.0.1"));
+    EXPECT_EQ(254, telvane({"run", "-p", port, sshd().host(), echo}).status);
+
+    // Without --remember nothing is kept.
+    ASSERT_EQ(0, telvane(login({"run", sshd().host(), echo})).status);
+    EXPECT_EQ(1, telvane({"forget", sshd().host()}).status);
+}
+
+TEST_F(Cli, DiagnoseShowsTheTranscriptAndExitsZeroOnlyForStatusZero)
+{
+    const auto ok = telvane(login({"diagnose", sshd().host(), script("echo hello\n")}));
+    EXPECT_EQ(0, ok.status) << ok.err;
+    EXPECT_EQ("Connecting over SSH to 127.0.0.1 on port " + std::to_string(sshd().port()) +
+                  ": OK\nhello\nDiagnostics completed.\n",
+              ok.out);
+
+    const auto marked = telvane(login({"diagnose", sshd().host(), script("echo '*disk full*'\nexit 2\n")}));
+    EXPECT_EQ(2, marked.status);
+    EXPECT_NE(std::string::npos, marked.out.find("disk full\nDiagnostics terminated with error: 2\n"))
+        << marked.out;
+
+    const std::string wrong = (home / "wrong");
+    writePrivate(wrong, "nope\n");
+    const auto refused = telvane({"diagnose", "-p", std::to_string(sshd().port()), "-l", sshd().username(),
+                                  "--password-file", wrong, sshd().host(), script("echo hello\n")});
+    EXPECT_EQ(253, refused.status);
+    EXPECT_NE(std::string::npos, refused.out.find(": invalid credentials\nDiagnostics completed.\n"))
+        << refused.out;
+}
+
+TEST_F(Cli, InterruptEndsAStalledConnectionAtOnce)
+{
+    // A listener that accepts and never says a word: the SSH handshake waits for its banner.
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr *>(&address), length));
+    ASSERT_EQ(0, listen(listener, 4));
+    getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
+
+    for (const int signal : {SIGINT, SIGTERM}) {
+        const auto result = telvane({"run", "-p", std::to_string(ntohs(address.sin_port)), "-l", "x",
+                                     "--password-file", passwordFile, "127.0.0.1", script("echo never\n")},
+                                    {.timeout = std::chrono::seconds(20),
+                                     .interruptAfter = std::chrono::milliseconds(500),
+                                     .interruptSignal = signal});
+        EXPECT_EQ(128 + signal, result.status) << result.err;
+        EXPECT_LT(result.seconds, 1.5) << "the stop took too long";
+        EXPECT_NE(std::string::npos, result.err.find("interrupted")) << result.err;
+    }
+    close(listener);
+}
