@@ -104,9 +104,9 @@ private:
     void watch(std::chrono::milliseconds limit)
     {
         std::unique_lock lock(mutex_);
+        // g_cancellable_cancel is thread-safe; the blocked call then returns G_IO_ERROR_CANCELLED.
         if (!wake_.wait_for(lock, limit, [this] { return finished_; }))
-            g_cancellable_cancel(
-                cancellable_.get()); // thread-safe; the blocked call returns G_IO_ERROR_CANCELLED
+            g_cancellable_cancel(cancellable_.get());
     }
 
     const GObjectPtr<GCancellable> cancellable_;
@@ -123,14 +123,15 @@ class Operation
 public:
     explicit Operation(std::chrono::milliseconds limit) : limit_(limit), watchdog_(limit) {}
 
-    void fail(const char *what, const GError *error)
+    void fail(const char *what, const GError *error, const char *step = "")
     {
         if (watchdog_.fired()) {
-            telvaneLog("secret-service keyring: cannot %s: no answer within %lld ms", what,
+            telvaneLog("secret-service keyring: cannot %s: %sno answer within %lld ms", what, step,
                        static_cast<long long>(limit_.count()));
             return;
         }
-        telvaneLog("secret-service keyring: cannot %s: %s", what, error ? error->message : "unknown error");
+        telvaneLog("secret-service keyring: cannot %s: %s%s", what, step,
+                   error ? error->message : "unknown error");
         // libsecret keeps its service proxy for the life of the process; one whose connection has closed
         // (the bus was restarted) would fail every later call, so let the next operation connect afresh.
         if (error && g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED))
@@ -148,7 +149,7 @@ public:
             ErrorSlot error;
             service_.reset(secret_service_get_sync(SECRET_SERVICE_NONE, cancellable(), error.out()));
             if (!service_)
-                fail(what, error.get());
+                fail(what, error.get(), "no connection to the Secret Service: ");
         }
         return service_.get();
     }
