@@ -1,0 +1,25 @@
+// What the server does to a connection below SSH: silence, a clean close, a reset.
+#pragma once
+
+#include <chrono>
+
+namespace telvane::faultd {
+
+/// Sends nothing ever again and discards what arrives, until the peer closes: a server that hangs.
+void staySilent(int fd);
+
+/// Sends the server's identification line, as the first step of a key exchange.
+bool sendIdentification(int fd);
+
+/// Waits (bounded) until the peer closes, discarding what it sends: the polite end after a finished channel,
+/// which leaves the first close to the client as an SSH server does.
+void awaitPeerClose(int fd, std::chrono::milliseconds patience);
+
+/// Ends the connection with a FIN after what was written, then waits (bounded) for the peer to close, so
+/// that bytes the peer still sends do not turn the close into a reset.
+void closeGracefully(int fd, std::chrono::milliseconds patience);
+
+/// Ends the connection with a RST once what was written has left the send queue (bounded wait).
+void resetConnection(int fd);
+
+} // namespace telvane::faultd
