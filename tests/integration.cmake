@@ -9,6 +9,7 @@ target_link_libraries(telvane_test_support PUBLIC telvane_sshd_harness)
 add_executable(telvane_integration_tests
     integration/WholeRunTest.cpp
     integration/CredentialsTest.cpp
-    integration/FailureTest.cpp)
+    integration/FailureTest.cpp
+    integration/StopTest.cpp)
 target_link_libraries(telvane_integration_tests PRIVATE telvane_test_support GTest::gtest_main)
 telvane_discover(telvane_integration_tests TIMEOUT 300)
