@@ -160,6 +160,9 @@ void Telvane::close()
             current->requestStop(); // a run installed after the check above must see the stop too
             held = current->teardown();
         }
+        // Again under the lock: a run that was launching when this close began set running after the first
+        // store, and its pump must not take the freed channel for a broken one.
+        setRunning(false);
     }
     telvane::libssh2Release(held);
 }

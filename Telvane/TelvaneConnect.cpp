@@ -99,6 +99,12 @@ void logLastError(LIBSSH2_SESSION *session)
 
 int TelvanePrivate::waitForSocket(const Connection &connection, LIBSSH2_SESSION *session, double timeout)
 {
+    return waitForDirections(connection, connection.sock, session ? libssh2_session_block_directions(session) : 0,
+                             timeout);
+}
+
+int TelvanePrivate::waitForDirections(const Connection &connection, int sock, int directions, double timeout)
+{
     if (std::isnan(timeout) || timeout < 0) {
         errno = EINVAL;
         return -1;
@@ -106,14 +112,13 @@ int TelvanePrivate::waitForSocket(const Connection &connection, LIBSSH2_SESSION 
     // Whole seconds: the fraction is dropped, so a time-out below one second does not wait at all.
     const double seconds = std::trunc(timeout);
     const int ms = seconds * 1000.0 > 2147483647.0 ? 2147483647 : static_cast<int>(seconds * 1000.0);
-    const int directions = session ? libssh2_session_block_directions(session) : 0;
     short events = 0;
     if (directions & LIBSSH2_SESSION_BLOCK_INBOUND)
         events |= POLLIN;
     if (directions & LIBSSH2_SESSION_BLOCK_OUTBOUND)
         events |= POLLOUT;
     // With no direction to wait for, the socket is left out and the wait sleeps (a stop still ends it).
-    pollfd fds[2] = {{connection.wakeDescriptor(), POLLIN, 0}, {events ? connection.sock : -1, events, 0}};
+    pollfd fds[2] = {{connection.wakeDescriptor(), POLLIN, 0}, {events && sock >= 0 ? sock : -1, events, 0}};
     int rc;
     do {
         rc = ::poll(fds, 2, ms);
@@ -355,6 +360,9 @@ void TelvanePrivate::runScript(const std::string &script)
             return;
         }
 
+        // A stop that came while the exec request was under way must not be overwritten by the start.
+        if (stopped())
+            return;
         running = true;
         try {
             // The pump keeps the sensor and its connection alive for as long as it runs.

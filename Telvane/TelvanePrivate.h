@@ -64,7 +64,11 @@ public:
     void doScript(std::shared_ptr<Connection> connection);
     /// Waits until the socket is ready in the directions libssh2 is blocked on, for the whole seconds of
     /// @p timeout, or until the connection is stopped. Result as poll's: > 0 ready, 0 time-out, -1 error.
+    /// Reads the session and the socket: the caller holds the monitor.
     static int waitForSocket(const Connection &connection, LIBSSH2_SESSION *session, double timeout);
+    /// The same wait on @p sock in the libssh2 @p directions, for a caller that read both under the monitor
+    /// and waits outside it, where the session may be freed at any moment.
+    static int waitForDirections(const Connection &connection, int sock, int directions, double timeout);
 
     /// Closes @p connection. When it is the current one this is close(); a run that was replaced by a newer
     /// one only frees its own handles and leaves the newer run alone.

@@ -25,13 +25,15 @@ void TelvanePrivate::doScript(std::shared_ptr<Connection> conn)
                              : static_cast<ssize_t>(LIBSSH2_ERROR_BAD_USE);
     };
     const auto wait = [&] {
-        LIBSSH2_SESSION *session;
+        // What to wait for is read under the monitor: close() may free the session as soon as it is
+        // released. The socket's number stays reserved until the Connection goes, so polling it is safe.
+        int sock, directions;
         {
             std::lock_guard lock(monitor);
-            session = conn->session;
+            sock = conn->sock;
+            directions = conn->session ? libssh2_session_block_directions(conn->session) : 0;
         }
-        // block_directions only reads a field of the session, which lives as long as conn holds it.
-        waitForSocket(*conn, session, q.timeout());
+        waitForDirections(*conn, sock, directions, q.timeout());
     };
 
     bool writeFailed = false;
