@@ -10,6 +10,10 @@ add_executable(telvane_integration_tests
     integration/WholeRunTest.cpp
     integration/CredentialsTest.cpp
     integration/FailureTest.cpp
-    integration/StopTest.cpp)
+    integration/StopTest.cpp
+    integration/ExampleTest.cpp)
 target_link_libraries(telvane_integration_tests PRIVATE telvane_test_support GTest::gtest_main)
+# The example host is built in examples/; the test runs that very binary.
+target_compile_definitions(telvane_integration_tests PRIVATE TELVANE_MINIMAL_HOST="$<TARGET_FILE:minimal-host>")
+add_dependencies(telvane_integration_tests minimal-host)
 telvane_discover(telvane_integration_tests TIMEOUT 300)
