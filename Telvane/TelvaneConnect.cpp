@@ -231,6 +231,8 @@ void TelvanePrivate::runScript(const std::string &script)
             return;
         }
         libssh2_session_set_blocking(conn->session, 0);
+        if (configureSession)
+            configureSession(conn->session);
 
         // Each loop below waits on the socket between attempts instead of spinning; a close() from another
         // thread wakes the wait and ends the attempt.

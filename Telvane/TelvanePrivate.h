@@ -80,6 +80,9 @@ public:
     // Test seams: when set, they stand in for the connecting half and for the host-name resolution.
     std::function<void(const std::string &script)> runScriptOverride;        // set before any run
     std::function<std::optional<std::string>(const std::string &)> resolver; // set before any run
+    // Called on every new session before its handshake, to narrow its method preferences (the benchmarks
+    // force one cipher on both clients); set before any run.
+    std::function<void(LIBSSH2_SESSION *)> configureSession;
 
     mutable std::mutex propertyMutex;
     std::shared_ptr<TelvanePipe> pipe;      // guarded by propertyMutex
