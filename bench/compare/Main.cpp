@@ -1,0 +1,288 @@
+// telvane-bench: starts one loopback sshd and measures, in one run against it, the library's host against
+// OpenSSH's ssh (and against a bare libssh2 loop): throughput, time to the first byte, client CPU per GiB,
+// many sensors at once and a stalled server. Prints a Markdown table and writes it as JSON.
+#include "Clients.h"
+#include "Report.h"
+
+#include "support/SshdHarness.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <poll.h>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+using namespace telvane::bench;
+
+namespace {
+
+constexpr double kGiB = 1024.0 * 1024 * 1024;
+constexpr double kMiB = 1024.0 * 1024;
+
+double median(std::vector<double> values)
+{
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    const std::size_t n = values.size();
+    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+struct Series
+{
+    std::vector<double> throughput; // MiB/s over the process's whole life, login included
+    std::vector<double> cpuPerGiB;  // user + system seconds of the client process per GiB
+    int failures = 0;
+    void add(const Outcome &o, long long expected)
+    {
+        if (!o.ok || o.bytes != expected) {
+            ++failures;
+            std::fprintf(stderr, "  a run failed: exit %d, %lld of %lld bytes%s\n", o.child.exitStatus,
+                         o.bytes, expected, o.child.timedOut ? ", timed out" : "");
+            return;
+        }
+        throughput.push_back(static_cast<double>(expected) / kMiB / o.child.wallSeconds);
+        cpuPerGiB.push_back(o.child.cpuSeconds / (static_cast<double>(expected) / kGiB));
+    }
+};
+
+std::string lastLineValue(const std::string &text, const std::string &prefix)
+{
+    std::istringstream lines(text);
+    std::string found;
+    for (std::string line; std::getline(lines, line);)
+        if (line.rfind(prefix, 0) == 0)
+            found = line.substr(line.rfind(':') + 1);
+    return found;
+}
+
+std::string machine()
+{
+    std::ifstream cpuinfo("/proc/cpuinfo");
+    std::string model = "unknown CPU";
+    for (std::string line; std::getline(cpuinfo, line);)
+        if (line.rfind("model name", 0) == 0) {
+            model = line.substr(line.find(':') + 2);
+            break;
+        }
+    return std::to_string(::sysconf(_SC_NPROCESSORS_ONLN)) + " × " + model;
+}
+
+std::string loadAverage()
+{
+    std::string load;
+    std::getline(std::ifstream("/proc/loadavg"), load);
+    return load.substr(0, load.find(' ', load.find(' ', load.find(' ') + 1) + 1));
+}
+
+// Keeps the sshd up for measuring by hand (perf, strace, one client at a time) until standard input ends
+// or half an hour has passed.
+int serve(const telvane::test::SshdHarness &sshd, const std::string &passwordFile, const std::string &gateDir)
+{
+    std::printf("--port %d --password-file %s --gate-dir %s\n", sshd.port(), passwordFile.c_str(),
+                gateDir.c_str());
+    std::fflush(stdout);
+    pollfd in{0, POLLIN, 0};
+    const int minutes = 30;
+    ::poll(&in, 1, minutes * 60 * 1000);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const bool serving = argc > 1 && std::string(argv[1]) == "serve";
+    const std::string binDir = argc > 1 ? argv[1] : ".";
+    const std::string outDir = argc > 2 ? argv[2] : "bench/results";
+    const int rounds = argc > 3 ? std::atoi(argv[3]) : 5;
+    const long long bytes = argc > 4 ? std::atoll(argv[4]) : 1LL << 30;
+    const int latencyRounds = argc > 5 ? std::atoi(argv[5]) : 20;
+
+    telvane::test::SshdHarness sshd;
+    if (!sshd.start()) {
+        std::fprintf(stderr, "telvane-bench: cannot start sshd: %s\n", sshd.reason().c_str());
+        return 1;
+    }
+    // The password goes to the clients in a file only root can read, never on a command line.
+    char work[] = "/tmp/telvane-bench-XXXXXX";
+    if (!::mkdtemp(work))
+        return 1;
+    const std::string passwordFile = std::string(work) + "/password";
+    std::ofstream(passwordFile) << sshd.password() << '\n';
+    ::chmod(passwordFile.c_str(), 0600);
+    const std::string gateDir = std::filesystem::path(sshd.writeFile("bench-gates", "")).parent_path();
+    if (serving) {
+        serve(sshd, passwordFile, gateDir);
+        std::filesystem::remove_all(work);
+        return 0;
+    }
+    const Clients clients(binDir, work, sshd.port(), passwordFile);
+    Report report;
+    report.note("machine", machine());
+    report.note("load average at start", loadAverage());
+
+    const std::string stream = "head -c " + std::to_string(bytes) + " /dev/zero";
+    const Cipher shared{"aes128-ctr", "hmac-sha2-256"};
+    const Cipher fastest{"aes128-gcm@openssh.com", ""};
+    const double limit = 300;
+
+    // What each side picks when left alone (the library's through the bare loop, which shares its libssh2).
+    const Outcome probe = clients.bare("true", {}, 60);
+    const std::string libssh2Default =
+        probe.result.count("cipher") ? probe.result.at("cipher") + " + " + probe.result.at("mac") : "unknown";
+    report.note("libssh2 1.10 default against this sshd", libssh2Default);
+    report.note("ssh default against this sshd",
+                "chacha20-poly1305@openssh.com (ssh -G lists it first; sshd 9.2 too)");
+
+    // 1 and 3: throughput and client CPU, every client once per round, interleaved so that the machine's
+    // other load falls on all of them alike.
+    Series telvaneShared, sshShared, bareShared, telvaneDefault, sshDefault, sshFastest;
+    for (int round = 0; round < rounds; ++round) {
+        std::fprintf(stderr, "throughput round %d of %d\n", round + 1, rounds);
+        telvaneShared.add(clients.telvane(stream, shared, false, limit), bytes);
+        sshShared.add(clients.ssh(stream, shared, limit), bytes);
+        bareShared.add(clients.bare(stream, shared, limit), bytes);
+        telvaneDefault.add(clients.telvane(stream, {}, false, limit), bytes);
+        sshDefault.add(clients.ssh(stream, {}, limit), bytes);
+        sshFastest.add(clients.ssh(stream, fastest, limit), bytes);
+    }
+    const std::string size = bytes == 1LL << 30 ? "1 GiB" : std::to_string(bytes) + " B";
+    const std::string of = ", median of " + std::to_string(rounds);
+    const auto rowAtLeast = [&](std::string measure, const Series &ours, std::string otherName,
+                                const Series &other, double goal) {
+        Row row{std::move(measure), "MiB/s", median(ours.throughput), median(other.throughput),
+                std::move(otherName)};
+        row.goal = "≥ " + std::to_string(goal).substr(0, 4) + "×";
+        row.met = ours.failures == 0 && row.ratio() && *row.ratio() >= goal;
+        report.add(row);
+    };
+    rowAtLeast("throughput, " + size + ", aes128-ctr + hmac-sha2-256 on both" + of, telvaneShared, "ssh",
+               sshShared, 1.0);
+    rowAtLeast("throughput, " + size + ", each side's default" + of, telvaneDefault,
+               "ssh (chacha20-poly1305)", sshDefault, 1.0);
+    rowAtLeast("pump overhead: throughput, aes128-ctr" + of, telvaneShared, "bare libssh2 loop", bareShared,
+               0.95);
+    report.add({"ceiling: ssh with aes128-gcm@openssh.com (not in libssh2 1.10)" + of, "MiB/s",
+                median(telvaneShared.throughput), median(sshFastest.throughput), "ssh aes128-gcm",
+                "information"});
+
+    const std::string speed = captureOutput(
+        {"/usr/bin/openssl", "speed", "-mr", "-seconds", "2", "-bytes", "16384", "-evp", "aes-128-ctr"});
+    const double cipherLimit = std::atof(lastLineValue(speed, "+F:").c_str()) / kMiB;
+    report.add({"ceiling: aes-128-ctr on one core (openssl speed, 16384-byte blocks)", "MiB/s",
+                median(telvaneShared.throughput), cipherLimit, "openssl", "information"});
+
+    Row cpuShared{"client CPU per GiB, aes128-ctr + hmac-sha2-256 (user + system)",
+                  "s/GiB",
+                  median(telvaneShared.cpuPerGiB),
+                  median(sshShared.cpuPerGiB),
+                  "ssh",
+                  "≤ 1.00×"};
+    cpuShared.met = cpuShared.ratio() && *cpuShared.ratio() <= 1.0;
+    report.add(cpuShared);
+    Row cpuDefault{"client CPU per GiB, each side's default",
+                   "s/GiB",
+                   median(telvaneDefault.cpuPerGiB),
+                   median(sshDefault.cpuPerGiB),
+                   "ssh (chacha20-poly1305)",
+                   "≤ 1.00×"};
+    cpuDefault.met = cpuDefault.ratio() && *cpuDefault.ratio() <= 1.0;
+    report.add(cpuDefault);
+    report.add({"client CPU per GiB, bare libssh2 loop, aes128-ctr", "s/GiB", median(telvaneShared.cpuPerGiB),
+                median(bareShared.cpuPerGiB), "bare loop", "information"});
+
+    // 2: connect, login, exec and the first byte of a one-line script, as whole processes.
+    std::vector<double> telvaneFirst, sshFirst;
+    std::fprintf(stderr, "latency, %d rounds\n", latencyRounds);
+    for (int round = 0; round < latencyRounds; ++round) {
+        const Outcome t = clients.telvane("echo ready", {}, true, 60);
+        if (t.ok && t.child.outputHead == "ready\n")
+            telvaneFirst.push_back(t.child.firstByteSeconds * 1000);
+        const Outcome s = clients.ssh("echo ready", {}, 60);
+        if (s.ok && s.child.outputHead == "ready\n")
+            sshFirst.push_back(s.child.firstByteSeconds * 1000);
+    }
+    Row latency{"first byte: start, connect, login, exec, one line (median of " +
+                    std::to_string(latencyRounds) + ")",
+                "ms",
+                median(telvaneFirst),
+                median(sshFirst),
+                "ssh",
+                "≤ 0.80×"};
+    latency.met = telvaneFirst.size() == static_cast<std::size_t>(latencyRounds) && latency.ratio() &&
+                  *latency.ratio() <= 0.8;
+    report.add(latency);
+
+    // 4: many sensors at once in one process; the same total volume at every N.
+    for (const int n : {1, 16, 64, 256}) {
+        std::fprintf(stderr, "scale: %d sensors\n", n);
+        const long long each = std::max<long long>(1 << 20, (256LL << 20) / n);
+        const Outcome o = clients.host(
+            "scale", {{"sensors", std::to_string(n)}, {"bytes", std::to_string(each)}, {"gate-dir", gateDir}},
+            600);
+        const auto value = [&](const char *key) {
+            return std::atof(o.result.count(key) ? o.result.at(key).c_str() : "0");
+        };
+        const double base = value("rss_baseline_kib");
+        ScaleFigures f;
+        f.sensors = n;
+        f.complete = static_cast<int>(value("complete"));
+        f.mibEach = static_cast<double>(each) / kMiB;
+        const double seconds = value("stream_seconds");
+        f.aggregateMiBs = seconds > 0 ? value("total_bytes") / kMiB / seconds : 0;
+        f.connectSeconds = value("connect_seconds");
+        f.rssWaitingKiB = (value("rss_waiting_kib") - base) / n;
+        f.rssAfterKiB = (value("rss_after_kib") - base) / n;
+        f.rssAfterTrimmedKiB = (value("rss_after_trim_kib") - base) / n;
+        f.rssPeakKiB = (value("rss_peak_kib") - base) / n;
+        f.threads = (value("threads_peak") - value("threads_baseline")) / n;
+        report.add(f);
+        if (n != 256)
+            continue;
+        Row done{"256 sensors at once: runs complete, every byte",
+                 "runs",
+                 static_cast<double>(f.complete),
+                 std::nullopt,
+                 "of 256",
+                 "all",
+                 f.complete == n && o.ok};
+        report.add(done);
+        report.add(Row{"256 sensors: RSS per running sensor, before output", "KiB", f.rssWaitingKiB,
+                       std::nullopt, "", "≤ 256 KiB", f.rssWaitingKiB <= 256});
+        report.add(Row{"256 sensors: RSS per running sensor after output, malloc's cache trimmed", "KiB",
+                       f.rssAfterTrimmedKiB, std::nullopt,
+                       "untrimmed: " + std::to_string(static_cast<int>(f.rssAfterKiB)) + " KiB", "≤ 256 KiB",
+                       f.rssAfterTrimmedKiB <= 256});
+        report.add(Row{"256 sensors: RSS per sensor at the peak, all streaming", "KiB", f.rssPeakKiB,
+                       std::nullopt, "window 2048 KiB", "≤ 256 KiB", f.rssPeakKiB <= 256});
+    }
+
+    // 5: a server that accepts and never sends its banner.
+    const Outcome stall = clients.host("stall", {{"seconds", "5"}}, 60);
+    const double stallCpu =
+        std::atof(stall.result.count("cpu_seconds") ? stall.result.at("cpu_seconds").c_str() : "-1");
+    Row stalled{"stalled server: CPU of a waiting connection over 5 s",
+                "s",
+                stallCpu,
+                std::nullopt,
+                "",
+                "≈ 0 (< 0.01 s)"};
+    stalled.met = stall.ok && stallCpu >= 0 && stallCpu < 0.01;
+    report.add(stalled);
+    report.note("load average at end", loadAverage());
+
+    const std::string table = report.markdown();
+    std::fputs(table.c_str(), stdout);
+    std::filesystem::create_directories(outDir);
+    std::ofstream(outDir + "/compare.json") << report.json();
+    std::ofstream(outDir + "/compare.md") << table;
+    std::filesystem::remove_all(work);
+    return 0;
+}

@@ -1,0 +1,69 @@
+// The benchmark host's delegate: answers with the test account's credentials and lets the caller wait for
+// the start and the end of a run.
+#pragma once
+
+#include <Telvane/Telvane.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+
+namespace telvane::bench {
+
+class BenchDelegate : public TelvaneDelegate
+{
+public:
+    BenchDelegate(std::string username, std::string password)
+        : username_(std::move(username)), password_(std::move(password))
+    {}
+
+    void sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle> output) override
+    {
+        std::lock_guard lock(mutex_);
+        output_ = std::move(output);
+        changed_.notify_all();
+    }
+    void sensorScriptDidTerminate(Telvane &, long status) override { finish(status); }
+    void sensorDidFailWithError(Telvane &, long code) override { finish(-code); }
+    std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &, bool *) override
+    {
+        return TelvaneCredentialsDictionary(username_, password_);
+    }
+
+    std::shared_ptr<TelvaneFileHandle> output() const
+    {
+        std::lock_guard lock(mutex_);
+        return output_;
+    }
+    /// The exit status (negative: minus the failure code), or nothing when the run has not ended in time.
+    std::optional<long> waitForEnd(std::chrono::milliseconds timeout)
+    {
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, timeout, [&] { return result_.has_value(); });
+        return result_;
+    }
+    std::optional<long> result() const
+    {
+        std::lock_guard lock(mutex_);
+        return result_;
+    }
+
+private:
+    void finish(long value)
+    {
+        std::lock_guard lock(mutex_);
+        if (!result_)
+            result_ = value;
+        changed_.notify_all();
+    }
+
+    const std::string username_;
+    const std::string password_;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::shared_ptr<TelvaneFileHandle> output_; // guarded by mutex_
+    std::optional<long> result_;                // guarded by mutex_
+};
+
+} // namespace telvane::bench
