@@ -44,7 +44,8 @@ public:
     virtual void sensorDidFailWithError(Telvane &sensor, long code);
     /// No stored credentials serve: answer a pair, or std::nullopt when the user gave none (code 2).
     /// Set *persist to true to keep the pair in the keyring once the server has accepted it.
-    virtual std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor, bool *persist) = 0;
+    virtual std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor,
+                                                                             bool *persist) = 0;
 };
 
 /// One sensor host reached over SSH. Make one with create(); it lives in a shared_ptr so that its pump
@@ -58,7 +59,9 @@ public:
     /// connect). @p timeout is the time in seconds allowed to the connect and to each wait on the socket.
     static std::shared_ptr<Telvane> create(std::string identifier, std::string name, std::string hostname,
                                            std::optional<long> port = std::nullopt, double timeout = 10.0);
+    /// Not for direct use (the token is private): make sensors with create().
     Telvane(Token, std::string identifier, std::string name, std::string hostname, long port, double timeout);
+    /// A run keeps its sensor alive until its pump has ended, so this never runs under a live run.
     ~Telvane();
     Telvane(const Telvane &) = delete;
     Telvane &operator=(const Telvane &) = delete;
@@ -78,29 +81,64 @@ public:
     /// The keyring service under which this sensor's host keeps its credentials.
     std::string serviceNameForSensor() const;
 
+    // Properties: each getter and setter may be called from any thread.
+
+    ///@{
+    /// The pipe of the current or last run: the script's output goes into its writing end, and its reading
+    /// end is what sensorScriptDidStart hands over. A new pipe is made at the start of every run.
     std::shared_ptr<TelvanePipe> pipe() const;
     void setPipe(std::shared_ptr<TelvanePipe> pipe);
+    ///@}
+    ///@{
+    /// True while a script runs: set once it has been launched, cleared by close().
     bool running() const;
     void setRunning(bool running);
+    ///@}
+    ///@{
+    /// The receiver of the sensor's notices. Held weakly: the caller keeps it alive; an expired delegate is
+    /// told nothing and answers no credentials.
     std::shared_ptr<TelvaneDelegate> delegate() const;
     void setDelegate(std::weak_ptr<TelvaneDelegate> delegate);
+    ///@}
+    ///@{
+    /// The caller's identifier of the sensor; the library does not use it.
     std::string identifier() const;
     void setIdentifier(std::string identifier);
+    ///@}
+    ///@{
+    /// The sensor's display name, shown by the credentials prompt and the diagnostics panel.
     std::string name() const;
     void setName(std::string name);
+    ///@}
+    ///@{
+    /// The host to connect to, as written: also the key of the host's stored credentials.
     std::string hostname() const;
     void setHostname(std::string hostname);
+    ///@}
+    ///@{
+    /// The TCP port; only its low 16 bits are used to connect.
     long port() const;
     void setPort(long port);
+    ///@}
+    ///@{
+    /// Seconds allowed to the connect and to each wait on the socket (waits use whole seconds).
     double timeout() const;
     void setTimeout(double timeout);
+    ///@}
+    ///@{
+    /// The script template last given to runScript, before substitution.
     std::optional<std::string> script() const;
     void setScript(std::optional<std::string> script);
+    ///@}
+    ///@{
+    /// The arguments last given to runScript.
     std::optional<TelvaneArguments> args() const;
     void setArgs(std::optional<TelvaneArguments> args);
+    ///@}
 
 private:
-    struct Token {
+    struct Token
+    {
         explicit Token() = default;
     };
     friend class TelvanePrivate;

@@ -8,19 +8,28 @@ class Telvane;
 
 /// A username and a password, as a user typed them (either may be empty). The password's memory is cleared
 /// when the record is destroyed or assigned over.
-struct TELVANE_EXPORT TelvaneCredentialsDictionary {
-    std::string username;
-    std::string password;
+struct TELVANE_EXPORT TelvaneCredentialsDictionary
+{
+    std::string username; ///< the "username" of the pair
+    std::string password; ///< the "password" of the pair
 
+    /// Two empty strings: confirmed empty fields, which is not the same as no credentials (std::nullopt).
     TelvaneCredentialsDictionary() = default;
+    /// The pair as given.
     TelvaneCredentialsDictionary(std::string username, std::string password);
+    ///@{
+    /// Copies and moves; a moved-from or overwritten password is cleared first.
     TelvaneCredentialsDictionary(const TelvaneCredentialsDictionary &) = default;
     TelvaneCredentialsDictionary(TelvaneCredentialsDictionary &&other) noexcept;
     TelvaneCredentialsDictionary &operator=(const TelvaneCredentialsDictionary &other);
     TelvaneCredentialsDictionary &operator=(TelvaneCredentialsDictionary &&other) noexcept;
+    ///@}
+    /// Clears the password's memory.
     ~TelvaneCredentialsDictionary();
 
-    friend bool operator==(const TelvaneCredentialsDictionary &, const TelvaneCredentialsDictionary &) = default;
+    /// Equal when both fields are.
+    friend bool operator==(const TelvaneCredentialsDictionary &,
+                           const TelvaneCredentialsDictionary &) = default;
 };
 
 /// The stored credentials of sensor hosts. Each host keeps its pairs in the keyring under the service

@@ -26,10 +26,14 @@ public:
     /// The backend's name, as TELVANE_KEYRING selects it.
     virtual std::string name() const = 0;
     /// Every item of @p service, in the store's own order; empty or nullopt when there is none.
-    virtual std::optional<std::vector<TelvaneKeychainAccount>> accountsForService(const std::string &service) = 0;
-    virtual std::optional<std::string> passwordForService(const std::string &service, const std::string &account) = 0;
+    virtual std::optional<std::vector<TelvaneKeychainAccount>>
+    accountsForService(const std::string &service) = 0;
+    /// The password of the item of @p service and @p account; nullopt when there is none.
+    virtual std::optional<std::string> passwordForService(const std::string &service,
+                                                          const std::string &account) = 0;
     /// Creates the item, or replaces the password of the item with this service and account.
-    virtual bool setPassword(const std::string &password, const std::string &service, const std::string &account) = 0;
+    virtual bool setPassword(const std::string &password, const std::string &service,
+                             const std::string &account) = 0;
     /// Removes that one item; true when it was there and is gone.
     virtual bool deletePasswordForService(const std::string &service, const std::string &account) = 0;
 };
@@ -40,10 +44,16 @@ public:
 class TELVANE_EXPORT TelvaneKeychain
 {
 public:
+    ///@{
+    /// The backend's operations of the same names (see TelvaneKeychainBackend), on the backend in use.
+    /// Any thread; each call is synchronous and bounded in time.
     static std::optional<std::vector<TelvaneKeychainAccount>> accountsForService(const std::string &service);
-    static std::optional<std::string> passwordForService(const std::string &service, const std::string &account);
-    static bool setPassword(const std::string &password, const std::string &service, const std::string &account);
+    static std::optional<std::string> passwordForService(const std::string &service,
+                                                         const std::string &account);
+    static bool setPassword(const std::string &password, const std::string &service,
+                            const std::string &account);
     static bool deletePasswordForService(const std::string &service, const std::string &account);
+    ///@}
 
     /// The backend in use (chosen from the environment on first call).
     static std::shared_ptr<TelvaneKeychainBackend> backend();

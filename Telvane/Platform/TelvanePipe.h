@@ -13,6 +13,7 @@
 class TELVANE_EXPORT TelvaneFileHandle
 {
 public:
+    /// Which end of the pipe a handle is.
     enum class Mode { Reading, Writing };
     /// Takes ownership of @p fd, a connected stream socket.
     TelvaneFileHandle(int fd, Mode mode);
@@ -26,6 +27,7 @@ public:
     /// Writes all @p size bytes, waiting while the pipe is full. False when the reader has gone away, the
     /// handle is closed or the write failed; never raises SIGPIPE.
     bool writeData(const void *data, std::size_t size);
+    /// Writes all of @p data; as above.
     bool writeData(const std::string &data) { return writeData(data.data(), data.size()); }
     /// Closes the handle, safe to call again. Closing the writing end gives the reader end of file after
     /// what was written. Closing the reading end makes further writes fail; bytes already written can still
@@ -52,7 +54,9 @@ class TELVANE_EXPORT TelvanePipe
 public:
     /// Throws std::system_error when the system has no descriptors left.
     TelvanePipe();
+    /// The reading end; the same object on every call.
     std::shared_ptr<TelvaneFileHandle> fileHandleForReading() const { return reading_; }
+    /// The writing end; the same object on every call.
     std::shared_ptr<TelvaneFileHandle> fileHandleForWriting() const { return writing_; }
 
 private:
