@@ -98,6 +98,7 @@ struct Unsendable
 {
     const char *name;
     bool username; // which half of the pair is not ASCII
+    friend void PrintTo(const Unsendable &u, std::ostream *os) { *os << u.name; }
 };
 class UnsendableCredentials : public Credentials, public ::testing::WithParamInterface<Unsendable>
 {

@@ -25,6 +25,10 @@ struct OutputCase
 {
     std::size_t size;
     int status;
+    friend void PrintTo(const OutputCase &c, std::ostream *os)
+    {
+        *os << c.size << " bytes, exit " << c.status;
+    }
 };
 
 class WholeRun : public SensorRunTest, public ::testing::WithParamInterface<OutputCase>
@@ -66,6 +70,7 @@ struct ScriptCase
     const char *name;
     std::string script;
     std::string output; // "__PASSWORD__" in here stands for the account's password
+    friend void PrintTo(const ScriptCase &c, std::ostream *os) { *os << c.name; }
 };
 
 class ScriptShapes : public SensorRunTest, public ::testing::WithParamInterface<ScriptCase>
