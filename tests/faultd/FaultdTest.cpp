@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
+#include <iostream>
 #include <spawn.h>
 #include <sstream>
 #include <string>
@@ -178,8 +179,15 @@ protected:
 
     void TearDown() override
     {
-        if (HasFailure() && server_)
-            std::cerr << "telvane-faultd log:\n" << server_->log();
+        if (!server_)
+            return;
+        // Stopped first so that what the server reports at exit (leaks) is in the log too.
+        server_->stop();
+        const std::string log = server_->log();
+        EXPECT_EQ(std::string::npos, log.find("Sanitizer")) << "the server tripped a sanitizer";
+        EXPECT_EQ(std::string::npos, log.find("runtime error")) << "the server tripped a sanitizer";
+        if (HasFailure())
+            std::cerr << "telvane-faultd log:\n" << log;
     }
 
     std::optional<FaultServer> server_;

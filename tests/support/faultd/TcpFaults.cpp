@@ -37,6 +37,19 @@ void discardUntilClosed(int fd, const Clock::time_point *deadline)
     }
 }
 
+/// Waits (bounded) until the peer has acknowledged everything written, then a moment more. A reset throws
+/// away what is still queued, and a client library may give up on its buffered data as soon as it sees the
+/// connection end (libssh2 does), so the fault would otherwise be "some of the N bytes vanished" instead of
+/// "the connection broke after N bytes" for a client that is reading.
+void letWrittenBytesArrive(int fd)
+{
+    const auto deadline = Clock::now() + std::chrono::seconds(2);
+    int queued = 0;
+    while (ioctl(fd, SIOCOUTQ, &queued) == 0 && queued > 0 && Clock::now() < deadline)
+        poll(nullptr, 0, 5);
+    poll(nullptr, 0, 100);
+}
+
 } // namespace
 
 void staySilent(int fd)
@@ -58,6 +71,7 @@ void awaitPeerClose(int fd, std::chrono::milliseconds patience)
 
 void closeGracefully(int fd, std::chrono::milliseconds patience)
 {
+    letWrittenBytesArrive(fd);
     shutdown(fd, SHUT_WR);
     const auto deadline = Clock::now() + patience;
     discardUntilClosed(fd, &deadline);
@@ -66,12 +80,7 @@ void closeGracefully(int fd, std::chrono::milliseconds patience)
 
 void resetConnection(int fd)
 {
-    // A reset throws away whatever is still queued for sending, so let the written bytes go first: the
-    // fault is "the connection broke after N bytes", not "some of the N bytes vanished".
-    const auto deadline = Clock::now() + std::chrono::seconds(2);
-    int queued = 0;
-    while (ioctl(fd, SIOCOUTQ, &queued) == 0 && queued > 0 && Clock::now() < deadline)
-        poll(nullptr, 0, 5);
+    letWrittenBytesArrive(fd);
     const linger abort{1, 0};
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
     close(fd);

@@ -15,11 +15,12 @@ bool sendIdentification(int fd);
 /// which leaves the first close to the client as an SSH server does.
 void awaitPeerClose(int fd, std::chrono::milliseconds patience);
 
-/// Ends the connection with a FIN after what was written, then waits (bounded) for the peer to close, so
+/// Ends the connection with a FIN once what was written has arrived and a reading peer had 100 ms to take
+/// it, then waits (bounded) for the peer to close, so
 /// that bytes the peer still sends do not turn the close into a reset.
 void closeGracefully(int fd, std::chrono::milliseconds patience);
 
-/// Ends the connection with a RST once what was written has left the send queue (bounded wait).
+/// Ends the connection with a RST once what was written has arrived and a reading peer had 100 ms to take it.
 void resetConnection(int fd);
 
 } // namespace telvane::faultd
