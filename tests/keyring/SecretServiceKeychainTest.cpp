@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 
 using telvane::test::KeyringDaemon;
 using telvane::test::LogCapture;

@@ -2,8 +2,6 @@
 // keyring is created and unlocked from a password on its standard input, so that storing never prompts.
 #pragma once
 
-#include <atomic>
-#include <memory>
 #include <string>
 #include <sys/types.h>
 
@@ -57,10 +55,10 @@ private:
     bool addressSet_ = false;
     // This process's shared session connection, held so that it outlives the bus with exit-on-close off.
     GDBusConnection *sharedBus_ = nullptr;
-    // A bus monitor that counts unlock calls and prompts. Its filter runs on GDBus's worker thread and may
-    // outlive the connection's close, so the counter is shared with it.
+    // A bus monitor that counts unlock calls and prompts into a process-wide counter (its filter runs on
+    // GDBus's worker thread); promptsSeen() is the count since start().
     GDBusConnection *monitor_ = nullptr;
-    std::shared_ptr<std::atomic<int>> prompts_ = std::make_shared<std::atomic<int>>(0);
+    int promptsBefore_ = 0;
 };
 
 } // namespace telvane::test
