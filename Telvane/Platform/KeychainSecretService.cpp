@@ -156,8 +156,7 @@ public:
 
     // Every item of ours for (service, account) in the order the keyring lists them; account nullptr
     // matches any account. nullopt (logged) when the search itself failed.
-    std::optional<ItemList> search(const std::string &service, const std::string *account,
-                                   SecretSearchFlags flags, const char *what)
+    std::optional<ItemList> search(const std::string &service, const std::string *account, const char *what)
     {
         SecretService *connection = this->service(what);
         if (!connection)
@@ -168,7 +167,7 @@ public:
                                   : secret_attributes_build(&kSchema, "service", service.c_str(), nullptr));
         ErrorSlot error;
         // Without SECRET_SEARCH_UNLOCK: libsecret would otherwise ask the daemon to unlock, which prompts.
-        ItemList items(secret_service_search_sync(connection, &kSchema, attributes.get(), flags,
+        ItemList items(secret_service_search_sync(connection, &kSchema, attributes.get(), SECRET_SEARCH_ALL,
                                                   cancellable(), error.out()));
         if (error.get()) {
             fail(what, error.get());
@@ -216,7 +215,7 @@ public:
     {
         static const char *const what = "list accounts";
         Operation op(limit_);
-        const auto items = op.search(service, nullptr, SECRET_SEARCH_ALL, what);
+        const auto items = op.search(service, nullptr, what);
         if (!items)
             return std::nullopt;
         bool anyLocked = false;
@@ -236,7 +235,7 @@ public:
     {
         static const char *const what = "read a password";
         Operation op(limit_);
-        const auto items = op.search(service, &account, SECRET_SEARCH_ALL, what);
+        const auto items = op.search(service, &account, what);
         if (!items)
             return std::nullopt;
         bool anyLocked = false;
@@ -268,7 +267,7 @@ public:
     {
         static const char *const what = "save a password";
         Operation op(limit_);
-        const auto items = op.search(service, &account, SECRET_SEARCH_ALL, what);
+        const auto items = op.search(service, &account, what);
         if (!items)
             return false;
         bool anyLocked = false;
@@ -323,7 +322,7 @@ public:
     {
         static const char *const what = "delete a password";
         Operation op(limit_);
-        const auto items = op.search(service, &account, SECRET_SEARCH_ALL, what);
+        const auto items = op.search(service, &account, what);
         if (!items)
             return false;
         bool anyLocked = false;
