@@ -10,13 +10,16 @@ set(CMAKE_AUTORCC ON)
 
 set(TELVANE_WIDGETS_PUBLIC_HEADERS
     TelvaneCredentialsAccessoryView.h
-    TelvaneCredentialsPrompt.h)
+    TelvaneCredentialsPrompt.h
+    TelvaneDiagnosticsView.h)
 
 set(TELVANE_WIDGETS_SOURCES
     TelvaneCredentialsAccessoryView.cpp
     TelvaneCredentialsPrompt.cpp
     TelvaneWidgetsTranslations.cpp
-    Resources/TelvaneCredentialsAccessoryView.ui)
+    TelvaneDiagnosticsView.cpp
+    Resources/TelvaneCredentialsAccessoryView.ui
+    Resources/TelvaneDiagnosticsView.ui)
 
 set(TELVANE_WIDGETS_TRANSLATIONS
     Resources/translations/Localizable_de.ts)

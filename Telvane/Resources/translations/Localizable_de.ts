@@ -19,6 +19,58 @@
         <source>Please enter the username and password:</source>
         <translation>Bitte geben Sie Benutzername und Passwort ein:</translation>
     </message>
+    <message>
+        <source>Run diagnostics on %@:</source>
+        <translation>Diagnose auf %@ ausführen:</translation>
+    </message>
+    <message>
+        <source>Connecting over SSH to %@ on port %@: </source>
+        <translation>Verbindung über SSH mit %@ auf Port %@: </translation>
+    </message>
+    <message>
+        <source>OK
+</source>
+        <translation>OK
+</translation>
+    </message>
+    <message>
+        <source>Diagnostics completed.</source>
+        <translation>Diagnose abgeschlossen.</translation>
+    </message>
+    <message>
+        <source>Diagnostics terminated with error: %ld</source>
+        <translation>Diagnose mit Fehler beendet: %ld</translation>
+    </message>
+    <message>
+        <source>*failed*
+</source>
+        <translation>*fehlgeschlagen*
+</translation>
+    </message>
+    <message>
+        <source>*canceled*
+</source>
+        <translation>*abgebrochen*
+</translation>
+    </message>
+    <message>
+        <source>*invalid credentials*
+</source>
+        <translation>*ungültige Anmeldedaten*
+</translation>
+    </message>
+    <message>
+        <source>Run Again</source>
+        <translation>Erneut ausführen</translation>
+    </message>
+    <message>
+        <source>Close</source>
+        <translation>Schließen</translation>
+    </message>
+    <message>
+        <source>Copy to Clipboard</source>
+        <translation>In die Zwischenablage kopieren</translation>
+    </message>
 </context>
 <context>
     <name>TelvaneCredentialsAccessoryView</name>

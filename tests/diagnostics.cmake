@@ -1,0 +1,17 @@
+# The diagnostics panel: Qt Test on the offscreen platform, whole runs against the loopback sshd. A QSKIP
+# counts as skipped in ctest; under CI=true the test turns a missing sshd into a failure itself.
+if(NOT TELVANE_BUILD_WIDGETS)
+    return()
+endif()
+find_package(Qt6 REQUIRED COMPONENTS Test)
+
+add_executable(telvane_diagnostics_view_test diagnostics/DiagnosticsViewTest.cpp)
+set_target_properties(telvane_diagnostics_view_test PROPERTIES AUTOMOC ON)
+# The sshd harness is built by integration.cmake; it has no gtest in it.
+target_link_libraries(telvane_diagnostics_view_test PRIVATE telvane_widgets_internal telvane_sshd_harness Qt6::Test)
+target_include_directories(telvane_diagnostics_view_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+add_test(NAME telvane_diagnostics_view_test COMMAND telvane_diagnostics_view_test)
+set_tests_properties(telvane_diagnostics_view_test PROPERTIES
+    ENVIRONMENT "QT_QPA_PLATFORM=offscreen;TELVANE_KEYRING=memory"
+    SKIP_REGULAR_EXPRESSION "SKIP   :"
+    TIMEOUT 300)

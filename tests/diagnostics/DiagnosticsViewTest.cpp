@@ -1,0 +1,455 @@
+// The diagnostics panel with real widgets on the offscreen platform: whole runs against the loopback sshd,
+// the marking of its transcript, the end of a run however it comes, and panels that go away mid-run.
+#include "TelvaneDiagnosticsView.h"
+
+#include "support/SshdHarness.h"
+
+#include <Telvane/Telvane.h>
+
+#include <QtCore/QTemporaryDir>
+#include <QtCore/QTimer>
+#include <QtGui/QClipboard>
+#include <QtGui/QTextCursor>
+#include <QtGui/QTextDocument>
+#include <QtGui/QTextFrame>
+#include <QtTest/QSignalSpy>
+#include <QtTest/QTest>
+#include <QtWidgets/QApplication>
+#include <QtWidgets/QDialog>
+#include <QtWidgets/QLabel>
+#include <QtWidgets/QProgressBar>
+#include <QtWidgets/QPushButton>
+#include <QtWidgets/QScrollBar>
+#include <QtWidgets/QTextEdit>
+
+#include <memory>
+#include <thread>
+
+using telvane::test::SshdHarness;
+
+namespace {
+
+constexpr int kRunTimeout = 30000;
+
+/// Skips without sshd, or fails under CI, which can always start it.
+#define REQUIRE_SSHD()                                                                                       \
+    do {                                                                                                     \
+        if (!sshd->running()) {                                                                              \
+            if (qEnvironmentVariable("CI") == QLatin1String("true"))                                         \
+                QFAIL(qPrintable("no sshd under CI: " + QString::fromStdString(sshd->reason())));            \
+            QSKIP(qPrintable("no sshd: " + QString::fromStdString(sshd->reason())));                         \
+        }                                                                                                    \
+    } while (0)
+
+/// One character per character of the transcript: 'r' red, '.' the palette's text colour, '?' any other
+/// colour, and a blank for each line end (whose format a cursor does not report reliably).
+QString colours(const QTextEdit *view)
+{
+    const QString plain = view->toPlainText();
+    const QColor text = view->palette().color(QPalette::Text);
+    QTextCursor cursor(view->document());
+    QString out;
+    for (qsizetype i = 0; i < plain.size(); ++i) {
+        if (plain[i] == QLatin1Char('\n')) {
+            out += QLatin1Char(' ');
+            continue;
+        }
+        cursor.setPosition(int(i + 1)); // the format of the character before the cursor
+        const QColor colour = cursor.charFormat().foreground().color();
+        out += colour == QColor(Qt::red) ? QLatin1Char('r')
+               : colour == text          ? QLatin1Char('.')
+                                         : QLatin1Char('?');
+    }
+    return out;
+}
+
+/// The colours expected of @p shown when only @p red (its first occurrence; none when empty) is red.
+QString coloursWithRed(const QString &shown, const QString &red)
+{
+    const qsizetype start = red.isEmpty() ? -1 : shown.indexOf(red);
+    QString out;
+    for (qsizetype i = 0; i < shown.size(); ++i)
+        out += shown[i] == QLatin1Char('\n')                        ? QLatin1Char(' ')
+               : start >= 0 && i >= start && i < start + red.size() ? QLatin1Char('r')
+                                                                    : QLatin1Char('.');
+    return out;
+}
+
+QDialog *shownPrompt()
+{
+    auto *dialog = qobject_cast<QDialog *>(QApplication::activeModalWidget());
+    return dialog && dialog->objectName() == QLatin1String("TelvaneCredentialsDialog") ? dialog : nullptr;
+}
+
+bool busy(const TelvaneDiagnosticsView &panel)
+{
+    return panel.progressIndicator()->maximum() == 0 && panel.progressIndicator()->isVisibleTo(&panel);
+}
+
+} // namespace
+
+class DiagnosticsViewTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    std::unique_ptr<SshdHarness> sshd;
+    QTemporaryDir directory;
+    int scripts = 0;
+
+    QString writeScript(const QByteArray &text)
+    {
+        const QString path = directory.filePath(QStringLiteral("script-%1.sh").arg(++scripts));
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size())
+            qFatal("cannot write %s", qPrintable(path));
+        return path;
+    }
+
+    std::shared_ptr<Telvane> sshdSensor() const
+    {
+        return Telvane::create("diagnostics", "Test sensor", sshd->host(), sshd->port(), 10);
+    }
+
+    QString connecting(long port) const
+    {
+        return QStringLiteral("Connecting over SSH to 127.0.0.1 on port %1: ").arg(port);
+    }
+
+    /// Waits until @p sensor's own threads have let go of it, leaving it to the test and @p panels.
+    static bool released(const std::shared_ptr<Telvane> &sensor, long panels = 1)
+    {
+        return QTest::qWaitFor([&] { return sensor.use_count() == 1 + panels && !sensor->running(); },
+                               kRunTimeout);
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        // Nothing of the user's keyring, and nothing kept between runs but in this process.
+        qputenv("TELVANE_KEYRING", "memory");
+        QVERIFY(directory.isValid());
+        // From the main thread, which outlives the daemon (its parent-death signal follows this thread).
+        sshd = std::make_unique<SshdHarness>();
+        sshd->start();
+    }
+
+    void cleanupTestCase() { sshd.reset(); }
+
+    // Marking, colours and the plain text the clipboard gets, piece by piece.
+    void rendering_data()
+    {
+        QTest::addColumn<QString>("piece");
+        QTest::addColumn<QString>("shown");
+        QTest::addColumn<QString>("expectedColours");
+        QTest::newRow("OK in the text colour") << "OK\n"
+                                               << "OK\n"
+                                               << ".. ";
+        QTest::newRow("marker") << "*canceled*\n"
+                                << "canceled\n"
+                                << "rrrrrrrr ";
+        QTest::newRow("single asterisk") << "2 * 3 = 6\n"
+                                         << "2  3 = 6\n"
+                                         << "........ ";
+        // Greedy from the first asterisk to the last; the span is taken before four asterisks went.
+        QTest::newRow("two marked words") << "*disk* and *fan* bad\n"
+                                          << "disk and fan bad\n"
+                                          << "rrrrrrrrrrrrrrr. ";
+        // The lone asterisk of the first line shifts the span one to the right.
+        QTest::newRow("asterisk on an earlier line") << "a*b\nsee *this* now\n"
+                                                     << "ab\nsee this now\n"
+                                                     << ".. .....rrrrr.. ";
+        QTest::newRow("closing asterisk last") << "*x*"
+                                               << "x"
+                                               << "r";
+        QTest::newRow("non-ASCII text") << QStringLiteral("*fehlgeschlagen für*\n")
+                                        << QStringLiteral("fehlgeschlagen für\n") << "rrrrrrrrrrrrrrrrrr ";
+    }
+
+    void rendering()
+    {
+        QFETCH(QString, piece);
+        QFETCH(QString, shown);
+        QFETCH(QString, expectedColours);
+        TelvaneDiagnosticsView panel(Telvane::create("id", "name", "127.0.0.1", 1), QStringLiteral("/none"));
+        panel.appendOutput(piece);
+        QTRY_COMPARE(panel.textView()->toPlainText(), shown);
+        QCOMPARE(colours(panel.textView()), expectedColours);
+        panel.onCopyToClipboard();
+        QCOMPARE(QGuiApplication::clipboard()->text(), shown);
+    }
+
+    void scrollsToEnd()
+    {
+        TelvaneDiagnosticsView panel(Telvane::create("id", "name", "127.0.0.1", 1), QStringLiteral("/none"));
+        panel.resize(400, 200);
+        panel.show(); // lays the text out; the run without a script adds its connecting line, in any order
+        for (int i = 0; i < 200; ++i)
+            panel.appendOutput(QStringLiteral("line %1\n").arg(i));
+        QTRY_VERIFY(panel.textView()->toPlainText().contains(QLatin1String("line 199\n")) &&
+                    panel.textView()->toPlainText().contains(QLatin1String("Connecting")));
+        const QScrollBar *bar = panel.textView()->verticalScrollBar();
+        QVERIFY(bar->maximum() > 0);
+        QCOMPARE(bar->value(), bar->maximum());
+    }
+
+    // Without a usable script the sensor never starts, so the panel keeps waiting. Port 1 refuses, so a
+    // script that was sent after all would end the run with "failed".
+    void unusableScript_data()
+    {
+        QTest::addColumn<bool>("exists");
+        QTest::addColumn<QByteArray>("text");
+        QTest::newRow("missing file") << false << QByteArray();
+        QTest::newRow("not ASCII") << true
+                                   << QByteArray("echo gr\xc3\xbc\xc3\x9f"
+                                                 "e\n");
+        QTest::newRow("empty") << true << QByteArray();
+    }
+
+    void unusableScript()
+    {
+        QFETCH(bool, exists);
+        QFETCH(QByteArray, text);
+        const QString script = exists ? writeScript(text) : directory.filePath(QStringLiteral("absent.sh"));
+        auto sensor = Telvane::create("id", "Cellar", "127.0.0.1", 1);
+        TelvaneDiagnosticsView panel(sensor, script);
+        QSignalSpy runningChanged(&panel, &TelvaneDiagnosticsView::runningChanged);
+        panel.show();
+        QCOMPARE(panel.label()->text(), QStringLiteral("Run diagnostics on Cellar:"));
+        QTRY_COMPARE(panel.textView()->toPlainText(), connecting(1));
+        QTRY_VERIFY(sensor.use_count() == 2); // the run's thread is done: the panel and we are left
+        QTest::qWait(300);
+        QCOMPARE(panel.textView()->toPlainText(), connecting(1));
+        QVERIFY(panel.running());
+        QVERIFY(busy(panel));
+        QCOMPARE(runningChanged.count(), 1);
+
+        const QTextFrameFormat inset = panel.textView()->document()->rootFrame()->frameFormat();
+        QCOMPARE(inset.leftMargin(), 3.0);
+        QCOMPARE(inset.rightMargin(), 3.0);
+        QCOMPARE(inset.topMargin(), 10.0);
+        QCOMPARE(inset.bottomMargin(), 10.0);
+        panel.resize(611, 333);
+        QCOMPARE(panel.sizeHint(), QSize(611, 333));
+    }
+
+    // How the sensor's end reports are shown, called as the sensor calls them: on a thread of its own.
+    void endReports_data()
+    {
+        QTest::addColumn<bool>("failure");
+        QTest::addColumn<long>("value");
+        QTest::addColumn<QString>("shown");
+        QTest::addColumn<QString>("red");
+        QTest::newRow("status 0") << false << 0L << "Diagnostics completed."
+                                  << "";
+        QTest::newRow("status 2") << false << 2L << "Diagnostics terminated with error: 2"
+                                  << "";
+        QTest::newRow("status -1") << false << -1L << "Diagnostics terminated with error: -1"
+                                   << "";
+        QTest::newRow("code 1") << true << 1L << "failed\nDiagnostics completed."
+                                << "failed";
+        QTest::newRow("code 2") << true << 2L << "canceled\nDiagnostics completed."
+                                << "canceled";
+        QTest::newRow("code 3") << true << 3L << "invalid credentials\nDiagnostics completed."
+                                << "invalid credentials";
+        QTest::newRow("unknown code") << true << 7L << "Diagnostics completed."
+                                      << "";
+    }
+
+    void endReports()
+    {
+        QFETCH(bool, failure);
+        QFETCH(long, value);
+        QFETCH(QString, shown);
+        QFETCH(QString, red);
+        auto sensor = Telvane::create("id", "name", "127.0.0.1", 1);
+        TelvaneDiagnosticsView panel(sensor, directory.filePath(QStringLiteral("absent.sh")));
+        QSignalSpy runningChanged(&panel, &TelvaneDiagnosticsView::runningChanged);
+        panel.show();
+        QTRY_COMPARE(panel.textView()->toPlainText(), connecting(1));
+
+        const std::shared_ptr<TelvaneDelegate> delegate = sensor->delegate();
+        QVERIFY(delegate);
+        std::thread([&] {
+            if (failure)
+                delegate->sensorDidFailWithError(*sensor, value);
+            else
+                delegate->sensorScriptDidTerminate(*sensor, value);
+        }).join();
+        QVERIFY(!panel.running()); // at once, on the reporting thread
+        QTRY_COMPARE(panel.textView()->toPlainText(), connecting(1) + shown);
+        QCOMPARE(colours(panel.textView()), coloursWithRed(connecting(1) + shown, red));
+        QTRY_VERIFY(!busy(panel));
+        QCOMPARE(runningChanged.count(), 2);
+        QCOMPARE(runningChanged.at(1).at(0).toBool(), false);
+    }
+
+    // Whole runs against sshd.
+    void runs_data()
+    {
+        QTest::addColumn<QByteArray>("script");
+        QTest::addColumn<bool>("rightPassword");
+        QTest::addColumn<QString>("shown");
+        QTest::addColumn<QString>("red");
+        QTest::newRow("hello") << QByteArray("echo hello\n") << true << "OK\nhello\nDiagnostics completed."
+                               << "";
+        QTest::newRow("exit 2") << QByteArray("echo hello\nexit 2\n") << true
+                                << "OK\nhello\nDiagnostics terminated with error: 2"
+                                << "";
+        QTest::newRow("wrong password")
+            << QByteArray("echo hello\n") << false << "invalid credentials\nDiagnostics completed."
+            << "invalid credentials";
+        QTest::newRow("marked output")
+            << QByteArray("echo 'fan: *stopped*'\n") << true << "OK\nfan: stopped\nDiagnostics completed."
+            << "stopped\n";
+        // Two bytes that are not ASCII, two replacement characters: the span still lines up.
+        QTest::newRow("non-ASCII output")
+            << QByteArray("printf 'caf\\303\\251 *ok*\\n'\n") << true
+            << QStringLiteral("OK\ncaf\uFFFD\uFFFD ok\nDiagnostics completed.") << "ok\n";
+    }
+
+    void runs()
+    {
+        REQUIRE_SSHD();
+        QFETCH(QByteArray, script);
+        QFETCH(bool, rightPassword);
+        QFETCH(QString, shown);
+        QFETCH(QString, red);
+        auto sensor = sshdSensor();
+        TelvaneDiagnosticsView panel(sensor, writeScript(script));
+        panel.setUsername(QString::fromStdString(sshd->username()));
+        panel.setPassword(rightPassword ? QString::fromStdString(sshd->password()) : QStringLiteral("wrong"));
+        QSignalSpy runningChanged(&panel, &TelvaneDiagnosticsView::runningChanged);
+        panel.show();
+        const QString expected = connecting(sshd->port()) + shown;
+        QTRY_COMPARE_WITH_TIMEOUT(panel.textView()->toPlainText(), expected, kRunTimeout);
+        QCOMPARE(colours(panel.textView()), coloursWithRed(expected, red));
+        QTRY_VERIFY(!busy(panel));
+        QVERIFY(!panel.running());
+        QCOMPARE(runningChanged.count(), 2);
+        QVERIFY(released(sensor));
+        QCOMPARE(panel.textView()->toPlainText(), expected);
+    }
+
+    // The prompt appears unless both credentials are preset; cancelling it ends the run as "canceled".
+    void prompt_data()
+    {
+        QTest::addColumn<std::optional<QString>>("username");
+        QTest::addColumn<std::optional<QString>>("password");
+        QTest::addColumn<bool>("prompted");
+        QTest::addColumn<QString>("shown");
+        QTest::addColumn<QString>("red");
+        const QString canceled = QStringLiteral("canceled\nDiagnostics completed.");
+        const QString refused = QStringLiteral("invalid credentials\nDiagnostics completed.");
+        QTest::newRow("none preset") << std::optional<QString>() << std::optional<QString>() << true
+                                     << canceled << "canceled";
+        QTest::newRow("username only") << std::optional<QString>(QStringLiteral("u"))
+                                       << std::optional<QString>() << true << canceled << "canceled";
+        QTest::newRow("password only")
+            << std::optional<QString>() << std::optional<QString>(QStringLiteral("p")) << true << canceled
+            << "canceled";
+        QTest::newRow("both empty") << std::optional<QString>(QString()) << std::optional<QString>(QString())
+                                    << false << refused << "invalid credentials";
+    }
+
+    void prompt()
+    {
+        REQUIRE_SSHD();
+        QFETCH(std::optional<QString>, username);
+        QFETCH(std::optional<QString>, password);
+        QFETCH(bool, prompted);
+        QFETCH(QString, shown);
+        QFETCH(QString, red);
+        auto sensor = sshdSensor();
+        TelvaneDiagnosticsView panel(sensor, writeScript("echo hello\n"));
+        panel.setUsername(username);
+        panel.setPassword(password);
+        int prompts = 0;
+        QTimer poll;
+        connect(&poll, &QTimer::timeout, this, [&] {
+            if (QDialog *dialog = shownPrompt()) {
+                ++prompts;
+                dialog->reject();
+            }
+        });
+        poll.start(10);
+        panel.show();
+        const QString expected = connecting(sshd->port()) + shown;
+        QTRY_COMPARE_WITH_TIMEOUT(panel.textView()->toPlainText(), expected, kRunTimeout);
+        QCOMPARE(colours(panel.textView()), coloursWithRed(expected, red));
+        QCOMPARE(prompts, prompted ? 1 : 0);
+        QTRY_VERIFY(!busy(panel));
+        QVERIFY(released(sensor));
+    }
+
+    // A panel that is run again, closed or destroyed while its run goes on.
+    void lifetimes_data()
+    {
+        QTest::addColumn<QString>("action");
+        QTest::newRow("run again during a run") << "again";
+        QTest::newRow("close during a run") << "close";
+        QTest::newRow("destroy during a run") << "destroy";
+        QTest::newRow("destroy while the prompt is up") << "destroy at prompt";
+    }
+
+    void lifetimes()
+    {
+        REQUIRE_SSHD();
+        QFETCH(QString, action);
+        auto sensor = sshdSensor();
+        auto panel = std::make_unique<TelvaneDiagnosticsView>(
+            sensor, writeScript("echo start\nsleep 1\necho '*end*'\n"));
+        const bool atPrompt = action == QLatin1String("destroy at prompt");
+        if (!atPrompt) {
+            panel->setUsername(QString::fromStdString(sshd->username()));
+            panel->setPassword(QString::fromStdString(sshd->password()));
+        }
+        QTimer poll;
+        connect(&poll, &QTimer::timeout, this, [&] {
+            if (QDialog *dialog = shownPrompt()) {
+                panel.reset(); // the prompt stays up for the run's thread, which waits for it
+                dialog->reject();
+            }
+        });
+        poll.start(10);
+        panel->show();
+        if (atPrompt) {
+            QTRY_VERIFY_WITH_TIMEOUT(!panel, kRunTimeout);
+            QVERIFY(released(sensor, 0));
+            return;
+        }
+        const QString started = connecting(sshd->port()) + QStringLiteral("OK\nstart\n");
+        QTRY_COMPARE_WITH_TIMEOUT(panel->textView()->toPlainText(), started, kRunTimeout);
+
+        if (action == QLatin1String("destroy")) {
+            panel.reset();
+            QVERIFY(released(sensor, 0));
+            QTest::qWait(100); // anything still queued for the panel would land now
+            return;
+        }
+        if (action == QLatin1String("again")) {
+            panel->findChild<QPushButton *>(QStringLiteral("runAgainButton"))->click();
+            QCOMPARE(panel->textView()->toPlainText(), QString()); // cleared at once
+            QVERIFY(busy(*panel));
+        } else {
+            panel->findChild<QPushButton *>(QStringLiteral("closeButton"))->click();
+            QVERIFY(!panel->isVisible());
+        }
+        // Both runs, or the closed panel's one, go on to their ends.
+        QVERIFY(released(sensor));
+        QTRY_VERIFY(!busy(*panel));
+        QVERIFY(!panel->running());
+        const QString text = panel->textView()->toPlainText();
+        QVERIFY2(text.contains(QLatin1String("end\n")) &&
+                     text.contains(QLatin1String("Diagnostics completed.")),
+                 qPrintable(text));
+        if (action == QLatin1String("close"))
+            QCOMPARE(text, started + QStringLiteral("end\nDiagnostics completed."));
+        else
+            QVERIFY2(text.startsWith(connecting(sshd->port())), qPrintable(text));
+    }
+};
+
+QTEST_MAIN(DiagnosticsViewTest)
+
+#include "DiagnosticsViewTest.moc"
