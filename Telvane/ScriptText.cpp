@@ -6,8 +6,14 @@ std::string replaceAll(std::string_view text, std::string_view from, std::string
 {
     if (from.empty())
         return std::string(text);
+    // Sized once, up front: growing the buffer midway would free a copy of what was already inserted, and
+    // for the password that copy would be left unwiped on the heap.
+    std::size_t hits = 0;
+    for (std::size_t hit = text.find(from); hit != std::string_view::npos;
+         hit = text.find(from, hit + from.size()))
+        ++hits;
     std::string out;
-    out.reserve(text.size());
+    out.reserve(text.size() - hits * from.size() + hits * to.size());
     std::size_t pos = 0;
     for (std::size_t hit; (hit = text.find(from, pos)) != std::string_view::npos; pos = hit + from.size()) {
         out.append(text, pos, hit - pos);

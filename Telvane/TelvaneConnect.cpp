@@ -224,7 +224,9 @@ void TelvanePrivate::runScript(const std::string &script)
         const int noDelay = 1;
         ::setsockopt(conn->sock, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
 
-        conn->session = libssh2_session_init_ex(nullptr, nullptr, nullptr, nullptr);
+        conn->session =
+            libssh2_session_init_ex(telvane::libssh2WipingAlloc, telvane::libssh2WipingFree,
+                                    telvane::libssh2WipingRealloc, conn->sessionMemory.abstract());
         if (!conn->session) {
             telvaneLog("libssh2_session_init() failed.");
             fail(TelvaneErrorConnection);
@@ -278,6 +280,7 @@ void TelvanePrivate::runScript(const std::string &script)
         bool persist = false;
         if (username && storedPassword) {
             credentials.emplace(std::move(*username), std::move(*storedPassword));
+            telvaneWipe(*storedPassword); // a short password is copied, not moved: the old string keeps it
         } else {
             if (storedPassword)
                 telvaneWipe(*storedPassword);

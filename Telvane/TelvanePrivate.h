@@ -3,6 +3,8 @@
 
 #include <Telvane/Telvane.h>
 
+#include "Platform/Libssh2Library.h"
+
 #include <atomic>
 #include <functional>
 #include <mutex>
@@ -40,6 +42,8 @@ public:
     LIBSSH2_SESSION *session = nullptr; // the SSH session
     LIBSSH2_CHANNEL *channel = nullptr; // the session channel running the script
     bool holdsLibrary = false;          // this run called libssh2_init and has not given it back
+    // Every block of the session; goes after the destructor's teardown and frees what libssh2 left behind.
+    telvane::Libssh2SessionMemory sessionMemory;
 
 private:
     std::atomic<bool> stopped_{false};
