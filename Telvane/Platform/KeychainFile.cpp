@@ -7,9 +7,11 @@
 #include <Telvane/TelvaneCredentials.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/file.h>
@@ -270,8 +272,29 @@ private:
         return !first;
     }
 
+    // A writer killed between creating its temporary file and renaming it leaves that file behind, with every
+    // password in it. Under the exclusive lock no other save is under way, so any temporary there is stale.
+    void removeStaleTemporaries() const
+    {
+        const std::string base = path_.substr(path_.rfind('/') + 1) + ".";
+        DIR *dir = ::opendir(directory().c_str());
+        if (!dir)
+            return;
+        while (const dirent *entry = ::readdir(dir)) {
+            const std::string_view name = entry->d_name;
+            if (name.size() != base.size() + 6 || name.substr(0, base.size()) != base)
+                continue;
+            const std::string_view suffix = name.substr(base.size());
+            const auto alnum = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; };
+            if (std::all_of(suffix.begin(), suffix.end(), alnum))
+                ::unlinkat(::dirfd(dir), entry->d_name, 0);
+        }
+        ::closedir(dir);
+    }
+
     bool save(const Items &items) const
     {
+        removeStaleTemporaries();
         std::string text(kHeader);
         text += '\n';
         for (const auto &item : items.items) {
