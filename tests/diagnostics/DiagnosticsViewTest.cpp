@@ -6,6 +6,7 @@
 
 #include <Telvane/Telvane.h>
 
+#include <QtCore/QProcess>
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QTimer>
 #include <QtGui/QClipboard>
@@ -26,6 +27,10 @@
 #include <thread>
 
 using telvane::test::SshdHarness;
+
+#ifndef TELVANE_DIAGNOSTICS_HOST
+#define TELVANE_DIAGNOSTICS_HOST "" // not built
+#endif
 
 namespace {
 
@@ -447,6 +452,53 @@ private Q_SLOTS:
             QCOMPARE(text, started + QStringLiteral("end\nDiagnostics completed."));
         else
             QVERIFY2(text.startsWith(connecting(sshd->port())), qPrintable(text));
+    }
+
+    // The desktop host: bad input ends it at once; a quit while a run goes on ends it promptly and cleanly.
+    void host_data()
+    {
+        QTest::addColumn<bool>("usable");
+        QTest::addColumn<int>("exitCode");
+        QTest::newRow("missing script") << false << 2;
+        QTest::newRow("quit during a run") << true << 0;
+    }
+
+    void host()
+    {
+        QFETCH(bool, usable);
+        QFETCH(int, exitCode);
+        if (QStringLiteral(TELVANE_DIAGNOSTICS_HOST).isEmpty())
+            QSKIP("telvane-diagnostics is not built");
+        QProcess process;
+        if (!usable) {
+            process.start(QStringLiteral(TELVANE_DIAGNOSTICS_HOST),
+                          {QStringLiteral("127.0.0.1"), directory.filePath(QStringLiteral("absent.sh"))});
+            QVERIFY(process.waitForFinished(kRunTimeout));
+            QCOMPARE(process.exitCode(), exitCode);
+            QVERIFY(process.readAllStandardError().contains("cannot read the script"));
+            return;
+        }
+        REQUIRE_SSHD();
+        // The script itself says when it runs: it shares this machine with the test.
+        const QString started = directory.filePath(QStringLiteral("started"));
+        QFile(started).remove();
+        QFile::setPermissions(directory.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
+                                                    QFile::WriteOther | QFile::ExeOther);
+        const QString script = writeScript("touch " + started.toUtf8() + "\nsleep 60\n");
+        const QString passwordFile = writeScript(QByteArray::fromStdString(sshd->password() + "\n"));
+        process.start(QStringLiteral(TELVANE_DIAGNOSTICS_HOST),
+                      {QStringLiteral("-p"), QString::number(sshd->port()), QStringLiteral("-l"),
+                       QString::fromStdString(sshd->username()), QStringLiteral("--password-file"),
+                       passwordFile, QStringLiteral("127.0.0.1"), script});
+        QVERIFY(process.waitForStarted());
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(started) || process.state() == QProcess::NotRunning,
+                                 kRunTimeout);
+        QVERIFY2(QFile::exists(started), process.readAllStandardError().constData());
+        process.terminate(); // closes the window, as the user would
+        QVERIFY(process.waitForFinished(10000));
+        const QByteArray errors = process.readAllStandardError();
+        QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+        QVERIFY2(process.exitCode() == exitCode, errors.constData());
     }
 };
 
