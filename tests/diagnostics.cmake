@@ -21,3 +21,8 @@ set_tests_properties(telvane_diagnostics_view_test PROPERTIES
     ENVIRONMENT "QT_QPA_PLATFORM=offscreen;TELVANE_KEYRING=memory"
     SKIP_REGULAR_EXPRESSION "SKIP   :"
     TIMEOUT 300)
+
+# Not a test: renders the panel after a run against sshd for the README (scripts/screenshots).
+add_executable(telvane_diagnostics_screenshot diagnostics/DiagnosticsScreenshot.cpp)
+target_link_libraries(telvane_diagnostics_screenshot PRIVATE telvane_widgets_internal telvane_sshd_harness)
+target_include_directories(telvane_diagnostics_screenshot PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
