@@ -1,0 +1,18 @@
+# Where the password must never end up: log lines, process arguments, files, freed memory; and the file
+# keyring surviving a writer killed mid-save. The cases scan /tmp and every process's arguments, so they run
+# alone: another suite's password file or command line would otherwise be taken for a leak of ours.
+add_executable(telvane_hygiene_tests
+    hygiene/SecretTraceTest.cpp
+    hygiene/KeyringCrashTest.cpp
+    support/Process.cpp)
+target_link_libraries(telvane_hygiene_tests PRIVATE telvane_test_support GTest::gtest_main)
+if(TARGET telvane)
+    target_compile_definitions(telvane_hygiene_tests PRIVATE TELVANE_CLI_PATH="$<TARGET_FILE:telvane>")
+    add_dependencies(telvane_hygiene_tests telvane)
+endif()
+telvane_discover(telvane_hygiene_tests TIMEOUT 300 RUN_SERIAL TRUE)
+
+# Replaces the global operator new and delete to look into every freed block: a program of its own.
+add_executable(telvane_freed_memory_tests hygiene/FreedMemoryTest.cpp)
+target_link_libraries(telvane_freed_memory_tests PRIVATE telvane_test_support GTest::gtest_main)
+telvane_discover(telvane_freed_memory_tests TIMEOUT 300 RUN_SERIAL TRUE)
