@@ -290,17 +290,14 @@ public:
     {
         for (std::string chunk; !(chunk = output->availableData()).empty();)
             appendOutput(decodeOutput(chunk));
-        std::lock_guard lock(mutex_);
-        if (--readers_ > 0)
-            return;
-        for (Item &item : deferred_)
-            postLocked(std::move(item));
-        deferred_.clear();
+        readerEnded();
     }
 
     void sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle> output) override
     {
         appendOutput(texts_.ok);
+        // Counted only now, after the pump has started: an end reported in between (a script that is done
+        // before its start is) is not held back.
         {
             std::lock_guard lock(mutex_);
             ++readers_;
@@ -311,8 +308,7 @@ public:
         if (!BackgroundThreads::instance().start(std::move(reader))) {
             // Nobody reads: let the run end rather than fill the pipe, and do not hold its end back.
             output->closeFile();
-            std::lock_guard lock(mutex_);
-            --readers_;
+            readerEnded();
         }
     }
 
@@ -359,6 +355,16 @@ public:
     std::atomic<bool> running{false};
 
 private:
+    void readerEnded()
+    {
+        std::lock_guard lock(mutex_);
+        if (--readers_ > 0)
+            return;
+        for (Item &item : deferred_)
+            postLocked(std::move(item));
+        deferred_.clear();
+    }
+
     void post(Item item)
     {
         std::lock_guard lock(mutex_);
