@@ -2,13 +2,72 @@
 #include "TelvanePrivate.h"
 #include <Telvane/Platform/TelvaneLog.h>
 
+#include <cerrno>
 #include <chrono>
 #include <libssh2.h>
 #include <poll.h>
 
 namespace {
 constexpr std::size_t kReadBuffer = 32768;
+
+// libssh2 drains the socket into its own queue before it hands out data, and reports an end of the
+// connection met on the way (or a failed send of the window adjustment it makes first) at once, dropping
+// what it had queued with it: the last bytes a server sent before it went would be lost whenever they still
+// waited in the socket when the pipe had room again. So a read sees the end only after the channel has
+// given out all it had. What a dead connection would not take anyway is taken as sent meanwhile.
+struct EndHold
+{
+    void *plainReceive; // libssh2's own socket functions
+    void *plainSend;
+    bool ended = false;
+};
+// The hold of the read under way on this thread: libssh2 calls the socket functions synchronously, from
+// inside the read. (The session's abstract pointer belongs to its allocator.)
+thread_local EndHold *activeHold = nullptr;
+
+using ReceiveFunction = ssize_t (*)(libssh2_socket_t, void *, size_t, int, void **);
+using SendFunction = ssize_t (*)(libssh2_socket_t, const void *, size_t, int, void **);
+
+LIBSSH2_RECV_FUNC(receiveHoldingEnd)
+{
+    EndHold &hold = *activeHold;
+    const ssize_t n =
+        reinterpret_cast<ReceiveFunction>(hold.plainReceive)(socket, buffer, length, flags, abstract);
+    if (n > 0 || n == -EAGAIN)
+        return n;
+    hold.ended = true;
+    return -EAGAIN;
 }
+
+LIBSSH2_SEND_FUNC(sendHoldingEnd)
+{
+    EndHold &hold = *activeHold;
+    if (hold.ended)
+        return static_cast<ssize_t>(length);
+    const ssize_t n = reinterpret_cast<SendFunction>(hold.plainSend)(socket, buffer, length, flags, abstract);
+    if (n >= 0 || n == -EAGAIN)
+        return n;
+    hold.ended = true;
+    return static_cast<ssize_t>(length);
+}
+
+ssize_t readHoldingEnd(LIBSSH2_SESSION *session, LIBSSH2_CHANNEL *channel, char *buffer, std::size_t size)
+{
+    EndHold hold{libssh2_session_callback_set(session, LIBSSH2_CALLBACK_RECV,
+                                              reinterpret_cast<void *>(&receiveHoldingEnd)),
+                 libssh2_session_callback_set(session, LIBSSH2_CALLBACK_SEND,
+                                              reinterpret_cast<void *>(&sendHoldingEnd))};
+    activeHold = &hold;
+    ssize_t rc = libssh2_channel_read_ex(channel, 0, buffer, size);
+    activeHold = nullptr;
+    libssh2_session_callback_set(session, LIBSSH2_CALLBACK_RECV, hold.plainReceive);
+    libssh2_session_callback_set(session, LIBSSH2_CALLBACK_SEND, hold.plainSend);
+    // Nothing left in the queue: now the end may show, as the error libssh2 itself gives it.
+    if (rc == LIBSSH2_ERROR_EAGAIN && hold.ended)
+        rc = libssh2_channel_read_ex(channel, 0, buffer, size);
+    return rc;
+}
+} // namespace
 
 void TelvanePrivate::doScript(std::shared_ptr<Connection> conn)
 {
@@ -21,7 +80,7 @@ void TelvanePrivate::doScript(std::shared_ptr<Connection> conn)
     // pipe writes run outside it, so close() is never held up by a slow reader or a quiet server.
     const auto read = [&] {
         std::lock_guard lock(monitor);
-        return conn->channel ? libssh2_channel_read_ex(conn->channel, 0, buffer, sizeof buffer)
+        return conn->channel ? readHoldingEnd(conn->session, conn->channel, buffer, sizeof buffer)
                              : static_cast<ssize_t>(LIBSSH2_ERROR_BAD_USE);
     };
     const auto wait = [&] {
