@@ -33,9 +33,10 @@ std::optional<std::string> resolve(const std::string &hostname)
     if (hostname.empty() || ::getaddrinfo(hostname.c_str(), nullptr, &hints, &result) != 0 || !result)
         return std::nullopt;
     char text[INET6_ADDRSTRLEN] = {};
-    const void *address = result->ai_family == AF_INET6
-                              ? static_cast<const void *>(&reinterpret_cast<sockaddr_in6 *>(result->ai_addr)->sin6_addr)
-                              : static_cast<const void *>(&reinterpret_cast<sockaddr_in *>(result->ai_addr)->sin_addr);
+    const void *address =
+        result->ai_family == AF_INET6
+            ? static_cast<const void *>(&reinterpret_cast<sockaddr_in6 *>(result->ai_addr)->sin6_addr)
+            : static_cast<const void *>(&reinterpret_cast<sockaddr_in *>(result->ai_addr)->sin_addr);
     const bool ok = ::inet_ntop(result->ai_family, address, text, sizeof text) != nullptr;
     ::freeaddrinfo(result);
     if (!ok)
@@ -54,7 +55,8 @@ int pollMilliseconds(double seconds)
 
 // Connects with a time-out, watching the connection's wake so that close() ends the attempt. 0 when
 // connected, -1 on error (errno set), -2 on time-out.
-long connectWithTimeout(const Connection &connection, const sockaddr *address, socklen_t length, double timeout)
+long connectWithTimeout(const Connection &connection, const sockaddr *address, socklen_t length,
+                        double timeout)
 {
     const int fd = connection.sock;
     const int flags = ::fcntl(fd, F_GETFL);
@@ -99,8 +101,8 @@ void logLastError(LIBSSH2_SESSION *session)
 
 int TelvanePrivate::waitForSocket(const Connection &connection, LIBSSH2_SESSION *session, double timeout)
 {
-    return waitForDirections(connection, connection.sock, session ? libssh2_session_block_directions(session) : 0,
-                             timeout);
+    return waitForDirections(connection, connection.sock,
+                             session ? libssh2_session_block_directions(session) : 0, timeout);
 }
 
 int TelvanePrivate::waitForDirections(const Connection &connection, int sock, int directions, double timeout)
@@ -155,7 +157,9 @@ void TelvanePrivate::runScript(const std::string &script)
     bool failed = true;
     {
         std::unique_lock lock(monitor);
-        const auto fail = [&](long code) { q.sensorDidFailWithError(code); };
+        const auto fail = [&](long code) {
+            q.sensorDidFailWithError(code);
+        };
         const auto stopped = [&] {
             if (!conn->stopRequested())
                 return false;
@@ -210,7 +214,8 @@ void TelvanePrivate::runScript(const std::string &script)
             return;
         }
 #endif
-        const long connected = connectWithTimeout(*conn, reinterpret_cast<sockaddr *>(&storage), length, q.timeout());
+        const long connected =
+            connectWithTimeout(*conn, reinterpret_cast<sockaddr *>(&storage), length, q.timeout());
         if (connected != 0) {
             if (connected == -2)
                 telvaneLog("connect to %s port %u: timed out after %g seconds", address->c_str(), ntohs(port),
@@ -236,14 +241,24 @@ void TelvanePrivate::runScript(const std::string &script)
         if (configureSession)
             configureSession(conn->session);
 
-        // Each loop below waits on the socket between attempts instead of spinning; a close() from another
-        // thread wakes the wait and ends the attempt.
-        int rc;
-        while ((rc = libssh2_session_handshake(conn->session, conn->sock)) == LIBSSH2_ERROR_EAGAIN) {
-            waitForSocket(*conn, conn->session, q.timeout());
-            if (stopped())
-                return;
-        }
+        // Repeats a non-blocking libssh2 call while it answers "try again", waiting on the socket between
+        // attempts instead of spinning; a close() from another thread wakes the wait and ends the attempt.
+        // Nothing when a stop came meanwhile: it has been reported already.
+        const auto untilDone = [&](auto call) -> std::optional<int> {
+            int result;
+            while ((result = call()) == LIBSSH2_ERROR_EAGAIN) {
+                waitForSocket(*conn, conn->session, q.timeout());
+                if (stopped())
+                    return std::nullopt;
+            }
+            return result;
+        };
+
+        const auto handshake =
+            untilDone([&] { return libssh2_session_handshake(conn->session, conn->sock); });
+        if (!handshake)
+            return;
+        int rc = *handshake;
         if (rc != 0) {
             telvaneLog("libssh2_session_handshake() failed: %d", rc);
             logLastError(conn->session);
@@ -270,7 +285,8 @@ void TelvanePrivate::runScript(const std::string &script)
         const std::string service = q.serviceNameForSensor();
         std::optional<std::string> username;
         std::optional<std::string> storedPassword;
-        if (const auto accounts = TelvaneKeychain::accountsForService(service); accounts && !accounts->empty()) {
+        if (const auto accounts = TelvaneKeychain::accountsForService(service);
+            accounts && !accounts->empty()) {
             const auto &first = accounts->front();
             if (const auto it = first.find(kTelvaneKeychainAccountKey); it != first.end()) {
                 username = it->second;
@@ -294,20 +310,21 @@ void TelvanePrivate::runScript(const std::string &script)
                 return;
         }
 
-        if (!telvane::isSendableAscii(credentials->username) || !telvane::isSendableAscii(credentials->password)) {
+        if (!telvane::isSendableAscii(credentials->username) ||
+            !telvane::isSendableAscii(credentials->password)) {
             telvaneLog("the username or password for %s is not ASCII text; it was not sent", host.c_str());
             fail(TelvaneErrorAuthentication);
             return;
         }
-        while ((rc = libssh2_userauth_password_ex(
-                    conn->session, credentials->username.c_str(),
-                    static_cast<unsigned>(credentials->username.size()), credentials->password.c_str(),
-                    static_cast<unsigned>(credentials->password.size()), nullptr)) == LIBSSH2_ERROR_EAGAIN) {
-            waitForSocket(*conn, conn->session, q.timeout());
-            if (stopped())
-                return;
-        }
-        if (rc != 0) {
+        const auto login = untilDone([&] {
+            return libssh2_userauth_password_ex(conn->session, credentials->username.c_str(),
+                                                static_cast<unsigned>(credentials->username.size()),
+                                                credentials->password.c_str(),
+                                                static_cast<unsigned>(credentials->password.size()), nullptr);
+        });
+        if (!login)
+            return;
+        if (*login != 0) {
             telvaneLog("libssh2_userauth_password()) failed.");
             logLastError(conn->session);
             TelvaneKeychain::deletePasswordForService(service, credentials->username);
@@ -317,47 +334,48 @@ void TelvanePrivate::runScript(const std::string &script)
         if (persist)
             TelvaneKeychain::setPassword(credentials->password, service, credentials->username);
 
-        // The channel.
-        for (;;) {
+        // The channel: a null result means "try again" only when the session's last error says so.
+        const auto opened = untilDone([&] {
             conn->channel = libssh2_channel_open_ex(conn->session, "session", sizeof "session" - 1,
-                                                    LIBSSH2_CHANNEL_WINDOW_DEFAULT, LIBSSH2_CHANNEL_PACKET_DEFAULT,
-                                                    nullptr, 0);
-            if (conn->channel)
-                break;
-            if (libssh2_session_last_error(conn->session, nullptr, nullptr, 0) != LIBSSH2_ERROR_EAGAIN) {
-                telvaneLog("libssh2_channel_open_session() failed.");
-                logLastError(conn->session);
-                fail(TelvaneErrorConnection);
-                return;
-            }
-            waitForSocket(*conn, conn->session, q.timeout());
-            if (stopped())
-                return;
+                                                    LIBSSH2_CHANNEL_WINDOW_DEFAULT,
+                                                    LIBSSH2_CHANNEL_PACKET_DEFAULT, nullptr, 0);
+            return conn->channel ? 0 : libssh2_session_last_error(conn->session, nullptr, nullptr, 0);
+        });
+        if (!opened)
+            return;
+        if (!conn->channel) {
+            telvaneLog("libssh2_channel_open_session() failed.");
+            logLastError(conn->session);
+            fail(TelvaneErrorConnection);
+            return;
         }
-        // Standard error is never read: let libssh2 drop it, so it can never fill the window and stall output.
-        while (libssh2_channel_handle_extended_data2(conn->channel, LIBSSH2_CHANNEL_EXTENDED_DATA_IGNORE) ==
-               LIBSSH2_ERROR_EAGAIN) {
-            waitForSocket(*conn, conn->session, q.timeout());
-            if (stopped())
-                return;
-        }
+        // Standard error is never read: let libssh2 drop it, so it can never fill the window and stall
+        // output.
+        if (!untilDone([&] {
+                return libssh2_channel_handle_extended_data2(conn->channel,
+                                                             LIBSSH2_CHANNEL_EXTENDED_DATA_IGNORE);
+            }))
+            return;
 
         std::string command = telvane::normaliseScript(script, credentials->password);
-        struct Wipe {
+        struct Wipe
+        {
             std::string &text;
             ~Wipe() { telvaneWipe(text); }
         } wipeCommand{command}; // it may hold the password
         if (!telvane::isSendableAscii(command)) {
-            telvaneLog("the script for %s holds characters that are not ASCII text; it was not sent", host.c_str());
+            telvaneLog("the script for %s holds characters that are not ASCII text; it was not sent",
+                       host.c_str());
             fail(TelvaneErrorConnection);
             return;
         }
-        while ((rc = libssh2_channel_process_startup(conn->channel, "exec", sizeof "exec" - 1, command.c_str(),
-                                                     static_cast<unsigned>(command.size()))) == LIBSSH2_ERROR_EAGAIN) {
-            waitForSocket(*conn, conn->session, q.timeout());
-            if (stopped())
-                return;
-        }
+        const auto exec = untilDone([&] {
+            return libssh2_channel_process_startup(conn->channel, "exec", sizeof "exec" - 1, command.c_str(),
+                                                   static_cast<unsigned>(command.size()));
+        });
+        if (!exec)
+            return;
+        rc = *exec;
         if (rc != 0) {
             telvaneLog("libssh2_channel_exec() failed: %d", rc);
             logLastError(conn->session);
@@ -371,7 +389,9 @@ void TelvanePrivate::runScript(const std::string &script)
         running = true;
         try {
             // The pump keeps the sensor and its connection alive for as long as it runs.
-            std::thread([self = q.shared_from_this(), conn] { TelvanePrivate::get(*self).doScript(conn); }).detach();
+            std::thread([self = q.shared_from_this(), conn] {
+                TelvanePrivate::get(*self).doScript(conn);
+            }).detach();
         } catch (const std::system_error &e) {
             telvaneLog("cannot start the output pump: %s", e.what());
             fail(TelvaneErrorConnection);
