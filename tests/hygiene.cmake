@@ -3,8 +3,7 @@
 # alone: another suite's password file or command line would otherwise be taken for a leak of ours.
 add_executable(telvane_hygiene_tests
     hygiene/SecretTraceTest.cpp
-    hygiene/KeyringCrashTest.cpp
-    support/Process.cpp)
+    hygiene/KeyringCrashTest.cpp)
 target_link_libraries(telvane_hygiene_tests PRIVATE telvane_test_support GTest::gtest_main)
 if(TARGET telvane)
     target_compile_definitions(telvane_hygiene_tests PRIVATE TELVANE_CLI_PATH="$<TARGET_FILE:telvane>")

@@ -1,46 +1,18 @@
 // The example host program in examples/, run as a user would run it, so that it cannot rot.
 #include "integration/SensorRun.h"
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "support/Process.h"
 
+using telvane::test::runProcess;
 using telvane::test::SshdTest;
 
 namespace {
-struct Outcome
+// With TELVANE_KEYRING=memory, so the example never touches a real keyring.
+telvane::test::ProcessResult runProgram(const std::vector<std::string> &argv)
 {
-    int status = -1;
-    std::string output;
-};
-
-// Runs @p argv with TELVANE_KEYRING=memory, so the example never touches a real keyring.
-Outcome runProgram(std::vector<std::string> argv)
-{
-    int out[2];
-    if (::pipe2(out, O_CLOEXEC) != 0)
-        return {};
-    std::vector<char *> args;
-    for (auto &a : argv)
-        args.push_back(a.data());
-    args.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(out[1], 1);
-        ::setenv("TELVANE_KEYRING", "memory", 1);
-        ::execv(args[0], args.data());
-        ::_exit(127);
-    }
-    ::close(out[1]);
-    Outcome outcome;
-    char buffer[4096];
-    for (ssize_t n; (n = ::read(out[0], buffer, sizeof buffer)) > 0;)
-        outcome.output.append(buffer, static_cast<std::size_t>(n));
-    ::close(out[0]);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return outcome;
+    telvane::test::ProcessOptions options;
+    options.environment = {{"TELVANE_KEYRING", "memory"}};
+    return runProcess(argv, options);
 }
 } // namespace
 
@@ -50,11 +22,11 @@ TEST_F(SshdTest, MinimalHostPrintsTheOutputAndExitsWithTheScriptsStatus)
     const auto run = runProgram({TELVANE_MINIMAL_HOST, sshd().host(), std::to_string(sshd().port()),
                                  sshd().username(), passwordFile, "echo hello from $(whoami)\nexit 3"});
     EXPECT_EQ(3, run.status);
-    EXPECT_EQ("hello from " + sshd().username() + "\n", run.output);
+    EXPECT_EQ("hello from " + sshd().username() + "\n", run.out);
 
     const std::string wrongFile = sshd().writeFile("wrong", "not-the-password\n");
     const auto refused = runProgram({TELVANE_MINIMAL_HOST, sshd().host(), std::to_string(sshd().port()),
                                      sshd().username(), wrongFile, "echo never"});
     EXPECT_EQ(103, refused.status);
-    EXPECT_EQ("", refused.output);
+    EXPECT_EQ("", refused.out);
 }
