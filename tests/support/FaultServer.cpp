@@ -1,4 +1,5 @@
 #include "FaultServer.h"
+#include "Files.h"
 
 #include <cerrno>
 #include <csignal>
@@ -9,7 +10,6 @@
 #include <fstream>
 #include <poll.h>
 #include <spawn.h>
-#include <sstream>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -188,12 +188,7 @@ bool FaultServer::setFault(std::string_view fault)
 
 std::string FaultServer::log() const
 {
-    if (directory_.empty())
-        return {};
-    std::ifstream file(directory_ + "/faultd.log");
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return directory_.empty() ? std::string() : readFile(directory_ + "/faultd.log");
 }
 
 void FaultServer::stop()

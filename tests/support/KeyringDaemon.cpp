@@ -1,4 +1,5 @@
 #include "support/KeyringDaemon.h"
+#include "support/Files.h"
 
 #include <gio/gio.h>
 #include <libsecret/secret.h>
@@ -14,7 +15,6 @@
 #include <fstream>
 #include <memory>
 #include <poll.h>
-#include <sstream>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
@@ -28,25 +28,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr auto kStartLimit = std::chrono::seconds(20);
 constexpr const char *kPassword = "telvane-test-login";
-
-class Fd
-{
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() { reset(); }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int get() const { return fd_; }
-    void reset()
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_;
-};
 
 struct ErrorFree
 {
@@ -211,12 +192,7 @@ bool KeyringDaemon::fail(std::string why)
 
 std::string KeyringDaemon::log() const
 {
-    if (dir_.empty())
-        return {};
-    std::ifstream in(dir_ + "/daemons.log");
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return dir_.empty() ? std::string() : readFile(dir_ + "/daemons.log");
 }
 
 bool KeyringDaemon::start(With what)
@@ -266,9 +242,10 @@ bool KeyringDaemon::startBus()
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC) != 0)
         return fail(std::string("pipe2: ") + std::strerror(errno));
-    Fd readEnd(pipeFds[0]), writeEnd(pipeFds[1]);
-    Fd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    Fd logFile(::open((dir_ + "/daemons.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    Descriptor readEnd(pipeFds[0]), writeEnd(pipeFds[1]);
+    Descriptor null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    Descriptor logFile(
+        ::open((dir_ + "/daemons.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     busPid_ =
         spawn({daemon, "--config-file=" + dir_ + "/bus.conf", "--print-address=1", "--nofork", "--nopidfile"},
               {"PATH=/usr/bin:/bin", "HOME=" + dir_ + "/home"}, null.get(), writeEnd.get(), logFile.get());
@@ -302,8 +279,9 @@ bool KeyringDaemon::startKeyring()
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC) != 0)
         return fail(std::string("pipe2: ") + std::strerror(errno));
-    Fd readEnd(pipeFds[0]), writeEnd(pipeFds[1]);
-    Fd logFile(::open((dir_ + "/daemons.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    Descriptor readEnd(pipeFds[0]), writeEnd(pipeFds[1]);
+    Descriptor logFile(
+        ::open((dir_ + "/daemons.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     // With --unlock the daemon reads the login password from standard input and creates the login keyring
     // with it, unlocked and aliased "default": no prompt is ever needed to store an item.
     keyringPid_ =
@@ -385,44 +363,49 @@ int KeyringDaemon::promptsSeen() const
     return promptsSeenInProcess.load() - promptsBefore_;
 }
 
-bool KeyringDaemon::lockAll()
+// One call to the keyring over a connection of its own; false, with error() set, when it fails.
+bool KeyringDaemon::callService(const char *interface, const char *method, GVariant *parameters,
+                                const GVariantType *replyType, GVariant **reply)
 {
     std::string why;
     GDBusConnection *connection = connectPrivately(address_, why);
-    if (!connection)
+    if (!connection) {
+        g_variant_unref(g_variant_ref_sink(parameters));
         return fail("cannot connect to the test bus: " + why);
-    GError *raw = nullptr;
-    VariantPtr collections(g_dbus_connection_call_sync(
-        connection, "org.freedesktop.secrets", "/org/freedesktop/secrets", "org.freedesktop.DBus.Properties",
-        "Get", g_variant_new("(ss)", "org.freedesktop.Secret.Service", "Collections"), G_VARIANT_TYPE("(v)"),
-        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &raw));
-    VariantPtr reply;
-    if (collections) {
-        VariantPtr paths(g_variant_get_child_value(collections.get(), 0));
-        VariantPtr list(g_variant_get_variant(paths.get()));
-        reply.reset(g_dbus_connection_call_sync(
-            connection, "org.freedesktop.secrets", "/org/freedesktop/secrets",
-            "org.freedesktop.Secret.Service", "Lock", g_variant_new("(@ao)", list.get()),
-            G_VARIANT_TYPE("(aoo)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &raw));
     }
+    GError *raw = nullptr;
+    GVariant *answer = g_dbus_connection_call_sync(connection, "org.freedesktop.secrets",
+                                                   "/org/freedesktop/secrets", interface, method, parameters,
+                                                   replyType, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &raw);
     closeAndRelease(connection);
-    return reply || fail("cannot lock the keyring: " + message(raw));
+    if (!answer)
+        return fail(std::string(method) + " on the keyring failed: " + message(raw));
+    if (reply)
+        *reply = answer;
+    else
+        g_variant_unref(answer);
+    return true;
+}
+
+bool KeyringDaemon::lockAll()
+{
+    GVariant *raw = nullptr;
+    if (!callService("org.freedesktop.DBus.Properties", "Get",
+                     g_variant_new("(ss)", "org.freedesktop.Secret.Service", "Collections"),
+                     G_VARIANT_TYPE("(v)"), &raw))
+        return false;
+    VariantPtr collections(raw);
+    VariantPtr paths(g_variant_get_child_value(collections.get(), 0));
+    VariantPtr list(g_variant_get_variant(paths.get()));
+    return callService("org.freedesktop.Secret.Service", "Lock", g_variant_new("(@ao)", list.get()),
+                       G_VARIANT_TYPE("(aoo)"));
 }
 
 bool KeyringDaemon::requestUnlock()
 {
-    std::string why;
-    GDBusConnection *connection = connectPrivately(address_, why);
-    if (!connection)
-        return fail("cannot connect to the test bus: " + why);
     const char *paths[] = {"/org/freedesktop/secrets/aliases/default", nullptr};
-    GError *raw = nullptr;
-    VariantPtr reply(
-        g_dbus_connection_call_sync(connection, "org.freedesktop.secrets", "/org/freedesktop/secrets",
-                                    "org.freedesktop.Secret.Service", "Unlock", g_variant_new("(^ao)", paths),
-                                    G_VARIANT_TYPE("(aoo)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &raw));
-    closeAndRelease(connection);
-    return reply || fail("cannot ask for an unlock: " + message(raw));
+    return callService("org.freedesktop.Secret.Service", "Unlock", g_variant_new("(^ao)", paths),
+                       G_VARIANT_TYPE("(aoo)"));
 }
 
 void KeyringDaemon::stop()

@@ -6,6 +6,8 @@
 #include <sys/types.h>
 
 typedef struct _GDBusConnection GDBusConnection;
+typedef struct _GVariant GVariant;
+typedef struct _GVariantType GVariantType;
 
 namespace telvane::test {
 
@@ -44,6 +46,8 @@ private:
     bool startKeyring();
     bool waitForDefaultCollection();
     bool startMonitor();
+    bool callService(const char *interface, const char *method, GVariant *parameters,
+                     const GVariantType *replyType, GVariant **reply = nullptr);
 
     std::string dir_;
     std::string address_;

@@ -1,4 +1,5 @@
 #include "support/SshdHarness.h"
+#include "support/Files.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -11,7 +12,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <pwd.h>
-#include <sstream>
 #include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -31,23 +31,6 @@ constexpr const char *kChpasswd = "/usr/sbin/chpasswd";
 // The account's password lives here so that every harness on the machine (ctest runs tests in parallel
 // processes) logs in with the same one; a fresh random one per process would lock the others out.
 constexpr const char *kStateDir = "/var/lib/telvane-test";
-
-class Descriptor
-{
-public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    ~Descriptor()
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 // Runs @p argv to its end with @p input on its standard input (never on its command line: it may be a
 // password); its output goes to @p output. Answers the exit status, or -1 when it could not run.
@@ -406,13 +389,7 @@ std::string SshdHarness::writeFile(const std::string &name, const std::string &t
 
 std::string SshdHarness::log(std::size_t from) const
 {
-    std::ifstream file(directory_ + "/sshd.log", std::ios::binary);
-    if (!file)
-        return {};
-    file.seekg(static_cast<std::streamoff>(from));
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return readFile(directory_ + "/sshd.log", from);
 }
 
 std::size_t SshdHarness::logSize() const

@@ -1,0 +1,42 @@
+// Reading a whole file, for the harnesses' logs and the tests that look into files, and owning a descriptor.
+#pragma once
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+
+namespace telvane::test {
+
+/// The contents of @p path from byte @p from on; empty when it cannot be read.
+inline std::string readFile(const std::string &path, std::size_t from = 0)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file || !file.seekg(static_cast<std::streamoff>(from)))
+        return {};
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+/// Closes its descriptor when it goes, or on reset().
+class Descriptor
+{
+public:
+    explicit Descriptor(int fd = -1) : fd_(fd) {}
+    ~Descriptor() { reset(); }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    int get() const { return fd_; }
+    void reset()
+    {
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = -1;
+    }
+
+private:
+    int fd_;
+};
+
+} // namespace telvane::test
