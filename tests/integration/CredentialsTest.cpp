@@ -14,11 +14,6 @@ protected:
     {
         return TelvaneKeychain::passwordForService(sensor.serviceNameForSensor(), sshd().username());
     }
-    void freshDelegate()
-    {
-        delegate = std::make_shared<RecordingDelegate>();
-        delegate->answer = TelvaneCredentialsDictionary{sshd().username(), sshd().password()};
-    }
 };
 
 class Persist : public Credentials, public ::testing::WithParamInterface<bool>

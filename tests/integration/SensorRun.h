@@ -14,19 +14,19 @@
 
 namespace telvane::test {
 
-class SensorRunTest : public SshdTest
+class SensorRunTest : public SshdSensorTest
 {
 protected:
     void SetUp() override
     {
-        SshdTest::SetUp();
+        SshdSensorTest::SetUp();
         if (IsSkipped() || HasFatalFailure())
             return;
-        // Never the user's real keyring, and nothing left over from an earlier test.
-        TelvaneKeychain::setBackend(TelvaneKeychain::makeBackend("memory"));
-        delegate = std::make_shared<RecordingDelegate>();
-        delegate->answer = TelvaneCredentialsDictionary{sshd().username(), sshd().password()};
+        freshDelegate();
     }
+
+    /// A new delegate that answers with the daemon's account; the sensors made from now on get it.
+    void freshDelegate() { delegate = accountDelegate(); }
 
     void TearDown() override
     {
@@ -34,8 +34,7 @@ protected:
             EXPECT_EQ(std::string::npos, line.find(sshd().password())) << "a log line holds the password";
         if (HasFailure())
             std::cerr << "---- library log ----\n" << log.joined() << "---- end of library log ----\n";
-        TelvaneKeychain::setBackend(nullptr);
-        SshdTest::TearDown();
+        SshdSensorTest::TearDown();
     }
 
     std::shared_ptr<Telvane> makeSensor(double timeout = 10.0) const

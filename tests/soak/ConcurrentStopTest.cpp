@@ -3,8 +3,6 @@
 #include "Platform/Libssh2Library.h"
 #include "support/SshdFixture.h"
 
-#include <Telvane/Platform/TelvaneKeychain.h>
-
 #include <atomic>
 #include <random>
 #include <thread>
@@ -68,26 +66,7 @@ std::string expectedOutput()
     return ::testing::AssertionSuccess();
 }
 
-class Concurrent : public telvane::test::SshdTest
-{
-protected:
-    void SetUp() override
-    {
-        SshdTest::SetUp();
-        TelvaneKeychain::setBackend(TelvaneKeychain::makeBackend("memory"));
-    }
-    void TearDown() override
-    {
-        TelvaneKeychain::setBackend(nullptr);
-        SshdTest::TearDown();
-    }
-    std::shared_ptr<RecordingDelegate> makeDelegate() const
-    {
-        auto delegate = std::make_shared<RecordingDelegate>();
-        delegate->answer = TelvaneCredentialsDictionary{sshd().username(), sshd().password()};
-        return delegate;
-    }
-};
+using Concurrent = telvane::test::SshdSensorTest;
 
 } // namespace
 
@@ -100,7 +79,7 @@ TEST_F(Concurrent, SixtyFourSensorsStoppedAtRandomMomentsEndCleanly)
     {
         // A warm-up run, so that what the first connection sets up once is not counted as left over.
         auto sensor = Telvane::create("warm", "Warm", sshd().host(), sshd().port());
-        auto delegate = makeDelegate();
+        auto delegate = accountDelegate();
         sensor->setDelegate(delegate);
         sensor->runScript("echo warm", std::nullopt);
         ASSERT_TRUE(delegate->waitForEnd(30s)) << log.joined();
@@ -127,7 +106,7 @@ TEST_F(Concurrent, SixtyFourSensorsStoppedAtRandomMomentsEndCleanly)
     for (int i = 0; i < kSensors; ++i) {
         slots[i].sensor =
             Telvane::create("s" + std::to_string(i), "Sensor", sshd().host(), sshd().port(), 20.0);
-        slots[i].delegate = makeDelegate();
+        slots[i].delegate = accountDelegate();
         slots[i].sensor->setDelegate(slots[i].delegate);
         slots[i].stopped = i % 4 != 0; // every fourth runs to its end
         slots[i].stopAfterMs = delay(random);

@@ -2,8 +2,6 @@
 #include "Platform/Libssh2Library.h"
 #include "support/SshdFixture.h"
 
-#include <Telvane/Platform/TelvaneKeychain.h>
-
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -47,20 +45,7 @@ long residentKiB()
     return -1;
 }
 
-class Soak : public telvane::test::SshdTest
-{
-protected:
-    void SetUp() override
-    {
-        SshdTest::SetUp();
-        TelvaneKeychain::setBackend(TelvaneKeychain::makeBackend("memory"));
-    }
-    void TearDown() override
-    {
-        TelvaneKeychain::setBackend(nullptr);
-        SshdTest::TearDown();
-    }
-};
+using Soak = telvane::test::SshdSensorTest;
 
 } // namespace
 
@@ -72,8 +57,7 @@ TEST_F(Soak, RunsInARowLeaveDescriptorsAndMemoryFlat)
 
     // One run per iteration; the first stores the credentials, every later one logs in from the keyring.
     const auto runOnce = [&](int i) -> ::testing::AssertionResult {
-        auto delegate = std::make_shared<RecordingDelegate>();
-        delegate->answer = TelvaneCredentialsDictionary{sshd().username(), sshd().password()};
+        auto delegate = accountDelegate();
         delegate->answerPersist = true;
         sensor->setDelegate(delegate);
         sensor->runScript("echo run __N__\nexit 3", TelvaneArguments{{"N", std::to_string(i)}});

@@ -5,6 +5,8 @@
 #include "support/SshdHarness.h"
 #include "support/TestEnvironment.h"
 
+#include <Telvane/Platform/TelvaneKeychain.h>
+
 #include <gtest/gtest.h>
 
 #include <iostream>
@@ -45,6 +47,31 @@ protected:
 private:
     static inline std::unique_ptr<SshdHarness> harness_;
     std::size_t logStart_ = 0;
+};
+
+/// For suites that run sensors against the daemon: never the user's real keyring, and nothing left over
+/// from an earlier test.
+class SshdSensorTest : public SshdTest
+{
+protected:
+    void SetUp() override
+    {
+        SshdTest::SetUp();
+        TelvaneKeychain::setBackend(TelvaneKeychain::makeBackend("memory"));
+    }
+    void TearDown() override
+    {
+        TelvaneKeychain::setBackend(nullptr);
+        SshdTest::TearDown();
+    }
+
+    /// A delegate that answers with the daemon's account.
+    static std::shared_ptr<RecordingDelegate> accountDelegate()
+    {
+        auto delegate = std::make_shared<RecordingDelegate>();
+        delegate->answer = TelvaneCredentialsDictionary{sshd().username(), sshd().password()};
+        return delegate;
+    }
 };
 
 } // namespace telvane::test
