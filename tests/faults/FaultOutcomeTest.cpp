@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <ostream>
-#include <poll.h>
 #include <regex>
 #include <string>
 #include <thread>
@@ -122,23 +121,6 @@ void PrintTo(const StreamFault &row, std::ostream *out)
 void PrintTo(const Refusal &row, std::ostream *out)
 {
     *out << row.fault;
-}
-
-// Reads @p output until end of file; false when it has not come within @p limit.
-bool readToEnd(TelvaneFileHandle &output, std::chrono::milliseconds limit, std::string *data)
-{
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        pollfd ready{output.fileDescriptor(), POLLIN, 0};
-        if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0)
-            return false;
-        const std::string chunk = output.availableData();
-        if (chunk.empty())
-            return true;
-        *data += chunk;
-    }
 }
 
 class Stream : public FaultRunTest, public ::testing::WithParamInterface<StreamFault>

@@ -4,8 +4,6 @@
 #include "integration/Loopback.h"
 #include "integration/SensorRun.h"
 
-#include <poll.h>
-
 #include <chrono>
 #include <random>
 #include <thread>
@@ -13,6 +11,7 @@
 using namespace std::chrono_literals;
 using telvane::test::LoopbackSocket;
 using telvane::test::openDescriptorCount;
+using telvane::test::readToEnd;
 using telvane::test::RecordingDelegate;
 using telvane::test::SensorRunTest;
 using telvane::test::threadCount;
@@ -20,24 +19,6 @@ using telvane::test::waitUntil;
 using Event = RecordingDelegate::Event;
 
 namespace {
-
-// Reads @p output until end of file; false when it has not come within @p limit.
-bool readToEnd(TelvaneFileHandle &output, std::chrono::milliseconds limit, std::string *data = nullptr)
-{
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        pollfd ready{output.fileDescriptor(), POLLIN, 0};
-        if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0)
-            return false;
-        const std::string chunk = output.availableData();
-        if (chunk.empty())
-            return true;
-        if (data)
-            *data += chunk;
-    }
-}
 
 class Stop : public SensorRunTest
 {
@@ -64,11 +45,6 @@ protected:
         ASSERT_TRUE(waitUntil([&] { return threadCount() == *threads; }, 5s));
         freshDelegate();
         *descriptors = openDescriptorCount();
-    }
-    void freshDelegate()
-    {
-        delegate = std::make_shared<RecordingDelegate>();
-        delegate->answer = TelvaneCredentialsDictionary{sshd().username(), sshd().password()};
     }
 };
 
@@ -110,23 +86,6 @@ TEST_F(Stop, WhileThePumpWaitsOnAQuietScriptNothingIsReported)
     EXPECT_TRUE(waitUntil([&] { return telvane::libssh2References() == 0; }, 5s));
     EXPECT_EQ(0, delegate->count(Event::Terminated) + delegate->count(Event::Failed))
         << "a stop during a wait is reported to nobody";
-}
-
-TEST_F(Stop, DuringAStalledHandshakeTheRunEndsPromptlyWithCode1)
-{
-    LoopbackSocket silent(8); // the kernel completes the connection; nobody ever sends a banner
-    auto sensor = makeSensor("127.0.0.1", silent.port(), 30.0);
-    std::thread run([&] { sensor->runScript("echo never", std::nullopt); });
-    std::this_thread::sleep_for(300ms);
-
-    const auto before = std::chrono::steady_clock::now();
-    sensor->stopScript();
-    run.join();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
-    EXPECT_EQ(1, delegate->failureCode()) << log.joined();
-    EXPECT_EQ(1, delegate->count(Event::Failed));
-    EXPECT_EQ(0, delegate->count(Event::AskedCredentials));
-    EXPECT_EQ(0, telvane::libssh2References());
 }
 
 TEST_F(Stop, AReaderThatClosesItsEndEndsTheRunWithoutKillingTheHost)

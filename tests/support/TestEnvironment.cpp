@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <dirent.h>
+#include <poll.h>
 #include <thread>
 
 namespace telvane::test {
@@ -58,6 +59,23 @@ bool waitUntil(const std::function<bool()> &condition, std::chrono::milliseconds
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
+}
+
+bool readToEnd(TelvaneFileHandle &output, std::chrono::milliseconds limit, std::string *data)
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd ready{output.fileDescriptor(), POLLIN, 0};
+        if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0)
+            return false;
+        const std::string chunk = output.availableData();
+        if (chunk.empty())
+            return true;
+        if (data)
+            *data += chunk;
+    }
 }
 
 static int countEntries(const char *path)

@@ -49,6 +49,10 @@ private:
 /// Polls @p condition until it holds or @p timeout passes.
 bool waitUntil(const std::function<bool()> &condition, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+/// Reads @p output until end of file, appending to @p data when given; false when the end has not come
+/// within @p limit.
+bool readToEnd(TelvaneFileHandle &output, std::chrono::milliseconds limit, std::string *data = nullptr);
+
 /// The number of threads of this process.
 int threadCount();
 /// The number of open descriptors of this process.
