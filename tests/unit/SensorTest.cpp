@@ -125,8 +125,10 @@ TEST(Sensor, UnresolvableHostFailsWithCodeOneBeforeTouchingLibssh2)
     sensor->setDelegate(delegate);
     sensor->runScript("echo hi", std::nullopt);
     EXPECT_EQ(1, delegate->failureCode());
+    EXPECT_EQ(1, delegate->count(RecordingDelegate::Event::Failed));
+    EXPECT_EQ(0, delegate->count(RecordingDelegate::Event::Started));
     EXPECT_EQ(0, delegate->count(RecordingDelegate::Event::AskedCredentials));
-    EXPECT_TRUE(log.contains("cannot resolve no-such-host.invalid")) << log.joined();
+    EXPECT_EQ(std::vector<std::string>{"cannot resolve no-such-host.invalid"}, log.lines());
     EXPECT_EQ(before, telvane::libssh2References());
     EXPECT_TRUE(sensor->pipe()); // the run's new pipe stays set
 }
@@ -134,14 +136,22 @@ TEST(Sensor, UnresolvableHostFailsWithCodeOneBeforeTouchingLibssh2)
 TEST(Sensor, AnAddressThatIsNotAnIpIsReportedToNobody)
 {
     telvane::test::LogCapture log;
+    const int before = telvane::libssh2References();
     auto sensor = Telvane::create("id", "n", "weird");
     TelvanePrivate::get(*sensor).resolver = [](const std::string &) { return std::string("not-an-ip"); };
     auto delegate = std::make_shared<RecordingDelegate>();
     sensor->setDelegate(delegate);
+    const int descriptors = telvane::test::openDescriptorCount();
     sensor->runScript("echo hi", std::nullopt);
     EXPECT_TRUE(delegate->events().empty());
-    EXPECT_TRUE(log.contains("inet_pton:")) << log.joined();
-    sensor->close(); // gives back the library reference that the run took
+    EXPECT_TRUE(log.contains("inet_pton: ")) << log.joined();
+    EXPECT_FALSE(sensor->running());
+
+    // The library reference taken for this run is not lost: the next close gives it back.
+    sensor->close();
+    EXPECT_EQ(before, telvane::libssh2References());
+    sensor.reset(); // with its pipe, which outlives a failed run on purpose
+    EXPECT_EQ(descriptors, telvane::test::openDescriptorCount());
 }
 
 TEST(Sensor, ServiceNameNamesTheHostAsWritten)
