@@ -2,6 +2,7 @@
 // the marking of its transcript, the end of a run however it comes, and panels that go away mid-run.
 #include "TelvaneDiagnosticsView.h"
 
+#include "support/QtRequire.h"
 #include "support/SshdHarness.h"
 
 #include <Telvane/Telvane.h>
@@ -33,6 +34,7 @@
 #include <thread>
 #include <vector>
 
+using telvane::test::shownPrompt;
 using telvane::test::SshdHarness;
 
 #ifndef TELVANE_DIAGNOSTICS_HOST
@@ -43,15 +45,7 @@ namespace {
 
 constexpr int kRunTimeout = 30000;
 
-/// Skips without sshd, or fails under CI, which can always start it.
-#define REQUIRE_SSHD()                                                                                       \
-    do {                                                                                                     \
-        if (!sshd->running()) {                                                                              \
-            if (qEnvironmentVariable("CI") == QLatin1String("true"))                                         \
-                QFAIL(qPrintable("no sshd under CI: " + QString::fromStdString(sshd->reason())));            \
-            QSKIP(qPrintable("no sshd: " + QString::fromStdString(sshd->reason())));                         \
-        }                                                                                                    \
-    } while (0)
+#define REQUIRE_SSHD() TELVANE_QREQUIRE(sshd->running(), "no sshd: " + QString::fromStdString(sshd->reason()))
 
 /// One character per character of the transcript: 'r' red, '.' the palette's text colour, '?' any other
 /// colour, and a blank for each line end (whose format a cursor does not report reliably).
@@ -85,12 +79,6 @@ QString coloursWithRed(const QString &shown, const QString &red)
                : start >= 0 && i >= start && i < start + red.size() ? QLatin1Char('r')
                                                                     : QLatin1Char('.');
     return out;
-}
-
-QDialog *shownPrompt()
-{
-    auto *dialog = qobject_cast<QDialog *>(QApplication::activeModalWidget());
-    return dialog && dialog->objectName() == QLatin1String("TelvaneCredentialsDialog") ? dialog : nullptr;
 }
 
 /// The desktop host, started with posix_spawn: QProcess's vfork confuses ThreadSanitizer in this process.

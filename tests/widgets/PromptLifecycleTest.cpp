@@ -2,6 +2,7 @@
 // that asks while the application shuts down. Each case runs in a child process, since quitting and
 // destroying the application object cannot be undone. Prints Qt Test's "PASS   :" / "FAIL!  :" lines.
 #include "TelvaneCredentialsPrompt.h"
+#include "support/QtRequire.h"
 
 #include <Telvane/Telvane.h>
 
@@ -9,6 +10,7 @@
 #include <QtWidgets/QApplication>
 #include <QtWidgets/QDialog>
 #include <QtWidgets/QLabel>
+#include <QtWidgets/QPushButton>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,6 +25,7 @@
 namespace {
 
 using namespace std::chrono_literals;
+using telvane::test::shownPrompt;
 
 bool check(bool condition, const char *what)
 {
@@ -44,22 +47,18 @@ std::future<std::pair<bool, bool>> askFromWorker(std::shared_ptr<Telvane> sensor
     return future;
 }
 
-QDialog *shownPrompt()
-{
-    auto *dialog = qobject_cast<QDialog *>(QApplication::activeModalWidget());
-    return dialog && dialog->objectName() == QLatin1String("TelvaneCredentialsDialog") ? dialog : nullptr;
-}
-
 // The first prompt of a process installs the translation that QLocale() asks for.
 bool germanOnFirstUse(int argc, char **argv)
 {
     QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
     QApplication app(argc, argv);
-    QString message;
+    QString message, informative, cancel;
     QTimer poll;
     QObject::connect(&poll, &QTimer::timeout, &app, [&] {
         if (auto *dialog = shownPrompt()) {
             message = dialog->findChild<QLabel *>("messageLabel")->text();
+            informative = dialog->findChild<QLabel *>("informativeLabel")->text();
+            cancel = dialog->findChild<QPushButton *>("cancelButton")->text();
             dialog->reject();
         }
     });
@@ -67,7 +66,10 @@ bool germanOnFirstUse(int argc, char **argv)
     auto sensor = Telvane::create("id", "Keller", "host");
     bool persist = false;
     TelvaneCredentials::promptForCredentials(*sensor, &persist);
-    return check(message == QStringLiteral("Anmeldung erforderlich für Keller"), "German message text");
+    return check(message == QStringLiteral("Anmeldung erforderlich für Keller"), "German message text") &&
+           check(informative == QStringLiteral("Bitte geben Sie Benutzername und Passwort ein:"),
+                 "German informative text") &&
+           check(cancel == QStringLiteral("Abbrechen"), "German cancel button");
 }
 
 // quit() while a worker's prompt is up ends the dialog as a cancel and releases the worker.
