@@ -10,12 +10,23 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
-#include <regex>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 namespace {
+
+// "error: -1" and the like: a number without words.
+bool isBareErrorNumber(const std::string &line)
+{
+    const std::string prefix = "error: ";
+    if (line.compare(0, prefix.size(), prefix) != 0)
+        return false;
+    std::size_t i = prefix.size();
+    if (i < line.size() && line[i] == '-')
+        ++i;
+    return i < line.size() && line.find_first_not_of("0123456789", i) == std::string::npos;
+}
 
 // Keeps the library's log lines for the one-line failure message, or shows them all with --verbose.
 class LogKeeper
@@ -34,13 +45,12 @@ public:
     /// The last line that says something to a person (the bare "error: -1" style lines do not).
     std::string cause() const
     {
-        static const std::regex bare("^error: -?[0-9]+\\s*$");
         std::lock_guard lock(mutex_);
         for (auto it = lines_.rbegin(); it != lines_.rend(); ++it) {
             std::string line = *it;
             while (!line.empty() && (line.back() == '\n' || line.back() == ' '))
                 line.pop_back();
-            if (!line.empty() && !std::regex_match(line, bare))
+            if (!line.empty() && !isBareErrorNumber(line))
                 return line;
         }
         return {};
