@@ -1,10 +1,9 @@
 // The command-line host as a user runs it: the real binary against the real loopback sshd.
+#include "integration/Loopback.h"
 #include "support/Process.h"
 #include "support/SshdFixture.h"
 
 #include <filesystem>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -125,15 +124,8 @@ TEST_F(Cli, EachFailureHasItsStatusAndOneLineNamingHostPortAndCause)
     EXPECT_NE(std::string::npos, none.err.find("no credentials")) << none.err;
 
     // Nobody listening: 255, with the system's reason.
-    int probe = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(probe, reinterpret_cast<sockaddr *>(&address), length);
-    getsockname(probe, reinterpret_cast<sockaddr *>(&address), &length);
-    const std::string freePort = std::to_string(ntohs(address.sin_port));
-    close(probe);
+    telvane::test::LoopbackSocket closedPort;
+    const std::string freePort = std::to_string(closedPort.port());
     const auto refusedConnection =
         telvane({"run", "-p", freePort, "-l", "x", "--password-file", passwordFile, sshd().host(), echo});
     EXPECT_EQ(255, refusedConnection.status);

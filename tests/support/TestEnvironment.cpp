@@ -190,20 +190,11 @@ int RecordingDelegate::count(Event::Kind kind) const
     return n;
 }
 
-std::optional<long> RecordingDelegate::terminationStatus() const
+std::optional<long> RecordingDelegate::firstValue(Event::Kind kind) const
 {
     std::lock_guard lock(mutex_);
     for (const auto &e : events_)
-        if (e.kind == Event::Terminated)
-            return e.value;
-    return std::nullopt;
-}
-
-std::optional<long> RecordingDelegate::failureCode() const
-{
-    std::lock_guard lock(mutex_);
-    for (const auto &e : events_)
-        if (e.kind == Event::Failed)
+        if (e.kind == kind)
             return e.value;
     return std::nullopt;
 }

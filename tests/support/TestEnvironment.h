@@ -85,10 +85,11 @@ public:
     std::string output() const;
     std::shared_ptr<TelvaneFileHandle> handle() const;
     int count(Event::Kind kind) const;
-    std::optional<long> terminationStatus() const;
-    std::optional<long> failureCode() const;
+    std::optional<long> terminationStatus() const { return firstValue(Event::Terminated); }
+    std::optional<long> failureCode() const { return firstValue(Event::Failed); }
 
 private:
+    std::optional<long> firstValue(Event::Kind kind) const;
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<Event> events_;              // guarded by mutex_
