@@ -21,12 +21,12 @@ TEST_F(SshdTest, MinimalHostPrintsTheOutputAndExitsWithTheScriptsStatus)
     const std::string passwordFile = sshd().writeFile("password", sshd().password() + "\n");
     const auto run = runProgram({TELVANE_MINIMAL_HOST, sshd().host(), std::to_string(sshd().port()),
                                  sshd().username(), passwordFile, "echo hello from $(whoami)\nexit 3"});
-    EXPECT_EQ(3, run.status);
+    EXPECT_EQ(3, run.status) << run.err;
     EXPECT_EQ("hello from " + sshd().username() + "\n", run.out);
 
     const std::string wrongFile = sshd().writeFile("wrong", "not-the-password\n");
     const auto refused = runProgram({TELVANE_MINIMAL_HOST, sshd().host(), std::to_string(sshd().port()),
                                      sshd().username(), wrongFile, "echo never"});
-    EXPECT_EQ(103, refused.status);
+    EXPECT_EQ(103, refused.status) << refused.err;
     EXPECT_EQ("", refused.out);
 }
