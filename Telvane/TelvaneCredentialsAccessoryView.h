@@ -19,9 +19,11 @@ class TELVANE_WIDGETS_EXPORT TelvaneCredentialsAccessoryView : public QWidget
     Q_OBJECT
 
 public:
+    /// The fields as the layout gives them: empty, the checkbox off. GUI thread only, like every method here.
     explicit TelvaneCredentialsAccessoryView(QWidget *parent = nullptr);
     ~TelvaneCredentialsAccessoryView() override;
 
+    /// The username as typed. Owned by the view.
     QLineEdit *usernameField() const;
     /// Echoes no characters; its text is never shown, copied or logged.
     QLineEdit *passwordField() const;
@@ -32,7 +34,9 @@ public:
     void viewWillAppear();
 
 protected:
+    /// Moves the focus between the two fields on Return and Tab, as described above.
     bool eventFilter(QObject *watched, QEvent *event) override;
+    /// Calls viewWillAppear().
     void showEvent(QShowEvent *event) override;
 
 private:
