@@ -1,72 +1,9 @@
 #include <Telvane/Telvane.h>
 
-#include "Platform/Libssh2Library.h"
+#include "Platform/SshLibrary.h"
 #include "ScriptText.h"
 #include "TelvanePrivate.h"
 
-#include <libssh2.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-namespace telvane {
-
-Connection::Connection() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-
-Connection::~Connection()
-{
-    const bool held = teardown();
-    libssh2Release(held);
-    if (closedSock_ >= 0)
-        ::close(closedSock_);
-    if (wake_ >= 0)
-        ::close(wake_);
-}
-
-void Connection::requestStop()
-{
-    if (stopped_.exchange(true, std::memory_order_acq_rel))
-        return;
-    if (wake_ >= 0) {
-        const uint64_t one = 1;
-        [[maybe_unused]] ssize_t n = ::write(wake_, &one, sizeof one);
-    }
-}
-
-bool Connection::teardown()
-{
-    if (channel) {
-        libssh2_channel_close(channel);
-    }
-    if (session) {
-        libssh2_session_disconnect_ex(session, SSH_DISCONNECT_BY_APPLICATION, "Normal shutdown, thank you for playing!",
-                                      "");
-    }
-    // The polite messages above were sent if the socket took them at once; from here on every send fails at
-    // once, so that freeing a non-blocking session can never answer "try again".
-    if (sock >= 0)
-        ::shutdown(sock, SHUT_RDWR);
-    if (channel) {
-        for (int i = 0; i < 64 && libssh2_channel_free(channel) == LIBSSH2_ERROR_EAGAIN; ++i) {
-        }
-        channel = nullptr;
-    }
-    if (session) {
-        for (int i = 0; i < 64 && libssh2_session_free(session) == LIBSSH2_ERROR_EAGAIN; ++i) {
-        }
-        session = nullptr;
-    }
-    if (sock >= 0) {
-        // Closed with the Connection: a pump may still poll this number, and it must not be reused meanwhile.
-        closedSock_ = sock;
-        sock = -1;
-    }
-    const bool held = holdsLibrary;
-    holdsLibrary = false;
-    return held;
-}
-
-} // namespace telvane
 
 TelvaneDelegate::~TelvaneDelegate() = default;
 void TelvaneDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle>) {}
@@ -98,7 +35,7 @@ void TelvanePrivate::closeConnection(const std::shared_ptr<Connection> &own)
         std::lock_guard lock(monitor);
         held = own->teardown();
     }
-    telvane::libssh2Release(held);
+    telvane::sshLibraryRelease(held);
 }
 
 std::shared_ptr<Telvane> Telvane::create(std::string identifier, std::string name, std::string hostname,
@@ -164,7 +101,7 @@ void Telvane::close()
         // store, and its pump must not take the freed channel for a broken one.
         setRunning(false);
     }
-    telvane::libssh2Release(held);
+    telvane::sshLibraryRelease(held);
 }
 
 void Telvane::sensorDidFailWithError(long code)

@@ -1,5 +1,6 @@
-// The connecting half of a run: resolution, socket, SSH handshake, password login, channel, exec.
-#include "Platform/Libssh2Library.h"
+// The connecting half of a run: resolve, connect, handshake, credentials, login, channel, exec, start the
+// pump.
+#include "Platform/SshLibrary.h"
 #include "ScriptText.h"
 #include "TelvanePrivate.h"
 #include <Telvane/Platform/TelvaneKeychain.h>
@@ -7,10 +8,10 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <fcntl.h>
-#include <libssh2.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -22,6 +23,17 @@
 namespace {
 
 using telvane::Connection;
+using Clock = std::chrono::steady_clock;
+
+// OpenSSH's sshd takes packets of up to 256 KiB; this much script and the exec request around it fit in one.
+constexpr std::size_t kMaxScriptBytes = 256 * 1024 - 512;
+// Linux takes no single argument longer than this (MAX_ARG_STRLEN, its NUL included), and sshd hands the
+// command to the user's shell as one argument. A longer script goes to a small loader on standard input, and
+// so does one that holds the password: libssh wipes the buffers that carry channel data, but not the one
+// it builds an exec request in.
+constexpr std::size_t kMaxInlineCommand = 128 * 1024 - 1;
+// The connecting half as a whole, after the TCP connect, may take this many time-outs of the server's time.
+constexpr double kConnectingTimeouts = 3;
 
 // The one address that the host name resolves to first, as text; an IP literal resolves to itself.
 std::optional<std::string> resolve(const std::string &hostname)
@@ -44,13 +56,29 @@ std::optional<std::string> resolve(const std::string &hostname)
     return std::string(text);
 }
 
-// Milliseconds for poll() from a time-out in seconds: negative stays negative (an error for the callers),
-// huge values are capped instead of overflowing.
-int pollMilliseconds(double seconds)
+int clampMilliseconds(double milliseconds)
 {
-    if (std::isnan(seconds) || seconds < 0)
-        return -1;
-    return seconds * 1000.0 > 2147483647.0 ? 2147483647 : static_cast<int>(seconds * 1000.0);
+    return milliseconds > 2147483647.0 ? 2147483647 : static_cast<int>(std::max(milliseconds, 0.0));
+}
+
+// The socket address of @p address (IPv4 or IPv6 text) at @p port; nothing when it is neither.
+std::optional<std::pair<sockaddr_storage, socklen_t>> socketAddress(const std::string &address, long port)
+{
+    const uint16_t networkPort = htons(static_cast<uint16_t>(port));
+    sockaddr_storage storage{};
+    auto *v4 = reinterpret_cast<sockaddr_in *>(&storage);
+    auto *v6 = reinterpret_cast<sockaddr_in6 *>(&storage);
+    if (::inet_pton(AF_INET, address.c_str(), &v4->sin_addr) == 1) {
+        v4->sin_family = AF_INET;
+        v4->sin_port = networkPort;
+        return std::pair{storage, socklen_t(sizeof *v4)};
+    }
+    if (::inet_pton(AF_INET6, address.c_str(), &v6->sin6_addr) == 1) {
+        v6->sin6_family = AF_INET6;
+        v6->sin6_port = networkPort;
+        return std::pair{storage, socklen_t(sizeof *v6)};
+    }
+    return std::nullopt;
 }
 
 // Connects with a time-out, watching the connection's wake so that close() ends the attempt. 0 when
@@ -59,71 +87,410 @@ long connectWithTimeout(const Connection &connection, const sockaddr *address, s
                         double timeout)
 {
     const int fd = connection.sock;
-    const int flags = ::fcntl(fd, F_GETFL);
-    ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-    int rc = ::connect(fd, address, length);
-    if (rc != 0 && errno == EINPROGRESS) {
-        pollfd fds[2] = {{fd, POLLOUT, 0}, {connection.wakeDescriptor(), POLLIN, 0}};
-        const int ms = pollMilliseconds(timeout);
-        do {
-            rc = ::poll(fds, 2, ms < 0 ? 0 : ms);
-        } while (rc < 0 && errno == EINTR);
-        if (rc == 0)
-            return -2;
-        if (rc < 0)
-            return -1;
-        if (fds[1].revents) {
-            errno = ECANCELED;
-            return -1;
-        }
-        int error = 0;
-        socklen_t size = sizeof error;
-        ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
-        if (error != 0) {
-            errno = error;
-            return -1;
-        }
-        rc = 0;
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+    if (::connect(fd, address, length) == 0)
+        return 0;
+    if (errno != EINPROGRESS)
+        return -1;
+    pollfd fds[2] = {{fd, POLLOUT, 0}, {connection.wakeDescriptor(), POLLIN, 0}};
+    int rc;
+    do {
+        rc = ::poll(fds, 2, std::isnan(timeout) ? 0 : clampMilliseconds(timeout * 1000.0));
+    } while (rc < 0 && errno == EINTR);
+    if (rc == 0)
+        return -2;
+    if (rc < 0)
+        return -1;
+    if (fds[1].revents) {
+        errno = ECANCELED;
+        return -1;
     }
-    return rc == 0 ? 0 : -1;
+    int error = 0;
+    socklen_t size = sizeof error;
+    ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    errno = error;
+    return error == 0 ? 0 : -1;
 }
 
-// The library's own words for its last error, for the line after ours.
-void logLastError(LIBSSH2_SESSION *session)
+// A shell command that reads @p size bytes of script from standard input and runs them with standard input
+// at its end, for a script too long to be one argument. Written for any login shell: it only starts sh.
+std::string scriptLoader(std::size_t size)
 {
-    char *message = nullptr;
-    const int code = libssh2_session_last_error(session, &message, nullptr, 0);
-    if (message && *message)
-        telvaneLog("libssh2: %s (%d)", message, code);
+    return "exec sh -c 'eval \"$(head -c " + std::to_string(size) + ")\" </dev/null'";
 }
+
+// True when a normalised script of @p size bytes can be sent; otherwise says why.
+bool fitsOneRequest(const std::string &host, std::size_t size)
+{
+    if (size <= kMaxScriptBytes)
+        return true;
+    telvaneLog("the script for %s is %zu bytes long; at most %zu bytes fit in one exec request", host.c_str(),
+               size, kMaxScriptBytes);
+    return false;
+}
+
+// One run's way from an address to a started script, step by step, under the sensor's monitor. Every step
+// returns false once the run has ended: a failure it reported, or a stop.
+class ConnectAttempt
+{
+public:
+    ConnectAttempt(TelvanePrivate &d, std::shared_ptr<Connection> conn, std::string host, std::string address)
+        : d_(d), q_(d.q), conn_(std::move(conn)), host_(std::move(host)), address_(std::move(address)),
+          timeout_(q_.timeout())
+    {}
+
+    // True when the pump runs and the delegate may be told of the start.
+    bool run(const std::string &script)
+    {
+        return !stopped() && initialiseLibrary() && connectSocket() && handshake() && keepHostKey() &&
+               obtainCredentials() && login() && openChannel() && exec(script) && startPump();
+    }
+
+private:
+    bool initialiseLibrary()
+    {
+        const int rc = telvane::sshLibraryAcquire();
+        if (rc != 0) {
+            telvaneLog("libssh2 initialization failed: %d", rc);
+            return fail(TelvaneErrorConnection);
+        }
+        conn_->holdsLibrary = true;
+        return true;
+    }
+
+    bool connectSocket()
+    {
+        const long port = q_.port();
+        auto address = socketAddress(address_, port);
+        if (!address) {
+            // Deliberately silent towards the delegate: the address text itself is unusable.
+            errno = EINVAL;
+            telvanePerror("inet_pton");
+            return false;
+        }
+        auto &[storage, length] = *address;
+        conn_->sock = ::socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (conn_->sock < 0) {
+            telvanePerror("socket");
+            return fail(TelvaneErrorConnection);
+        }
+        const long connected =
+            connectWithTimeout(*conn_, reinterpret_cast<sockaddr *>(&storage), length, timeout_);
+        if (connected != 0) {
+            const unsigned shownPort = static_cast<uint16_t>(port);
+            if (connected == -2)
+                telvaneLog("connect to %s port %u: timed out after %g seconds", address_.c_str(), shownPort,
+                           timeout_);
+            else
+                telvaneLog("connect to %s port %u: %s", address_.c_str(), shownPort, std::strerror(errno));
+            telvaneLog("error: %ld", connected);
+            return fail(TelvaneErrorConnection);
+        }
+        const int noDelay = 1;
+        ::setsockopt(conn_->sock, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
+        deadline_ = Clock::now() + seconds(kConnectingTimeouts * timeout_);
+        return true;
+    }
+
+    bool handshake()
+    {
+        if (!conn_->createSession(host_, q_.port())) {
+            telvaneLog("libssh2_session_init() failed.");
+            return fail(TelvaneErrorConnection);
+        }
+        if (d_.configureSession)
+            d_.configureSession(conn_->session);
+        int rc;
+        if (!repeat(
+                "handshake", [&] { return ssh_connect(conn_->session); }, rc))
+            return false;
+        if (rc != SSH_OK) {
+            telvaneLog("libssh2_session_handshake() failed: %d", rc);
+            return failWithDetail(TelvaneErrorConnection);
+        }
+        return true;
+    }
+
+    // The server's key is kept, as "SHA256:..." in OpenSSH's form.
+    bool keepHostKey()
+    {
+        ssh_key key = nullptr;
+        if (ssh_get_server_publickey(conn_->session, &key) != SSH_OK)
+            return true;
+        unsigned char *hash = nullptr;
+        size_t length = 0;
+        if (ssh_get_publickey_hash(key, SSH_PUBLICKEY_HASH_SHA256, &hash, &length) == 0) {
+            if (char *text = ssh_get_fingerprint_hash(SSH_PUBLICKEY_HASH_SHA256, hash, length)) {
+                conn_->hostKeyFingerprint = text;
+                ssh_string_free_char(text);
+            }
+            ssh_clean_pubkey_hash(&hash);
+        }
+        ssh_key_free(key);
+        return true;
+    }
+
+    // The keyring first, then the delegate. The server is not asked for its methods: password is the one.
+    bool obtainCredentials()
+    {
+        const char *const methods = "password";
+        if (!std::strstr(methods, "password")) {
+            telvaneLog("No supported authentication methods found!");
+            return fail(TelvaneErrorAuthentication);
+        }
+        service_ = q_.serviceNameForSensor();
+        credentials_ = storedCredentials();
+        if (!credentials_) {
+            // The user's time is not the server's: the deadline moves on by as long as the delegate took.
+            const auto asked = Clock::now();
+            auto delegate = q_.delegate();
+            credentials_ = delegate ? delegate->credentialsForSensor(q_, &persist_) : std::nullopt;
+            deadline_ += Clock::now() - asked;
+            if (!credentials_)
+                return fail(TelvaneErrorNoCredentials);
+            if (stopped())
+                return false;
+        }
+        if (!telvane::isSendableAscii(credentials_->username) ||
+            !telvane::isSendableAscii(credentials_->password)) {
+            telvaneLog("the username or password for %s is not ASCII text; it was not sent", host_.c_str());
+            return fail(TelvaneErrorAuthentication);
+        }
+        return true;
+    }
+
+    std::optional<TelvaneCredentialsDictionary> storedCredentials() const
+    {
+        const auto accounts = TelvaneKeychain::accountsForService(service_);
+        if (!accounts || accounts->empty())
+            return std::nullopt;
+        const auto &first = accounts->front();
+        const auto it = first.find(kTelvaneKeychainAccountKey);
+        if (it == first.end())
+            return std::nullopt;
+        auto password = TelvaneKeychain::passwordForService(service_, it->second);
+        if (!password)
+            return std::nullopt;
+        std::optional<TelvaneCredentialsDictionary> stored{std::in_place, it->second, *password};
+        telvaneWipe(*password);
+        return stored;
+    }
+
+    bool login()
+    {
+        // The username goes with the request itself: libssh's option refuses an empty one.
+        const char *username = credentials_->username.c_str();
+        const char *password = credentials_->password.c_str();
+        int rc;
+        if (!repeat(
+                "login", [&] { return ssh_userauth_password(conn_->session, username, password); }, rc,
+                SSH_AUTH_AGAIN))
+            return false;
+        if (rc != SSH_AUTH_SUCCESS) {
+            telvaneLog("libssh2_userauth_password()) failed.");
+            logDetail();
+            TelvaneKeychain::deletePasswordForService(service_, credentials_->username);
+            return fail(TelvaneErrorAuthentication);
+        }
+        if (persist_)
+            TelvaneKeychain::setPassword(credentials_->password, service_, credentials_->username);
+        return true;
+    }
+
+    bool openChannel()
+    {
+        int rc = SSH_ERROR;
+        if (conn_->createChannel() &&
+            !repeat(
+                "channel", [&] { return ssh_channel_open_session(conn_->channel); }, rc))
+            return false;
+        if (rc != SSH_OK) {
+            telvaneLog("libssh2_channel_open_session() failed.");
+            return failWithDetail(TelvaneErrorConnection);
+        }
+        return true;
+    }
+
+    bool exec(const std::string &script)
+    {
+        std::string command = telvane::normaliseScript(script, credentials_->password);
+        struct Wipe
+        {
+            std::string &text;
+            ~Wipe() { telvaneWipe(text); }
+        } wipeCommand{command}; // it may hold the password
+        if (!telvane::isSendableAscii(command)) {
+            telvaneLog("the script for %s holds characters that are not ASCII text; it was not sent",
+                       host_.c_str());
+            return fail(TelvaneErrorConnection);
+        }
+        if (!fitsOneRequest(host_, command.size()))
+            return fail(TelvaneErrorConnection);
+        const bool viaLoader =
+            command.size() > kMaxInlineCommand ||
+            (!credentials_->password.empty() && command.find(credentials_->password) != std::string::npos);
+        const std::string loader = viaLoader ? scriptLoader(command.size()) : std::string();
+        const std::string &request =
+            viaLoader ? loader : command; // no copy of a text that may hold the password
+        int rc;
+        if (!repeat(
+                "exec", [&] { return ssh_channel_request_exec(conn_->channel, request.c_str()); }, rc))
+            return false;
+        if (rc != SSH_OK) {
+            telvaneLog("libssh2_channel_exec() failed: %d", rc);
+            return failWithDetail(TelvaneErrorConnection);
+        }
+        conn_->scriptStarted = true;
+        // The script's standard input ends here (after the script itself for the loader), as with `ssh -n`.
+        if ((viaLoader && !writeInput(command)) || ssh_channel_send_eof(conn_->channel) != SSH_OK) {
+            if (stopped())
+                return false;
+            telvaneLog("cannot send the script's input to %s", host_.c_str());
+            return failWithDetail(TelvaneErrorConnection);
+        }
+        return true;
+    }
+
+    // Queues @p text on the channel's standard input as the server's window allows.
+    bool writeInput(const std::string &text)
+    {
+        for (std::size_t sent = 0; sent < text.size();) {
+            const int n = ssh_channel_write(conn_->channel, text.data() + sent,
+                                            static_cast<uint32_t>(text.size() - sent));
+            if (n < 0)
+                return false;
+            sent += static_cast<std::size_t>(n);
+            if (n == 0 && !waitForServer("exec"))
+                return false;
+        }
+        return true;
+    }
+
+    bool startPump()
+    {
+        // A stop that came while the exec request was under way must not be overwritten by the start.
+        if (stopped())
+            return false;
+        d_.running = true;
+        try {
+            // The pump keeps the sensor and its connection alive for as long as it runs.
+            std::thread([self = q_.shared_from_this(), conn = conn_] {
+                TelvanePrivate::get(*self).doScript(conn);
+            }).detach();
+        } catch (const std::system_error &e) {
+            telvaneLog("cannot start the output pump: %s", e.what());
+            return fail(TelvaneErrorConnection);
+        }
+        return true;
+    }
+
+    // Repeats a non-blocking libssh call while it answers "try again" (@p again: the login calls have their
+    // own value for it), waiting on the socket in between. False when the run ended meanwhile (a stop, or the
+    // server's silence, both reported already).
+    template <class Call> bool repeat(const char *step, Call call, int &result, int again = SSH_AGAIN)
+    {
+        while ((result = call()) == again) {
+            if (!waitForServer(step))
+                return false;
+        }
+        return true;
+    }
+
+    // One wait for the server: at most the whole seconds of the time-out (a time-out under one second waits
+    // for the socket alone) and never past the deadline of the connecting half.
+    bool waitForServer(const char *step)
+    {
+        const double left = std::chrono::duration<double, std::milli>(deadline_ - Clock::now()).count();
+        const int wait = TelvanePrivate::waitMilliseconds(timeout_);
+        const bool deadlineFirst = wait < 0 || left < wait;
+        const int rc =
+            TelvanePrivate::waitForDirections(*conn_, conn_->sock, ssh_get_poll_flags(conn_->session),
+                                              deadlineFirst ? clampMilliseconds(left) : wait);
+        if (stopped())
+            return false;
+        if (rc != 0)
+            return true;
+        if (deadlineFirst)
+            telvaneLog("connection to %s timed out during the %s: not done within %g seconds", host_.c_str(),
+                       step, kConnectingTimeouts * timeout_);
+        else
+            telvaneLog("connection to %s timed out during the %s: the server sent nothing for %g seconds",
+                       host_.c_str(), step, std::trunc(timeout_));
+        return fail(TelvaneErrorConnection);
+    }
+
+    bool stopped()
+    {
+        if (!conn_->stopRequested())
+            return false;
+        telvaneLog("connection to %s stopped", host_.c_str());
+        fail(TelvaneErrorConnection);
+        return true;
+    }
+
+    // The library's own words for its last error, on the line after ours.
+    void logDetail()
+    {
+        if (const char *message = conn_->session ? ssh_get_error(conn_->session) : nullptr;
+            message && *message)
+            telvaneLog("libssh: %s (%d)", message, ssh_get_error_code(conn_->session));
+    }
+
+    bool failWithDetail(long code)
+    {
+        logDetail();
+        return fail(code);
+    }
+
+    bool fail(long code)
+    {
+        q_.sensorDidFailWithError(code);
+        return false;
+    }
+
+    static Clock::duration seconds(double value)
+    {
+        return std::chrono::duration_cast<Clock::duration>(
+            std::chrono::duration<double>(std::isnan(value) ? 0.0 : std::clamp(value, 0.0, 1e9)));
+    }
+
+    TelvanePrivate &d_;
+    Telvane &q_;
+    std::shared_ptr<Connection> conn_;
+    const std::string host_;
+    const std::string address_;
+    const double timeout_;
+    Clock::time_point deadline_ = Clock::now();
+    std::string service_;
+    std::optional<TelvaneCredentialsDictionary> credentials_;
+    bool persist_ = false;
+};
 
 } // namespace
 
-int TelvanePrivate::waitForSocket(const Connection &connection, LIBSSH2_SESSION *session, double timeout)
+int TelvanePrivate::waitMilliseconds(double timeout)
 {
-    return waitForDirections(connection, connection.sock,
-                             session ? libssh2_session_block_directions(session) : 0, timeout);
+    // Whole seconds: the fraction is dropped. Nothing left means no limit: the socket or a stop ends it.
+    const double seconds = std::isnan(timeout) ? 0 : std::trunc(timeout);
+    return seconds < 1 ? -1 : clampMilliseconds(seconds * 1000.0);
 }
 
-int TelvanePrivate::waitForDirections(const Connection &connection, int sock, int directions, double timeout)
+int TelvanePrivate::waitForSocket(const Connection &connection, ssh_session session, double timeout)
 {
-    if (std::isnan(timeout) || timeout < 0) {
-        errno = EINVAL;
-        return -1;
-    }
-    // Whole seconds: the fraction is dropped, so a time-out below one second does not wait at all.
-    const double seconds = std::trunc(timeout);
-    const int ms = seconds * 1000.0 > 2147483647.0 ? 2147483647 : static_cast<int>(seconds * 1000.0);
-    short events = 0;
-    if (directions & LIBSSH2_SESSION_BLOCK_INBOUND)
-        events |= POLLIN;
-    if (directions & LIBSSH2_SESSION_BLOCK_OUTBOUND)
+    return waitForDirections(connection, connection.sock, session ? ssh_get_poll_flags(session) : 0,
+                             waitMilliseconds(timeout));
+}
+
+int TelvanePrivate::waitForDirections(const Connection &connection, int sock, int directions,
+                                      int milliseconds)
+{
+    short events = POLLIN; // with no direction named, libssh still waits for the server
+    if (directions & SSH_WRITE_PENDING)
         events |= POLLOUT;
-    // With no direction to wait for, the socket is left out and the wait sleeps (a stop still ends it).
-    pollfd fds[2] = {{connection.wakeDescriptor(), POLLIN, 0}, {events && sock >= 0 ? sock : -1, events, 0}};
+    pollfd fds[2] = {{connection.wakeDescriptor(), POLLIN, 0}, {sock, events, 0}};
     int rc;
     do {
-        rc = ::poll(fds, 2, ms);
+        rc = ::poll(fds, 2, milliseconds);
     } while (rc < 0 && errno == EINTR);
     return rc;
 }
@@ -146,6 +513,11 @@ void TelvanePrivate::runScript(const std::string &script)
     }
 
     const std::string host = q.hostname();
+    // The password is not known yet, and what it adds is checked again at the exec request.
+    if (!fitsOneRequest(host, telvane::normaliseScript(script, {}).size())) {
+        q.sensorDidFailWithError(TelvaneErrorConnection);
+        return;
+    }
     const std::optional<std::string> address = resolver ? resolver(host) : resolve(host);
     if (!address) {
         telvaneLog("cannot resolve %s", host.c_str());
@@ -153,254 +525,12 @@ void TelvanePrivate::runScript(const std::string &script)
         return;
     }
 
-    std::optional<TelvaneCredentialsDictionary> credentials;
-    bool failed = true;
+    bool started;
     {
-        std::unique_lock lock(monitor);
-        const auto fail = [&](long code) {
-            q.sensorDidFailWithError(code);
-        };
-        const auto stopped = [&] {
-            if (!conn->stopRequested())
-                return false;
-            telvaneLog("connection to %s stopped", host.c_str());
-            fail(TelvaneErrorConnection);
-            return true;
-        };
-        if (stopped())
-            return;
-
-        const int initResult = telvane::libssh2Acquire();
-        if (initResult != 0) {
-            telvaneLog("libssh2 initialization failed: %d", initResult);
-            fail(TelvaneErrorConnection);
-            return;
-        }
-        conn->holdsLibrary = true;
-
-        const uint16_t port = htons(static_cast<uint16_t>(q.port()));
-        sockaddr_storage storage{};
-        socklen_t length = 0;
-        int family = AF_INET;
-        auto *v4 = reinterpret_cast<sockaddr_in *>(&storage);
-        auto *v6 = reinterpret_cast<sockaddr_in6 *>(&storage);
-        if (::inet_pton(AF_INET, address->c_str(), &v4->sin_addr) == 1) {
-            v4->sin_family = AF_INET;
-            v4->sin_port = port;
-            length = sizeof *v4;
-        } else if (::inet_pton(AF_INET6, address->c_str(), &v6->sin6_addr) == 1) {
-            family = AF_INET6;
-            v6->sin6_family = AF_INET6;
-            v6->sin6_port = port;
-            length = sizeof *v6;
-        } else {
-            // Deliberately silent towards the delegate: the address text itself is unusable.
-            errno = EINVAL;
-            telvanePerror("inet_pton");
-            return;
-        }
-
-        conn->sock = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (conn->sock < 0) {
-            telvanePerror("socket");
-            fail(TelvaneErrorConnection);
-            return;
-        }
-#ifdef SO_NOSIGPIPE
-        const int one = 1;
-        if (::setsockopt(conn->sock, SOL_SOCKET, SO_NOSIGPIPE, &one, sizeof one) != 0) {
-            telvanePerror("setsockopt");
-            fail(TelvaneErrorConnection);
-            return;
-        }
-#endif
-        const long connected =
-            connectWithTimeout(*conn, reinterpret_cast<sockaddr *>(&storage), length, q.timeout());
-        if (connected != 0) {
-            if (connected == -2)
-                telvaneLog("connect to %s port %u: timed out after %g seconds", address->c_str(), ntohs(port),
-                           q.timeout());
-            else
-                telvaneLog("connect to %s port %u: %s", address->c_str(), ntohs(port), std::strerror(errno));
-            telvaneLog("error: %ld", connected);
-            fail(TelvaneErrorConnection);
-            return;
-        }
-        const int noDelay = 1;
-        ::setsockopt(conn->sock, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
-
-        conn->session =
-            libssh2_session_init_ex(telvane::libssh2WipingAlloc, telvane::libssh2WipingFree,
-                                    telvane::libssh2WipingRealloc, conn->sessionMemory.abstract());
-        if (!conn->session) {
-            telvaneLog("libssh2_session_init() failed.");
-            fail(TelvaneErrorConnection);
-            return;
-        }
-        libssh2_session_set_blocking(conn->session, 0);
-        if (configureSession)
-            configureSession(conn->session);
-
-        // Repeats a non-blocking libssh2 call while it answers "try again", waiting on the socket between
-        // attempts instead of spinning; a close() from another thread wakes the wait and ends the attempt.
-        // Nothing when a stop came meanwhile: it has been reported already.
-        const auto untilDone = [&](auto call) -> std::optional<int> {
-            int result;
-            while ((result = call()) == LIBSSH2_ERROR_EAGAIN) {
-                waitForSocket(*conn, conn->session, q.timeout());
-                if (stopped())
-                    return std::nullopt;
-            }
-            return result;
-        };
-
-        const auto handshake =
-            untilDone([&] { return libssh2_session_handshake(conn->session, conn->sock); });
-        if (!handshake)
-            return;
-        int rc = *handshake;
-        if (rc != 0) {
-            telvaneLog("libssh2_session_handshake() failed: %d", rc);
-            logLastError(conn->session);
-            fail(TelvaneErrorConnection);
-            return;
-        }
-        // The host key is fetched and not checked: there is no known-hosts store.
-        (void)libssh2_hostkey_hash(conn->session, LIBSSH2_HOSTKEY_HASH_SHA1);
-
-        // Password authentication is the only method: the list is fixed, the server is not asked.
-        const char *const methods = "password";
-        unsigned methodBits = 0;
-        if (std::strstr(methods, "password"))
-            methodBits |= 1;
-        if (std::strstr(methods, "publickey"))
-            methodBits |= 2;
-        if (!(methodBits & 1)) {
-            telvaneLog("No supported authentication methods found!");
-            fail(TelvaneErrorAuthentication);
-            return;
-        }
-
-        // Credentials: the keyring first, then the delegate.
-        const std::string service = q.serviceNameForSensor();
-        std::optional<std::string> username;
-        std::optional<std::string> storedPassword;
-        if (const auto accounts = TelvaneKeychain::accountsForService(service);
-            accounts && !accounts->empty()) {
-            const auto &first = accounts->front();
-            if (const auto it = first.find(kTelvaneKeychainAccountKey); it != first.end()) {
-                username = it->second;
-                storedPassword = TelvaneKeychain::passwordForService(service, it->second);
-            }
-        }
-        bool persist = false;
-        if (username && storedPassword) {
-            credentials.emplace(std::move(*username), std::move(*storedPassword));
-            telvaneWipe(*storedPassword); // a short password is copied, not moved: the old string keeps it
-        } else {
-            if (storedPassword)
-                telvaneWipe(*storedPassword);
-            auto delegate = q.delegate();
-            credentials = delegate ? delegate->credentialsForSensor(q, &persist) : std::nullopt;
-            if (!credentials) {
-                fail(TelvaneErrorNoCredentials);
-                return;
-            }
-            if (stopped())
-                return;
-        }
-
-        if (!telvane::isSendableAscii(credentials->username) ||
-            !telvane::isSendableAscii(credentials->password)) {
-            telvaneLog("the username or password for %s is not ASCII text; it was not sent", host.c_str());
-            fail(TelvaneErrorAuthentication);
-            return;
-        }
-        const auto login = untilDone([&] {
-            return libssh2_userauth_password_ex(conn->session, credentials->username.c_str(),
-                                                static_cast<unsigned>(credentials->username.size()),
-                                                credentials->password.c_str(),
-                                                static_cast<unsigned>(credentials->password.size()), nullptr);
-        });
-        if (!login)
-            return;
-        if (*login != 0) {
-            telvaneLog("libssh2_userauth_password()) failed.");
-            logLastError(conn->session);
-            TelvaneKeychain::deletePasswordForService(service, credentials->username);
-            fail(TelvaneErrorAuthentication);
-            return;
-        }
-        if (persist)
-            TelvaneKeychain::setPassword(credentials->password, service, credentials->username);
-
-        // The channel: a null result means "try again" only when the session's last error says so.
-        const auto opened = untilDone([&] {
-            conn->channel = libssh2_channel_open_ex(conn->session, "session", sizeof "session" - 1,
-                                                    LIBSSH2_CHANNEL_WINDOW_DEFAULT,
-                                                    LIBSSH2_CHANNEL_PACKET_DEFAULT, nullptr, 0);
-            return conn->channel ? 0 : libssh2_session_last_error(conn->session, nullptr, nullptr, 0);
-        });
-        if (!opened)
-            return;
-        if (!conn->channel) {
-            telvaneLog("libssh2_channel_open_session() failed.");
-            logLastError(conn->session);
-            fail(TelvaneErrorConnection);
-            return;
-        }
-        // Standard error is never read: let libssh2 drop it, so it can never fill the window and stall
-        // output.
-        if (!untilDone([&] {
-                return libssh2_channel_handle_extended_data2(conn->channel,
-                                                             LIBSSH2_CHANNEL_EXTENDED_DATA_IGNORE);
-            }))
-            return;
-
-        std::string command = telvane::normaliseScript(script, credentials->password);
-        struct Wipe
-        {
-            std::string &text;
-            ~Wipe() { telvaneWipe(text); }
-        } wipeCommand{command}; // it may hold the password
-        if (!telvane::isSendableAscii(command)) {
-            telvaneLog("the script for %s holds characters that are not ASCII text; it was not sent",
-                       host.c_str());
-            fail(TelvaneErrorConnection);
-            return;
-        }
-        const auto exec = untilDone([&] {
-            return libssh2_channel_process_startup(conn->channel, "exec", sizeof "exec" - 1, command.c_str(),
-                                                   static_cast<unsigned>(command.size()));
-        });
-        if (!exec)
-            return;
-        rc = *exec;
-        if (rc != 0) {
-            telvaneLog("libssh2_channel_exec() failed: %d", rc);
-            logLastError(conn->session);
-            fail(TelvaneErrorConnection);
-            return;
-        }
-
-        // A stop that came while the exec request was under way must not be overwritten by the start.
-        if (stopped())
-            return;
-        running = true;
-        try {
-            // The pump keeps the sensor and its connection alive for as long as it runs.
-            std::thread([self = q.shared_from_this(), conn] {
-                TelvanePrivate::get(*self).doScript(conn);
-            }).detach();
-        } catch (const std::system_error &e) {
-            telvaneLog("cannot start the output pump: %s", e.what());
-            fail(TelvaneErrorConnection);
-            return;
-        }
-        failed = false;
+        std::lock_guard lock(monitor);
+        started = ConnectAttempt(*this, conn, host, *address).run(script);
     }
-
-    if (!failed) {
+    if (started) {
         if (auto delegate = q.delegate())
             delegate->sensorScriptDidStart(q, conn->pipe->fileHandleForReading());
     }

@@ -1,9 +1,9 @@
 // What the fault suites share: one telvane-faultd per test, a sensor aimed at it with an in-memory keyring,
 // a recording delegate, and the checks every case ends with: no password in any log line, and no thread,
-// descriptor or libssh2 reference left once the run is over.
+// descriptor or libssh reference left once the run is over.
 #pragma once
 
-#include "Platform/Libssh2Library.h"
+#include "Platform/SshLibrary.h"
 #include "support/FaultServer.h"
 #include "support/TestEnvironment.h"
 
@@ -42,7 +42,7 @@ protected:
         // has done so before the count.
         std::thread([] {}).join();
         // The baselines are taken around one clean run, so that whatever the first run sets up for the life
-        // of the process (libssh2's and OpenSSL's global state) is not counted against the case.
+        // of the process (libssh's and OpenSSL's global state) is not counted against the case.
         threads_ = threadCount();
         delegate = freshDelegate(server_->user());
         {
@@ -106,7 +106,7 @@ protected:
     }
 
     /// Every run of the case is over: its pump and the delegate's reader have left, every socket and pipe
-    /// is closed, and libssh2 is no longer held.
+    /// is closed, and libssh is no longer held.
     void expectNothingLeftBehind()
     {
         // The reading end of a run's pipe lives as long as its holders (sensor and delegate), on purpose.
@@ -116,7 +116,7 @@ protected:
             << threadCount() << " threads, " << threads_ << " before";
         EXPECT_TRUE(waitUntil([&] { return openDescriptorCount() == descriptors_; }, std::chrono::seconds(5)))
             << openDescriptorCount() << " descriptors open, " << descriptors_ << " before";
-        EXPECT_EQ(0, telvane::libssh2References());
+        EXPECT_EQ(0, telvane::sshLibraryReferences());
     }
 
     LogCapture log;

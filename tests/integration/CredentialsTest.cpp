@@ -1,5 +1,5 @@
 // Where a run's credentials come from, what the server's answer does to the keyring, and what is never sent.
-#include "Platform/Libssh2Library.h"
+#include "Platform/SshLibrary.h"
 #include "integration/SensorRun.h"
 
 using telvane::test::RecordingDelegate;
@@ -85,7 +85,7 @@ TEST_F(Credentials, NoCredentialsEndTheRunWithCode2AndNotALine)
     EXPECT_EQ(1, delegate->count(Event::AskedCredentials));
     EXPECT_EQ(0, delegate->count(Event::Started));
     EXPECT_TRUE(log.lines().empty()) << log.joined();
-    EXPECT_EQ(0, telvane::libssh2References());
+    EXPECT_EQ(0, telvane::sshLibraryReferences());
 }
 
 namespace {

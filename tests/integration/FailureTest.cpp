@@ -1,6 +1,6 @@
 // Runs that cannot get going: each ends once, with its code and its log line, and holds nothing afterwards.
 // A host that does not resolve, or resolves to no address, needs no server: the unit suite covers those.
-#include "Platform/Libssh2Library.h"
+#include "Platform/SshLibrary.h"
 #include "integration/Loopback.h"
 #include "integration/SensorRun.h"
 
@@ -21,7 +21,7 @@ protected:
         EXPECT_EQ(1, delegate->count(Event::Failed));
         EXPECT_EQ(0, delegate->count(Event::Started));
         EXPECT_EQ(0, delegate->count(Event::Terminated));
-        EXPECT_EQ(0, telvane::libssh2References());
+        EXPECT_EQ(0, telvane::sshLibraryReferences());
     }
 };
 } // namespace

@@ -1,6 +1,6 @@
 // Stopping a run from outside, at any moment, and readers that walk away: the run always ends, promptly,
 // reports at most once, and leaves no thread, descriptor or library reference behind.
-#include "Platform/Libssh2Library.h"
+#include "Platform/SshLibrary.h"
 #include "integration/Loopback.h"
 #include "integration/SensorRun.h"
 
@@ -85,7 +85,7 @@ TEST_F(Stop, WhileThePumpWaitsOnAQuietScriptNothingIsReported)
     ASSERT_TRUE(readToEnd(*output, 3s, &data)) << "the pump slept through the stop";
     EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
     EXPECT_EQ("", data);
-    EXPECT_TRUE(waitUntil([&] { return telvane::libssh2References() == 0; }, 5s));
+    EXPECT_TRUE(waitUntil([&] { return telvane::sshLibraryReferences() == 0; }, 5s));
     EXPECT_EQ(0, delegate->count(Event::Terminated) + delegate->count(Event::Failed))
         << "a stop during a wait is reported to nobody";
 }
@@ -98,7 +98,7 @@ TEST_F(Stop, AReaderThatClosesItsEndEndsTheRunWithoutKillingTheHost)
     output->closeFile(); // writes into the pipe now fail; unguarded, they would raise SIGPIPE
     ASSERT_TRUE(delegate->waitForEnd(10s)) << log.joined();
     EXPECT_EQ(1, delegate->count(Event::Terminated));
-    EXPECT_TRUE(waitUntil([&] { return !sensor->running() && telvane::libssh2References() == 0; }, 5s));
+    EXPECT_TRUE(waitUntil([&] { return !sensor->running() && telvane::sshLibraryReferences() == 0; }, 5s));
 }
 
 TEST_F(Stop, FromAnotherThreadAtAnyMomentTwoHundredTimes)
@@ -132,7 +132,7 @@ TEST_F(Stop, FromAnotherThreadAtAnyMomentTwoHundredTimes)
     EXPECT_FALSE(log.contains("libssh2_channel_read failed")) << log.joined();
     sensor.reset();
     freshDelegate();
-    EXPECT_EQ(0, telvane::libssh2References());
+    EXPECT_EQ(0, telvane::sshLibraryReferences());
     EXPECT_TRUE(waitUntil([&] { return openDescriptorCount() == descriptors; }, 5s))
         << openDescriptorCount() << " descriptors open, " << descriptors << " before";
 }
@@ -160,5 +160,5 @@ TEST_F(Stop, NothingIsLeftBehindAfterRunsThatEndInEveryWay)
     EXPECT_TRUE(waitUntil([&] { return threadCount() == threads; }, 10s)) << threadCount() << " threads";
     EXPECT_TRUE(waitUntil([&] { return openDescriptorCount() == descriptors; }, 5s))
         << openDescriptorCount() << " descriptors open, " << descriptors << " before";
-    EXPECT_EQ(0, telvane::libssh2References());
+    EXPECT_EQ(0, telvane::sshLibraryReferences());
 }

@@ -1,6 +1,6 @@
 // Sixty-four sensors at once against one sshd, most of them stopped from other threads at random moments:
 // nothing crashes or hangs, each sensor ends in one of the ways a stop allows, and nothing is left behind.
-#include "Platform/Libssh2Library.h"
+#include "Platform/SshLibrary.h"
 #include "support/SshdFixture.h"
 
 #include <atomic>
@@ -84,7 +84,7 @@ TEST_F(Concurrent, SixtyFourSensorsStoppedAtRandomMomentsEndCleanly)
         sensor->runScript("echo warm", std::nullopt);
         ASSERT_TRUE(delegate->waitForEnd(30s)) << log.joined();
     }
-    ASSERT_TRUE(waitUntil([] { return telvane::libssh2References() == 0; }, 5s));
+    ASSERT_TRUE(waitUntil([] { return telvane::sshLibraryReferences() == 0; }, 5s));
     ASSERT_TRUE(waitUntil([&] { return threadCount() == threads; }, 10s));
     const int descriptors = openDescriptorCount();
 
@@ -163,7 +163,7 @@ TEST_F(Concurrent, SixtyFourSensorsStoppedAtRandomMomentsEndCleanly)
         std::cerr << log.joined();
 
     slots.clear();
-    EXPECT_EQ(0, telvane::libssh2References());
+    EXPECT_EQ(0, telvane::sshLibraryReferences());
     EXPECT_TRUE(waitUntil([&] { return openDescriptorCount() == descriptors; }, 10s))
         << openDescriptorCount() << " descriptors open, " << descriptors << " before";
 }

@@ -1,5 +1,5 @@
 // Many runs in a row in one process: every run ends as it should, and neither descriptors nor memory creep.
-#include "Platform/Libssh2Library.h"
+#include "Platform/SshLibrary.h"
 #include "support/SshdFixture.h"
 
 #include <cstdlib>
@@ -78,7 +78,7 @@ TEST_F(Soak, RunsInARowLeaveDescriptorsAndMemoryFlat)
     std::thread([] {}).join();
     const int threads = threadCount();
     ASSERT_TRUE(runOnce(0));
-    ASSERT_TRUE(waitUntil([] { return telvane::libssh2References() == 0; }, 5s));
+    ASSERT_TRUE(waitUntil([] { return telvane::sshLibraryReferences() == 0; }, 5s));
     ASSERT_TRUE(waitUntil([&] { return threadCount() == threads; }, 10s));
     const int descriptors = openDescriptorCount();
     const long rssStart = residentKiB();
@@ -103,7 +103,7 @@ TEST_F(Soak, RunsInARowLeaveDescriptorsAndMemoryFlat)
         std::cout << "[ soak ] run " << i << ": " << openDescriptorCount() << " descriptors, " << rss
                   << " KiB resident" << std::endl;
     }
-    EXPECT_EQ(0, telvane::libssh2References());
+    EXPECT_EQ(0, telvane::sshLibraryReferences());
     RecordProperty("descriptors", descriptors);
     RecordProperty("rss_start_kib", static_cast<int>(rssStart));
     RecordProperty("rss_end_kib", static_cast<int>(rss));

@@ -1,5 +1,5 @@
 // The sensor object without a network: the connecting half is replaced through the internal seam.
-#include "Platform/Libssh2Library.h"
+#include "Platform/SshLibrary.h"
 #include "TelvanePrivate.h"
 #include "support/TestEnvironment.h"
 
@@ -84,14 +84,14 @@ TEST(Sensor, RunAgainSubstitutesAfreshButNotWhileRunning)
 
 TEST(Sensor, CloseIsSafeToRepeatAndNeverUnbalancesTheLibrary)
 {
-    const int before = telvane::libssh2References();
+    const int before = telvane::sshLibraryReferences();
     auto sensor = Telvane::create("id", "n", "h");
     sensor->setRunning(true);
     sensor->close();
     EXPECT_FALSE(sensor->running());
     sensor->close();
     sensor->stopScript();
-    EXPECT_EQ(before, telvane::libssh2References());
+    EXPECT_EQ(before, telvane::sshLibraryReferences());
 }
 
 TEST(Sensor, FailureClosesFirstThenTellsALiveDelegateOnly)
@@ -119,7 +119,7 @@ TEST(Sensor, FailureClosesFirstThenTellsALiveDelegateOnly)
 TEST(Sensor, UnresolvableHostFailsWithCodeOneBeforeTouchingLibssh2)
 {
     telvane::test::LogCapture log;
-    const int before = telvane::libssh2References();
+    const int before = telvane::sshLibraryReferences();
     auto sensor = Telvane::create("id", "n", "no-such-host.invalid");
     auto delegate = std::make_shared<RecordingDelegate>();
     sensor->setDelegate(delegate);
@@ -129,14 +129,14 @@ TEST(Sensor, UnresolvableHostFailsWithCodeOneBeforeTouchingLibssh2)
     EXPECT_EQ(0, delegate->count(RecordingDelegate::Event::Started));
     EXPECT_EQ(0, delegate->count(RecordingDelegate::Event::AskedCredentials));
     EXPECT_EQ(std::vector<std::string>{"cannot resolve no-such-host.invalid"}, log.lines());
-    EXPECT_EQ(before, telvane::libssh2References());
+    EXPECT_EQ(before, telvane::sshLibraryReferences());
     EXPECT_TRUE(sensor->pipe()); // the run's new pipe stays set
 }
 
 TEST(Sensor, AnAddressThatIsNotAnIpIsReportedToNobody)
 {
     telvane::test::LogCapture log;
-    const int before = telvane::libssh2References();
+    const int before = telvane::sshLibraryReferences();
     auto sensor = Telvane::create("id", "n", "weird");
     TelvanePrivate::get(*sensor).resolver = [](const std::string &) { return std::string("not-an-ip"); };
     auto delegate = std::make_shared<RecordingDelegate>();
@@ -149,7 +149,7 @@ TEST(Sensor, AnAddressThatIsNotAnIpIsReportedToNobody)
 
     // The library reference taken for this run is not lost: the next close gives it back.
     sensor->close();
-    EXPECT_EQ(before, telvane::libssh2References());
+    EXPECT_EQ(before, telvane::sshLibraryReferences());
     sensor.reset(); // with its pipe, which outlives a failed run on purpose
     EXPECT_EQ(descriptors, telvane::test::openDescriptorCount());
 }
