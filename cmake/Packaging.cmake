@@ -10,7 +10,7 @@
 #   diagnostics  telvane-diagnostics       the desktop program
 #
 # The library packages are named for their SONAME, so that a future libtelvane.so.6 can be installed beside
-# them. Every package gets a -dbgsym package with its debug information.
+# them. Each package with binaries gets a -dbgsym package with their debug information.
 set(TELVANE_MAINTAINER "Telvane developers <maintainers@telvane.dev>")
 set(TELVANE_DEBIAN_REVISION 1)
 set(TELVANE_DEBIAN_VERSION ${PROJECT_VERSION}-${TELVANE_DEBIAN_REVISION})
@@ -35,9 +35,15 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}/Telvane ${CM
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 # The SONAME carries the ABI: any later 5.x satisfies a program built against this one.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-# CPack splits the debug information into <package>-dbgsym (.ddeb) and strips the binaries itself
-# (objcopy --strip-unneeded); CPACK_STRIP_FILES would strip them before that and leave nothing to split.
-set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
+# The binaries are stripped. When the build has debug information, CPack splits it off into
+# <package>-dbgsym (.ddeb) and strips the binaries itself (objcopy --strip-unneeded); CPACK_STRIP_FILES
+# would strip them first and leave nothing to split. Without it, there is nothing for a -dbgsym package.
+string(TOUPPER "${CMAKE_BUILD_TYPE}" telvane_build_type)
+if(" ${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${telvane_build_type}} " MATCHES " -g([1-3]|gdb)? ")
+    set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
+else()
+    set(CPACK_STRIP_FILES ON)
+endif()
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # The library packages run ldconfig through a dpkg trigger. cmake/debian/PostBuild.cmake mends the packages
 # where CPack falls short of that and of Debian's rules for -dbgsym packages.
