@@ -69,10 +69,13 @@ target_include_directories(telvane_widgets_internal PUBLIC
 target_compile_definitions(telvane_widgets_internal PUBLIC TELVANE_WIDGETS_STATIC_DEFINE)
 target_link_libraries(telvane_widgets_internal PUBLIC telvane_internal Qt6::Widgets)
 
-install(TARGETS TelvaneWidgets EXPORT TelvaneTargets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
-    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
-install(FILES ${TELVANE_WIDGETS_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Telvane COMPONENT dev)
+# Installed apart from the core (components widgets and widgets_dev, packages of their own), so that the
+# core and the command-line tool install without Qt.
+install(TARGETS TelvaneWidgets EXPORT TelvaneWidgetsTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT widgets NAMELINK_COMPONENT widgets_dev
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT widgets_dev
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT widgets)
+install(FILES ${TELVANE_WIDGETS_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Telvane
+    COMPONENT widgets_dev)
 install(FILES ${PROJECT_BINARY_DIR}/include/Telvane/TelvaneWidgetsExport.h
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Telvane COMPONENT dev)
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Telvane COMPONENT widgets_dev)
