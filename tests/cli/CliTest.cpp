@@ -59,6 +59,25 @@ protected:
         return runProcess(args, options);
     }
 
+    // A shell command line that runs telvane with @p args, for the standard outputs a shell sets up.
+    std::string commandLine(const std::vector<std::string> &args) const
+    {
+        std::string line = std::string("TELVANE_KEYRING=memory ") + TELVANE_CLI_PATH;
+        for (const auto &arg : args)
+            line += " '" + arg + "'";
+        return line;
+    }
+
+    // A path in a directory the test account can write to, so that a remote script can leave a mark.
+    std::string shared(const std::string &name) const
+    {
+        const fs::path drop = home / "drop";
+        fs::create_directories(drop);
+        chmod(home.c_str(), 0711);
+        chmod(drop.c_str(), 0777);
+        return (drop / name).string();
+    }
+
     // The usual login options for the harness's account.
     std::vector<std::string> login(std::vector<std::string> args) const
     {
@@ -133,6 +152,15 @@ TEST_F(Cli, EachFailureHasItsStatusAndOneLineNamingHostPortAndCause)
         << refusedConnection.err;
     EXPECT_NE(std::string::npos, refusedConnection.err.find("Connection refused")) << refusedConnection.err;
 
+    // An empty password file is an empty password, and the refusal says so.
+    const std::string empty = (home / "empty");
+    writePrivate(empty, "");
+    const auto emptyRefused =
+        telvane({"run", "-p", port, "-l", sshd().username(), "--password-file", empty, sshd().host(), echo});
+    EXPECT_EQ(253, emptyRefused.status);
+    EXPECT_NE(std::string::npos, emptyRefused.err.find("the password file " + empty + " was empty"))
+        << emptyRefused.err;
+
     // The password is in no message.
     for (const auto *result : {&refused, &none, &refusedConnection})
         EXPECT_EQ(std::string::npos, result->err.find(sshd().password()));
@@ -141,11 +169,7 @@ TEST_F(Cli, EachFailureHasItsStatusAndOneLineNamingHostPortAndCause)
 TEST_F(Cli, BadInputIsRefusedWithStatusTwoAndNothingSent)
 {
     // The test account must be able to leave a mark, so that "nothing sent" is a real check.
-    const fs::path drop = home / "drop";
-    fs::create_directory(drop);
-    chmod(home.c_str(), 0711);
-    chmod(drop.c_str(), 0777);
-    const std::string marker = (drop / "ran").string();
+    const std::string marker = shared("ran");
     const std::string touch = script("touch " + marker + "\n");
     chmod(touch.c_str(), 0644);
     const std::string nonAscii = script("echo Gr\xc3\xbc\xc3\x9f"
@@ -154,10 +178,13 @@ TEST_F(Cli, BadInputIsRefusedWithStatusTwoAndNothingSent)
     writePrivate(world, sshd().password() + "\n");
     chmod(world.c_str(), 0644);
 
+    const std::string comments = script("#!/bin/sh\n# only comments\n\n  # and blanks\n");
+
     struct Case
     {
         std::vector<std::string> args;
         std::string message;
+        std::map<std::string, std::string> environment = {};
     };
     const std::string port = std::to_string(sshd().port());
     const std::vector<Case> cases = {
@@ -171,12 +198,29 @@ TEST_F(Cli, BadInputIsRefusedWithStatusTwoAndNothingSent)
         {{"run", "-p", "70000", sshd().host(), touch}, "70000"},
         {{"run", "-p", "ssh", sshd().host(), touch}, "ssh"},
         {{"run", "-t", "-1", "-p", port, sshd().host(), touch}, "-1"},
+        {{"run", "-t", "abc", "-p", port, sshd().host(), touch},
+         "--timeout: expected a positive number of seconds, got 'abc'"},
+        {{"run", "-t", "nan", "-p", port, sshd().host(), touch}, "got 'nan'"},
         {{"run", "-p", port, "--password-file", "/nonexistent/pw", sshd().host(), touch}, "/nonexistent/pw"},
+        {{"run", "-p", port, "--password-file", home.string(), sshd().host(), touch},
+         "the password file " + home.string() + " is a directory"},
+        {{"run", "-p", port, sshd().host(), home.string()},
+         "the script " + home.string() + " is a directory"},
+        {{"run", "-p", port, "", touch}, "the host is empty"},
+        {{"run", "-p", port, sshd().host(), comments},
+         "has nothing to run: every line is blank or holds \"#\""},
+        {{"run", "-p", port, "-a", "C=#ff0000", sshd().host(), touch}, "--arg C: the value holds \"#\""},
+        {{"run", "-p", port, sshd().host(), touch},
+         "TELVANE_KEYRING: unknown keyring 'fiel' (use secret-service, file or memory)",
+         {{"TELVANE_KEYRING", "fiel"}}},
+        {{"diagnose", "--color=sometimes", sshd().host(), touch}, "sometimes"},
     };
     for (const auto &c : cases) {
-        const auto result = telvane(c.args);
+        const auto result = telvane(c.args, {.environment = c.environment});
         EXPECT_EQ(2, result.status) << c.args[0] << " " << result.err;
         EXPECT_NE(std::string::npos, result.err.find(c.message)) << result.err;
+        EXPECT_EQ(std::string::npos, result.err.find("\n", result.err.find("\n") + 1))
+            << "one line: " << result.err;
     }
     EXPECT_FALSE(fs::exists(marker));
     // The same script, given properly, does leave its mark.
@@ -216,6 +260,14 @@ TEST_F(Cli, RememberKeepsThePairInTheFileKeyringAndForgetRemovesIt)
     EXPECT_NE(std::string::npos, again.err.find("no stored credentials for 127.0.0.1"));
     EXPECT_EQ(254, telvane({"run", "-p", port, sshd().host(), echo}).status);
 
+    // A keyring that cannot be written: the run keeps its status, and the user learns that nothing was kept.
+    const auto unkept = telvane(login({"run", "--remember", sshd().host(), echo}),
+                                {.environment = {{"XDG_DATA_HOME", passwordFile + "/data"}}});
+    EXPECT_EQ(0, unkept.status) << unkept.err;
+    EXPECT_NE(std::string::npos, unkept.err.find("--remember: the credentials could not be kept in the file "
+                                                 "keyring: file keyring: cannot create"))
+        << unkept.err;
+
     // Without --remember nothing is kept.
     ASSERT_EQ(0, telvane(login({"run", sshd().host(), echo})).status);
     EXPECT_EQ(1, telvane({"forget", sshd().host()}).status);
@@ -229,17 +281,27 @@ TEST_F(Cli, DiagnoseShowsTheTranscriptAndExitsZeroOnlyForStatusZero)
                   ": OK\nhello\nDiagnostics completed.\n",
               ok.out);
 
-    const auto marked = telvane(login({"diagnose", sshd().host(), script("echo '*disk full*'\nexit 2\n")}));
-    EXPECT_EQ(2, marked.status);
-    EXPECT_NE(std::string::npos, marked.out.find("disk full\nDiagnostics terminated with error: 2\n"))
-        << marked.out;
+    // Without colour a finding keeps its asterisks; the closing line starts a line of its own.
+    const std::string finding = script("echo '*disk full*'\nprintf tail\nexit 2\n");
+    const struct
+    {
+        std::string colour, shown;
+    } colours[] = {{"--color=auto", "*disk full*\ntail\n"},
+                   {"--color=never", "*disk full*\ntail\n"},
+                   {"--color=always", "\033[31mdisk full\n\033[0mtail\n"}};
+    for (const auto &c : colours) {
+        const auto marked = telvane(login({"diagnose", c.colour, sshd().host(), finding}));
+        EXPECT_EQ(2, marked.status);
+        EXPECT_NE(std::string::npos, marked.out.find(c.shown + "Diagnostics terminated with error: 2\n"))
+            << c.colour << ": " << marked.out;
+    }
 
     const std::string wrong = (home / "wrong");
     writePrivate(wrong, "nope\n");
     const auto refused = telvane({"diagnose", "-p", std::to_string(sshd().port()), "-l", sshd().username(),
                                   "--password-file", wrong, sshd().host(), script("echo hello\n")});
     EXPECT_EQ(253, refused.status);
-    EXPECT_NE(std::string::npos, refused.out.find(": invalid credentials\nDiagnostics completed.\n"))
+    EXPECT_NE(std::string::npos, refused.out.find(": *invalid credentials*\nDiagnostics completed.\n"))
         << refused.out;
 }
 
