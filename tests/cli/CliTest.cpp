@@ -4,6 +4,7 @@
 #include "support/SshdFixture.h"
 
 #include <filesystem>
+#include <fstream>
 #include <sys/stat.h>
 #include <thread>
 
@@ -62,7 +63,7 @@ protected:
     // A shell command line that runs telvane with @p args, for the standard outputs a shell sets up.
     std::string commandLine(const std::vector<std::string> &args) const
     {
-        std::string line = std::string("TELVANE_KEYRING=memory ") + TELVANE_CLI_PATH;
+        std::string line = TELVANE_CLI_PATH;
         for (const auto &arg : args)
             line += " '" + arg + "'";
         return line;
@@ -328,4 +329,111 @@ TEST_F(Cli, InterruptEndsAStalledConnectionAtOnce)
         EXPECT_NE(std::string::npos, result.err.find("interrupted")) << result.err;
     }
     close(listener);
+}
+
+TEST_F(Cli, LinesTheSendingRemovesAreNamedOnceEachAndCrlfBecomesLf)
+{
+    const auto result = telvane(login({"run", sshd().host(),
+                                       script("#!/bin/sh\r\necho kept\r\necho gone # why\r\n"
+                                              "# a comment\r\n  # another\r\nx=${#y}\r\n")}));
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ("kept\n", result.out);
+    const auto warnings = [&](const std::string &text) {
+        std::size_t count = 0;
+        for (auto at = result.err.find(text); at != std::string::npos; at = result.err.find(text, at + 1))
+            ++count;
+        return count;
+    };
+    EXPECT_EQ(1u, warnings("CRLF line ends")) << result.err;
+    EXPECT_EQ(2u, warnings("holds \"#\", so the whole line is removed")) << result.err;
+    EXPECT_EQ(1u, warnings(" line 3 holds")) << result.err;
+    EXPECT_EQ(1u, warnings(" line 6 holds")) << result.err;
+}
+
+TEST_F(Cli, StandardOutputErrorsAreRetriedOrReportedNeverLost)
+{
+    std::vector<std::string> direct = login({"run", sshd().host(), "-"});
+    const std::string run = commandLine(direct);
+    direct.insert(direct.begin(), TELVANE_CLI_PATH);
+    std::string numbers;
+    for (int i = 1; i <= 200000; ++i)
+        numbers += std::to_string(i) + "\n";
+    const struct
+    {
+        const char *name;
+        std::vector<std::string> command;
+        ProcessOptions options;
+        int status;
+        std::string out, err;
+    } rows[] = {
+        {"a full disk",
+         {"/bin/sh", "-c", "exec " + run + " >/dev/full"},
+         {.input = "echo hi\n"},
+         252,
+         "",
+         "telvane: cannot write to standard output: No space left on device\n"},
+        // As a program killed by SIGPIPE: status 141, and nothing said.
+        {"a reader that closes the pipe",
+         {"/bin/bash", "-c", run + " | head -1; exit ${PIPESTATUS[0]}"},
+         {.input = "seq 1 5000000\n"},
+         141,
+         "1\n",
+         ""},
+        {"a non-blocking pipe read late",
+         direct,
+         {.input = "seq 1 200000\n", .nonBlockingOutput = true, .readDelay = std::chrono::milliseconds(700)},
+         0,
+         numbers,
+         ""},
+    };
+    for (auto row : rows) {
+        row.options.environment.emplace("TELVANE_KEYRING", "memory");
+        const auto result = runProcess(row.command, row.options);
+        EXPECT_EQ(row.status, result.status) << row.name << ": " << result.err;
+        EXPECT_TRUE(row.out == result.out) << row.name << ": " << result.out.size() << " bytes";
+        EXPECT_EQ(row.err, result.err) << row.name;
+    }
+}
+
+TEST_F(Cli, InterruptEndsTheRunInEveryStateAndStopsTheRemoteScript)
+{
+    telvane::test::LoopbackSocket silent(4); // accepts and never says a word: the handshake waits
+    const std::string pidFile = shared("pid");
+    const std::string streaming = script("echo $$ > " + pidFile + "\nwhile :; do echo x; sleep 0.05; done\n");
+    const std::string flooding = script("echo $$ > " + pidFile + "\nexec yes flood\n");
+    const struct
+    {
+        const char *state;
+        int port;
+        std::string script;
+        std::chrono::milliseconds readDelay;
+        int signal;
+    } rows[] = {
+        {"connecting", silent.port(), streaming, {}, SIGINT},
+        {"connecting", silent.port(), streaming, {}, SIGTERM},
+        {"streaming", sshd().port(), streaming, {}, SIGINT},
+        {"blocked on standard output", sshd().port(), flooding, std::chrono::seconds(30), SIGTERM},
+    };
+    for (const auto &row : rows) {
+        fs::remove(pidFile);
+        const auto interruptAfter = std::chrono::milliseconds(1000);
+        const auto result = telvane({"run", "-p", std::to_string(row.port), "-l", sshd().username(),
+                                     "--password-file", passwordFile, sshd().host(), row.script},
+                                    {.timeout = std::chrono::seconds(40),
+                                     .interruptAfter = interruptAfter,
+                                     .interruptSignal = row.signal,
+                                     .readDelay = row.readDelay});
+        EXPECT_EQ(128 + row.signal, result.status) << row.state << ": " << result.err;
+        EXPECT_LT(result.seconds, 2.0) << row.state << ": the stop took too long";
+        EXPECT_NE(std::string::npos, result.err.find("interrupted")) << row.state << ": " << result.err;
+        if (row.port != sshd().port())
+            continue;
+        // The remote script ends too, within a moment.
+        std::ifstream in(pidFile);
+        pid_t pid = 0;
+        ASSERT_TRUE(in >> pid) << row.state << ": the script did not start";
+        for (int i = 0; i < 300 && kill(pid, 0) == 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        EXPECT_NE(0, kill(pid, 0)) << row.state << ": the remote script is still running";
+    }
 }
