@@ -306,31 +306,6 @@ TEST_F(Cli, DiagnoseShowsTheTranscriptAndExitsZeroOnlyForStatusZero)
         << refused.out;
 }
 
-TEST_F(Cli, InterruptEndsAStalledConnectionAtOnce)
-{
-    // A listener that accepts and never says a word: the SSH handshake waits for its banner.
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr *>(&address), length));
-    ASSERT_EQ(0, listen(listener, 4));
-    getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
-
-    for (const int signal : {SIGINT, SIGTERM}) {
-        const auto result = telvane({"run", "-p", std::to_string(ntohs(address.sin_port)), "-l", "x",
-                                     "--password-file", passwordFile, "127.0.0.1", script("echo never\n")},
-                                    {.timeout = std::chrono::seconds(20),
-                                     .interruptAfter = std::chrono::milliseconds(500),
-                                     .interruptSignal = signal});
-        EXPECT_EQ(128 + signal, result.status) << result.err;
-        EXPECT_LT(result.seconds, 1.5) << "the stop took too long";
-        EXPECT_NE(std::string::npos, result.err.find("interrupted")) << result.err;
-    }
-    close(listener);
-}
-
 TEST_F(Cli, LinesTheSendingRemovesAreNamedOnceEachAndCrlfBecomesLf)
 {
     const auto result = telvane(login({"run", sshd().host(),
