@@ -102,7 +102,8 @@ int reportFailure(long code, const Options &options, const LogKeeper &log, bool 
 }
 
 // What the user should know when --remember could not keep the pair, or nothing when it was kept.
-std::optional<std::string> rememberFailure(Telvane &sensor, const CliDelegate &delegate, const LogKeeper &log)
+std::optional<std::string> rememberFailure(Telvane &sensor, const CliDelegate &delegate, const LogKeeper &log,
+                                           bool verbose)
 {
     const auto username = delegate.givenUsername();
     if (!username)
@@ -113,7 +114,10 @@ std::optional<std::string> rememberFailure(Telvane &sensor, const CliDelegate &d
     }
     const std::string cause = log.lastAbout("keyring");
     return "--remember: the credentials could not be kept in the " + TelvaneKeychain::backend()->name() +
-           " keyring" + (cause.empty() ? std::string(" (-v shows why)") : ": " + cause);
+           " keyring" +
+           (!cause.empty() ? ": " + cause
+            : verbose      ? std::string(" (the log lines above say why)")
+                           : std::string(" (-v shows why)"));
 }
 
 // The diagnostics transcript on standard output: marked spans in red with colours, as written without.
@@ -258,7 +262,7 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
         return 128 + signal;
     }
     if (output && options.remember)
-        if (const auto warning = rememberFailure(*sensor, *delegate, log))
+        if (const auto warning = rememberFailure(*sensor, *delegate, log, options.verbose))
             std::fprintf(stderr, "telvane: warning: %s\n", warning->c_str());
     if (const auto status = outputFailure(out))
         return *status;
