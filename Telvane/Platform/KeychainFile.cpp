@@ -13,6 +13,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <pwd.h>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -22,12 +23,14 @@
 namespace {
 constexpr std::string_view kHeader = "telvane-keyring 1";
 
-struct Item {
+struct Item
+{
     std::string service, account, password;
 };
 
 // All items of the file, their passwords wiped when it goes.
-struct Items {
+struct Items
+{
     std::vector<Item> items;
     Items() = default;
     Items(const Items &) = delete;
@@ -47,11 +50,20 @@ void escapeInto(std::string &out, std::string_view field)
 {
     for (const char c : field) {
         switch (c) {
-        case '\\': out += "\\\\"; break;
-        case '\t': out += "\\t"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        default: out += c;
+        case '\\':
+            out += "\\\\";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        case '\r':
+            out += "\\r";
+            break;
+        default:
+            out += c;
         }
     }
 }
@@ -67,11 +79,20 @@ bool unescape(std::string_view field, std::string &out)
         if (++i == field.size())
             return false;
         switch (field[i]) {
-        case '\\': out += '\\'; break;
-        case 't': out += '\t'; break;
-        case 'n': out += '\n'; break;
-        case 'r': out += '\r'; break;
-        default: return false;
+        case '\\':
+            out += '\\';
+            break;
+        case 't':
+            out += '\t';
+            break;
+        case 'n':
+            out += '\n';
+            break;
+        case 'r':
+            out += '\r';
+            break;
+        default:
+            return false;
         }
     }
     return true;
@@ -108,12 +129,13 @@ public:
         std::vector<TelvaneKeychainAccount> accounts;
         for (const auto &item : items.items)
             if (item.service == service)
-                accounts.push_back({{kTelvaneKeychainAccountKey, item.account},
-                                    {kTelvaneKeychainServiceKey, item.service}});
+                accounts.push_back(
+                    {{kTelvaneKeychainAccountKey, item.account}, {kTelvaneKeychainServiceKey, item.service}});
         return accounts;
     }
 
-    std::optional<std::string> passwordForService(const std::string &service, const std::string &account) override
+    std::optional<std::string> passwordForService(const std::string &service,
+                                                  const std::string &account) override
     {
         Items items;
         if (!locked(LOCK_SH, [&] { return load(items); }))
@@ -124,7 +146,8 @@ public:
         return it->password;
     }
 
-    bool setPassword(const std::string &password, const std::string &service, const std::string &account) override
+    bool setPassword(const std::string &password, const std::string &service,
+                     const std::string &account) override
     {
         return locked(LOCK_EX, [&] {
             Items items;
@@ -204,7 +227,9 @@ private:
         FileDescriptor fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
         if (fd.get() < 0)
             return errno == ENOENT ? true : fail("cannot open");
-        struct stat st {};
+        struct stat st
+        {
+        };
         if (::fstat(fd.get(), &st) != 0)
             return fail("cannot inspect");
         if (!S_ISREG(st.st_mode) || st.st_uid != ::geteuid() || (st.st_mode & 077) != 0) {
@@ -285,7 +310,9 @@ private:
             if (name.size() != base.size() + 6 || name.substr(0, base.size()) != base)
                 continue;
             const std::string_view suffix = name.substr(base.size());
-            const auto alnum = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; };
+            const auto alnum = [](char c) {
+                return std::isalnum(static_cast<unsigned char>(c)) != 0;
+            };
             if (std::all_of(suffix.begin(), suffix.end(), alnum))
                 ::unlinkat(::dirfd(dir), entry->d_name, 0);
         }
@@ -341,17 +368,28 @@ private:
 std::string defaultFileKeychainPath()
 {
     const char *data = std::getenv("XDG_DATA_HOME");
-    std::string base;
-    if (data && *data == '/') {
-        base = data;
-    } else {
-        const char *home = std::getenv("HOME");
-        base = std::string(home && *home ? home : "/tmp") + "/.local/share";
+    if (data && *data == '/')
+        return std::string(data) + "/telvane/keyring";
+    // Without $HOME, the password database's home: never a shared directory such as /tmp, where another user
+    // could create the keyring's directory first.
+    const char *home = std::getenv("HOME");
+    std::string base = home && *home == '/' ? home : "";
+    if (base.empty()) {
+        std::vector<char> buffer(16384);
+        passwd entry{};
+        passwd *found = nullptr;
+        if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
+            found->pw_dir && *found->pw_dir == '/')
+            base = found->pw_dir;
     }
-    return base + "/telvane/keyring";
+    return base.empty() ? std::string() : base + "/.local/share/telvane/keyring";
 }
 
 std::shared_ptr<TelvaneKeychainBackend> makeFileKeychain(std::string path)
 {
+    if (path.empty()) {
+        telvaneLog("file keyring: no home directory to keep it in (set XDG_DATA_HOME or HOME)");
+        return nullptr;
+    }
     return std::make_shared<FileKeychain>(std::move(path));
 }

@@ -4,6 +4,7 @@
 #include "support/SshdFixture.h"
 
 #include <filesystem>
+#include <fstream>
 #include <sys/stat.h>
 #include <thread>
 
@@ -57,6 +58,25 @@ protected:
         options.environment.emplace("XDG_DATA_HOME", (home / "data").string());
         options.environment.emplace("NO_COLOR", "");
         return runProcess(args, options);
+    }
+
+    // A shell command line that runs telvane with @p args, for the standard outputs a shell sets up.
+    std::string commandLine(const std::vector<std::string> &args) const
+    {
+        std::string line = TELVANE_CLI_PATH;
+        for (const auto &arg : args)
+            line += " '" + arg + "'";
+        return line;
+    }
+
+    // A path in a directory the test account can write to, so that a remote script can leave a mark.
+    std::string shared(const std::string &name) const
+    {
+        const fs::path drop = home / "drop";
+        fs::create_directories(drop);
+        chmod(home.c_str(), 0711);
+        chmod(drop.c_str(), 0777);
+        return (drop / name).string();
     }
 
     // The usual login options for the harness's account.
@@ -133,6 +153,15 @@ TEST_F(Cli, EachFailureHasItsStatusAndOneLineNamingHostPortAndCause)
         << refusedConnection.err;
     EXPECT_NE(std::string::npos, refusedConnection.err.find("Connection refused")) << refusedConnection.err;
 
+    // An empty password file is an empty password, and the refusal says so.
+    const std::string empty = (home / "empty");
+    writePrivate(empty, "");
+    const auto emptyRefused =
+        telvane({"run", "-p", port, "-l", sshd().username(), "--password-file", empty, sshd().host(), echo});
+    EXPECT_EQ(253, emptyRefused.status);
+    EXPECT_NE(std::string::npos, emptyRefused.err.find("the password file " + empty + " was empty"))
+        << emptyRefused.err;
+
     // The password is in no message.
     for (const auto *result : {&refused, &none, &refusedConnection})
         EXPECT_EQ(std::string::npos, result->err.find(sshd().password()));
@@ -141,11 +170,7 @@ TEST_F(Cli, EachFailureHasItsStatusAndOneLineNamingHostPortAndCause)
 TEST_F(Cli, BadInputIsRefusedWithStatusTwoAndNothingSent)
 {
     // The test account must be able to leave a mark, so that "nothing sent" is a real check.
-    const fs::path drop = home / "drop";
-    fs::create_directory(drop);
-    chmod(home.c_str(), 0711);
-    chmod(drop.c_str(), 0777);
-    const std::string marker = (drop / "ran").string();
+    const std::string marker = shared("ran");
     const std::string touch = script("touch " + marker + "\n");
     chmod(touch.c_str(), 0644);
     const std::string nonAscii = script("echo Gr\xc3\xbc\xc3\x9f"
@@ -154,10 +179,13 @@ TEST_F(Cli, BadInputIsRefusedWithStatusTwoAndNothingSent)
     writePrivate(world, sshd().password() + "\n");
     chmod(world.c_str(), 0644);
 
+    const std::string comments = script("#!/bin/sh\n# only comments\n\n  # and blanks\n");
+
     struct Case
     {
         std::vector<std::string> args;
         std::string message;
+        std::map<std::string, std::string> environment = {};
     };
     const std::string port = std::to_string(sshd().port());
     const std::vector<Case> cases = {
@@ -171,12 +199,29 @@ TEST_F(Cli, BadInputIsRefusedWithStatusTwoAndNothingSent)
         {{"run", "-p", "70000", sshd().host(), touch}, "70000"},
         {{"run", "-p", "ssh", sshd().host(), touch}, "ssh"},
         {{"run", "-t", "-1", "-p", port, sshd().host(), touch}, "-1"},
+        {{"run", "-t", "abc", "-p", port, sshd().host(), touch},
+         "--timeout: expected a positive number of seconds, got 'abc'"},
+        {{"run", "-t", "nan", "-p", port, sshd().host(), touch}, "got 'nan'"},
         {{"run", "-p", port, "--password-file", "/nonexistent/pw", sshd().host(), touch}, "/nonexistent/pw"},
+        {{"run", "-p", port, "--password-file", home.string(), sshd().host(), touch},
+         "the password file " + home.string() + " is a directory"},
+        {{"run", "-p", port, sshd().host(), home.string()},
+         "the script " + home.string() + " is a directory"},
+        {{"run", "-p", port, "", touch}, "the host is empty"},
+        {{"run", "-p", port, sshd().host(), comments},
+         "has nothing to run: every line is blank or holds \"#\""},
+        {{"run", "-p", port, "-a", "C=#ff0000", sshd().host(), touch}, "--arg C: the value holds \"#\""},
+        {{"run", "-p", port, sshd().host(), touch},
+         "TELVANE_KEYRING: unknown keyring 'fiel' (use secret-service, file or memory)",
+         {{"TELVANE_KEYRING", "fiel"}}},
+        {{"diagnose", "--color=sometimes", sshd().host(), touch}, "sometimes"},
     };
     for (const auto &c : cases) {
-        const auto result = telvane(c.args);
+        const auto result = telvane(c.args, {.environment = c.environment});
         EXPECT_EQ(2, result.status) << c.args[0] << " " << result.err;
         EXPECT_NE(std::string::npos, result.err.find(c.message)) << result.err;
+        EXPECT_EQ(std::string::npos, result.err.find("\n", result.err.find("\n") + 1))
+            << "one line: " << result.err;
     }
     EXPECT_FALSE(fs::exists(marker));
     // The same script, given properly, does leave its mark.
@@ -216,6 +261,14 @@ TEST_F(Cli, RememberKeepsThePairInTheFileKeyringAndForgetRemovesIt)
     EXPECT_NE(std::string::npos, again.err.find("no stored credentials for 127.0.0.1"));
     EXPECT_EQ(254, telvane({"run", "-p", port, sshd().host(), echo}).status);
 
+    // A keyring that cannot be written: the run keeps its status, and the user learns that nothing was kept.
+    const auto unkept = telvane(login({"run", "--remember", sshd().host(), echo}),
+                                {.environment = {{"XDG_DATA_HOME", passwordFile + "/data"}}});
+    EXPECT_EQ(0, unkept.status) << unkept.err;
+    EXPECT_NE(std::string::npos, unkept.err.find("--remember: the credentials could not be kept in the file "
+                                                 "keyring: file keyring: cannot create"))
+        << unkept.err;
+
     // Without --remember nothing is kept.
     ASSERT_EQ(0, telvane(login({"run", sshd().host(), echo})).status);
     EXPECT_EQ(1, telvane({"forget", sshd().host()}).status);
@@ -229,41 +282,133 @@ TEST_F(Cli, DiagnoseShowsTheTranscriptAndExitsZeroOnlyForStatusZero)
                   ": OK\nhello\nDiagnostics completed.\n",
               ok.out);
 
-    const auto marked = telvane(login({"diagnose", sshd().host(), script("echo '*disk full*'\nexit 2\n")}));
-    EXPECT_EQ(2, marked.status);
-    EXPECT_NE(std::string::npos, marked.out.find("disk full\nDiagnostics terminated with error: 2\n"))
-        << marked.out;
+    // Without colour a finding keeps its asterisks; the closing line starts a line of its own.
+    const std::string finding = script("echo '*disk full*'\nprintf tail\nexit 2\n");
+    const struct
+    {
+        std::string colour, shown;
+    } colours[] = {{"--color=auto", "*disk full*\ntail\n"},
+                   {"--color=never", "*disk full*\ntail\n"},
+                   {"--color=always", "\033[31mdisk full\n\033[0mtail\n"}};
+    for (const auto &c : colours) {
+        const auto marked = telvane(login({"diagnose", c.colour, sshd().host(), finding}));
+        EXPECT_EQ(2, marked.status);
+        EXPECT_NE(std::string::npos, marked.out.find(c.shown + "Diagnostics terminated with error: 2\n"))
+            << c.colour << ": " << marked.out;
+    }
 
     const std::string wrong = (home / "wrong");
     writePrivate(wrong, "nope\n");
     const auto refused = telvane({"diagnose", "-p", std::to_string(sshd().port()), "-l", sshd().username(),
                                   "--password-file", wrong, sshd().host(), script("echo hello\n")});
     EXPECT_EQ(253, refused.status);
-    EXPECT_NE(std::string::npos, refused.out.find(": invalid credentials\nDiagnostics completed.\n"))
+    EXPECT_NE(std::string::npos, refused.out.find(": *invalid credentials*\nDiagnostics completed.\n"))
         << refused.out;
 }
 
-TEST_F(Cli, InterruptEndsAStalledConnectionAtOnce)
+TEST_F(Cli, LinesTheSendingRemovesAreNamedOnceEachAndCrlfBecomesLf)
 {
-    // A listener that accepts and never says a word: the SSH handshake waits for its banner.
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr *>(&address), length));
-    ASSERT_EQ(0, listen(listener, 4));
-    getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
+    const auto result = telvane(login({"run", sshd().host(),
+                                       script("#!/bin/sh\r\necho kept\r\necho gone # why\r\n"
+                                              "# a comment\r\n  # another\r\nx=${#y}\r\n")}));
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ("kept\n", result.out);
+    const auto warnings = [&](const std::string &text) {
+        std::size_t count = 0;
+        for (auto at = result.err.find(text); at != std::string::npos; at = result.err.find(text, at + 1))
+            ++count;
+        return count;
+    };
+    EXPECT_EQ(1u, warnings("CRLF line ends")) << result.err;
+    EXPECT_EQ(2u, warnings("holds \"#\", so the whole line is removed")) << result.err;
+    EXPECT_EQ(1u, warnings(" line 3 holds")) << result.err;
+    EXPECT_EQ(1u, warnings(" line 6 holds")) << result.err;
+}
 
-    for (const int signal : {SIGINT, SIGTERM}) {
-        const auto result = telvane({"run", "-p", std::to_string(ntohs(address.sin_port)), "-l", "x",
-                                     "--password-file", passwordFile, "127.0.0.1", script("echo never\n")},
-                                    {.timeout = std::chrono::seconds(20),
-                                     .interruptAfter = std::chrono::milliseconds(500),
-                                     .interruptSignal = signal});
-        EXPECT_EQ(128 + signal, result.status) << result.err;
-        EXPECT_LT(result.seconds, 1.5) << "the stop took too long";
-        EXPECT_NE(std::string::npos, result.err.find("interrupted")) << result.err;
+TEST_F(Cli, StandardOutputErrorsAreRetriedOrReportedNeverLost)
+{
+    std::vector<std::string> direct = login({"run", sshd().host(), "-"});
+    const std::string run = commandLine(direct);
+    direct.insert(direct.begin(), TELVANE_CLI_PATH);
+    std::string numbers;
+    for (int i = 1; i <= 200000; ++i)
+        numbers += std::to_string(i) + "\n";
+    const struct
+    {
+        const char *name;
+        std::vector<std::string> command;
+        ProcessOptions options;
+        int status;
+        std::string out, err;
+    } rows[] = {
+        {"a full disk",
+         {"/bin/sh", "-c", "exec " + run + " >/dev/full"},
+         {.input = "echo hi\n"},
+         252,
+         "",
+         "telvane: cannot write to standard output: No space left on device\n"},
+        // As a program killed by SIGPIPE: status 141, and nothing said.
+        {"a reader that closes the pipe",
+         {"/bin/bash", "-c", run + " | head -1; exit ${PIPESTATUS[0]}"},
+         {.input = "seq 1 5000000\n"},
+         141,
+         "1\n",
+         ""},
+        {"a non-blocking pipe read late",
+         direct,
+         {.input = "seq 1 200000\n", .nonBlockingOutput = true, .readDelay = std::chrono::milliseconds(700)},
+         0,
+         numbers,
+         ""},
+    };
+    for (auto row : rows) {
+        row.options.environment.emplace("TELVANE_KEYRING", "memory");
+        const auto result = runProcess(row.command, row.options);
+        EXPECT_EQ(row.status, result.status) << row.name << ": " << result.err;
+        EXPECT_TRUE(row.out == result.out) << row.name << ": " << result.out.size() << " bytes";
+        EXPECT_EQ(row.err, result.err) << row.name;
     }
-    close(listener);
+}
+
+TEST_F(Cli, InterruptEndsTheRunInEveryStateAndStopsTheRemoteScript)
+{
+    telvane::test::LoopbackSocket silent(4); // accepts and never says a word: the handshake waits
+    const std::string pidFile = shared("pid");
+    const std::string streaming = script("echo $$ > " + pidFile + "\nwhile :; do echo x; sleep 0.05; done\n");
+    const std::string flooding = script("echo $$ > " + pidFile + "\nexec yes flood\n");
+    const struct
+    {
+        const char *state;
+        int port;
+        std::string script;
+        std::chrono::milliseconds readDelay;
+        int signal;
+    } rows[] = {
+        {"connecting", silent.port(), streaming, {}, SIGINT},
+        {"connecting", silent.port(), streaming, {}, SIGTERM},
+        {"streaming", sshd().port(), streaming, {}, SIGINT},
+        {"blocked on standard output", sshd().port(), flooding, std::chrono::seconds(30), SIGTERM},
+    };
+    for (const auto &row : rows) {
+        fs::remove(pidFile);
+        const auto interruptAfter = std::chrono::milliseconds(1000);
+        const auto result = telvane({"run", "-p", std::to_string(row.port), "-l", sshd().username(),
+                                     "--password-file", passwordFile, sshd().host(), row.script},
+                                    {.timeout = std::chrono::seconds(40),
+                                     .interruptAfter = interruptAfter,
+                                     .interruptSignal = row.signal,
+                                     .readDelay = row.readDelay});
+        EXPECT_EQ(128 + row.signal, result.status) << row.state << ": " << result.err;
+        EXPECT_LT(result.seconds, 2.0) << row.state << ": the stop took too long";
+        EXPECT_NE(std::string::npos, result.err.find("interrupted")) << row.state << ": " << result.err;
+        if (row.port != sshd().port())
+            continue;
+        // The remote script ends too, within a moment.
+        std::ifstream in(pidFile);
+        pid_t pid = 0;
+        ASSERT_TRUE(in >> pid) << row.state << ": the script did not start";
+        for (int i = 0; i < 300 && kill(pid, 0) == 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        EXPECT_NE(0, kill(pid, 0)) << row.state << ": the remote script is still running";
+    }
 }

@@ -33,6 +33,8 @@ ProcessResult runProcess(const std::vector<std::string> &argv, const ProcessOpti
         envp.push_back(const_cast<char *>(e.c_str()));
     envp.push_back(nullptr);
 
+    if (options.nonBlockingOutput)
+        fcntl(out[1], F_SETFL, O_NONBLOCK);
     const auto start = std::chrono::steady_clock::now();
     const pid_t pid = fork();
     if (pid == 0) {
@@ -69,7 +71,10 @@ ProcessResult runProcess(const std::vector<std::string> &argv, const ProcessOpti
             kill(pid, options.interruptSignal);
             interrupted = true;
         }
-        pollfd fds[3] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}, {inFd, POLLOUT, 0}};
+        // A reader that does not read yet: standard output waits until the delay, or until standard error
+        // closes with the child's end.
+        const bool reading = now - start >= options.readDelay || err[0] < 0;
+        pollfd fds[3] = {{reading ? out[0] : -1, POLLIN, 0}, {err[0], POLLIN, 0}, {inFd, POLLOUT, 0}};
         if (poll(fds, 3, 10) < 0 && errno != EINTR)
             break;
         for (int i = 0; i < 2; ++i) {

@@ -25,6 +25,8 @@ struct ProcessOptions
     std::chrono::milliseconds timeout{60000};       ///< killed after this
     std::optional<std::chrono::milliseconds> interruptAfter; ///< send SIGINT after this
     int interruptSignal = SIGINT;
+    bool nonBlockingOutput = false; ///< standard output is left O_NONBLOCK, as a careless caller might
+    std::chrono::milliseconds readDelay{0}; ///< standard output is not read before this (or the child's end)
 };
 
 /// Runs @p argv in a session of its own (no controlling terminal) and waits for it.

@@ -6,7 +6,10 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
+#include <pwd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -94,4 +97,22 @@ TEST(KeychainSelection, EnvironmentPicksTheBackendAndUnknownNamesStoreNothingOnD
     telvane::test::LogCapture log;
     EXPECT_EQ(nullptr, TelvaneKeychain::makeBackend("plaintext"));
     EXPECT_TRUE(log.contains("unknown backend \"plaintext\""));
+}
+
+TEST(FileKeychainPath, WithoutXdgDataHomeAndHomeItIsInThePasswordDatabasesHomeNeverTmp)
+{
+    const auto saved = [](const char *name) {
+        const char *value = std::getenv(name);
+        return value ? std::optional<std::string>(value) : std::nullopt;
+    };
+    const auto xdg = saved("XDG_DATA_HOME"), home = saved("HOME");
+    unsetenv("XDG_DATA_HOME");
+    unsetenv("HOME");
+    const std::string path = defaultFileKeychainPath();
+    for (const auto &[name, value] : {std::pair{"XDG_DATA_HOME", xdg}, std::pair{"HOME", home}})
+        if (value)
+            setenv(name, value->c_str(), 1);
+    const passwd *entry = getpwuid(geteuid());
+    ASSERT_NE(nullptr, entry);
+    EXPECT_EQ(std::string(entry->pw_dir) + "/.local/share/telvane/keyring", path);
 }

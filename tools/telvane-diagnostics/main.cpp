@@ -1,6 +1,8 @@
 // telvane-diagnostics: runs a diagnostics script on a sensor host and shows the live transcript in a window.
+#include <Telvane/Platform/TelvaneLog.h>
 #include <Telvane/Telvane.h>
 #include <Telvane/TelvaneDiagnosticsView.h>
+#include <Telvane/Telvane_vers.h>
 
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QFile>
@@ -32,6 +34,7 @@ struct Sensor
     std::optional<QString> user;
     std::optional<QString> password;
     double timeout = 10;
+    bool verbose = false;
 };
 
 void configure(QCommandLineParser &parser)
@@ -47,8 +50,7 @@ void configure(QCommandLineParser &parser)
     // Our own help and version options: Qt's would add a --help-all that needs an application object.
     parser.addOption(
         {{QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("show this help and exit")});
-    parser.addOption(
-        {{QStringLiteral("v"), QStringLiteral("version")}, QStringLiteral("show the version and exit")});
+    parser.addOption({QStringLiteral("version"), QStringLiteral("show the version and exit")});
     parser.addPositionalArgument(QStringLiteral("HOST"),
                                  QStringLiteral("the sensor host: a name or an IPv4/IPv6 address"));
     parser.addPositionalArgument(QStringLiteral("SCRIPT"),
@@ -66,6 +68,8 @@ void configure(QCommandLineParser &parser)
          QStringLiteral("USER")},
         {QStringLiteral("password-file"), QStringLiteral("read the password from the first line of FILE"),
          QStringLiteral("FILE")},
+        {{QStringLiteral("v"), QStringLiteral("verbose")},
+         QStringLiteral("show the library's log lines on standard error")},
         {{QStringLiteral("t"), QStringLiteral("timeout")},
          QStringLiteral("seconds allowed to the connect and to each wait on the socket (default 10)"),
          QStringLiteral("SECONDS"),
@@ -107,6 +111,7 @@ std::optional<Sensor> sensorFromArguments(const QCommandLineParser &parser, QStr
                     .arg(parser.value("timeout"));
         return std::nullopt;
     }
+    sensor.verbose = parser.isSet(QStringLiteral("verbose"));
     sensor.name = parser.isSet(QStringLiteral("name")) ? parser.value(QStringLiteral("name")) : sensor.host;
     if (parser.isSet(QStringLiteral("user")))
         sensor.user = parser.value(QStringLiteral("user"));
@@ -217,7 +222,7 @@ QStringList argumentList(int argc, char **argv)
 int main(int argc, char **argv)
 {
     QCoreApplication::setApplicationName(QStringLiteral("telvane-diagnostics"));
-    QCoreApplication::setApplicationVersion(QStringLiteral("5.0"));
+    QCoreApplication::setApplicationVersion(QString::number(TelvaneVersionNumber, 'f', 1));
 
     // Help, version and bad input are answered before the application object connects to a display. Should
     // the arguments hold Qt's own options (-platform, ...), they are parsed again once Qt has taken those
@@ -234,7 +239,7 @@ int main(int argc, char **argv)
                 return 0;
             }
             if (parser.isSet(QStringLiteral("version"))) {
-                std::printf("telvane-diagnostics 5.0\n");
+                std::printf("telvane-diagnostics %.1f\n", TelvaneVersionNumber);
                 return 0;
             }
             QString error;
@@ -258,6 +263,9 @@ int main(int argc, char **argv)
             return usageError(error);
     }
 
+    // The window shows what went wrong; the library's own lines are for -v, as with telvane.
+    if (!options->verbose)
+        telvaneSetLogSink([](std::string_view) {});
     auto sensor = Telvane::create(options->host.toStdString(), options->name.toStdString(),
                                   options->host.toStdString(), options->port, options->timeout);
     auto panel = std::make_unique<TelvaneDiagnosticsView>(sensor, options->script);

@@ -44,25 +44,48 @@ std::optional<TelvaneCredentialsDictionary> CliDelegate::credentialsForSensor(Te
     if (!user)
         return std::nullopt;
 
-    std::optional<std::string> password;
-    if (options_.passwordFile) {
-        std::ifstream in(*options_.passwordFile);
-        std::string line;
-        if (in && std::getline(in, line)) {
-            if (!line.empty() && line.back() == '\r')
-                line.pop_back();
-            password = std::move(line);
-        }
-        telvaneWipe(line);
-    } else {
-        password = prompt_.ask(*user + "@" + sensor.hostname() + "'s password: ", true);
-    }
+    std::optional<std::string> password =
+        options_.passwordFile ? readPasswordFile()
+                              : prompt_.ask(*user + "@" + sensor.hostname() + "'s password: ", true);
     if (!password)
         return std::nullopt;
     *persist = options_.remember;
+    {
+        std::lock_guard lock(mutex_);
+        givenUsername_ = *user;
+    }
     TelvaneCredentialsDictionary credentials(std::move(*user), std::move(*password));
     telvaneWipe(*password);
     return credentials;
+}
+
+// The first line of the password file; an empty file is an empty password, which the server may accept.
+std::optional<std::string> CliDelegate::readPasswordFile()
+{
+    std::ifstream in(*options_.passwordFile);
+    if (!in)
+        return std::nullopt;
+    std::string line;
+    std::getline(in, line);
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    std::lock_guard lock(mutex_);
+    passwordFileWasEmpty_ = line.empty();
+    std::optional<std::string> password(std::move(line));
+    telvaneWipe(line); // a short string is copied by the move, not taken
+    return password;
+}
+
+std::optional<std::string> CliDelegate::givenUsername() const
+{
+    std::lock_guard lock(mutex_);
+    return givenUsername_;
+}
+
+bool CliDelegate::passwordFileWasEmpty() const
+{
+    std::lock_guard lock(mutex_);
+    return passwordFileWasEmpty_;
 }
 
 std::shared_ptr<TelvaneFileHandle> CliDelegate::output() const

@@ -22,6 +22,10 @@ public:
     std::shared_ptr<TelvaneFileHandle> output() const;
     /// Waits for the end of the run; the exit status, or the failure code as a negative number.
     std::optional<long> waitForEnd(std::chrono::milliseconds timeout);
+    /// The username this delegate gave the sensor, when it was asked for credentials.
+    std::optional<std::string> givenUsername() const;
+    /// True when the password it gave was read from an empty password file.
+    bool passwordFileWasEmpty() const;
 
 private:
     const Options &options_;
@@ -31,4 +35,8 @@ private:
     std::condition_variable ended_;
     std::shared_ptr<TelvaneFileHandle> output_; // guarded by mutex_
     std::optional<long> result_;                // guarded by mutex_
+    std::optional<std::string> givenUsername_;  // guarded by mutex_
+    bool passwordFileWasEmpty_ = false;         // guarded by mutex_
+
+    std::optional<std::string> readPasswordFile();
 };

@@ -1,9 +1,11 @@
 #include "Commands.h"
 
 #include "CliDelegate.h"
+#include "OutputWriter.h"
 #include "SignalWatcher.h"
 #include "Terminal.h"
 
+#include <Telvane/Platform/TelvaneKeychain.h>
 #include <Telvane/Platform/TelvaneLog.h>
 #include <Telvane/TelvaneTranscript.h>
 
@@ -56,6 +58,16 @@ public:
         return {};
     }
 
+    /// The last line that mentions @p word, for a cause the run's status does not tell.
+    std::string lastAbout(std::string_view word) const
+    {
+        std::lock_guard lock(mutex_);
+        for (auto it = lines_.rbegin(); it != lines_.rend(); ++it)
+            if (it->find(word) != std::string::npos)
+                return *it;
+        return {};
+    }
+
 private:
     mutable std::mutex mutex_;
     std::vector<std::string> lines_; // guarded by mutex_
@@ -67,7 +79,7 @@ void say(const char *format, const std::string &host, long port, const std::stri
     std::fputc('\n', stderr);
 }
 
-int reportFailure(long code, const Options &options, const LogKeeper &log)
+int reportFailure(long code, const Options &options, const LogKeeper &log, bool emptyPassword)
 {
     const std::string cause = log.cause();
     switch (code) {
@@ -78,7 +90,9 @@ int reportFailure(long code, const Options &options, const LogKeeper &log)
     case TelvaneErrorAuthentication:
         say("telvane: %s port %ld: authentication failed: %s", options.host, options.port,
             cause.find("not ASCII") != std::string::npos ? cause
-                                                         : "the server refused the username or password");
+            : emptyPassword ? "the server refused the empty password (the password file " +
+                                  *options.passwordFile + " was empty)"
+                            : std::string("the server refused the username or password"));
         return ExitAuthentication;
     default:
         say("telvane: %s port %ld: connection failed%s", options.host, options.port,
@@ -87,20 +101,112 @@ int reportFailure(long code, const Options &options, const LogKeeper &log)
     }
 }
 
-// Writes a piece of transcript to standard output, its marked span in red when colours are wanted.
-void showTranscript(std::string_view text, bool colour)
+// What the user should know when --remember could not keep the pair, or nothing when it was kept.
+std::optional<std::string> rememberFailure(Telvane &sensor, const CliDelegate &delegate, const LogKeeper &log,
+                                           bool verbose)
 {
-    const TelvaneTranscriptPiece piece = telvaneMarkTranscriptPiece(text);
-    if (!colour || piece.redLength == 0) {
-        writeAll(STDOUT_FILENO, piece.text);
-        return;
+    const auto username = delegate.givenUsername();
+    if (!username)
+        return std::nullopt; // the stored pair served; there was nothing new to keep
+    if (auto stored = TelvaneKeychain::passwordForService(sensor.serviceNameForSensor(), *username)) {
+        telvaneWipe(*stored);
+        return std::nullopt;
     }
-    std::string out = piece.text.substr(0, piece.redStart);
-    out += "\033[31m";
-    out.append(piece.text, piece.redStart, piece.redLength);
-    out += "\033[0m";
-    out.append(piece.text, piece.redStart + piece.redLength);
-    writeAll(STDOUT_FILENO, out);
+    const std::string cause = log.lastAbout("keyring");
+    return "--remember: the credentials could not be kept in the " + TelvaneKeychain::backend()->name() +
+           " keyring" +
+           (!cause.empty() ? ": " + cause
+            : verbose      ? std::string(" (the log lines above say why)")
+                           : std::string(" (-v shows why)"));
+}
+
+// The diagnostics transcript on standard output: marked spans in red with colours, as written without.
+class Transcript
+{
+public:
+    Transcript(OutputWriter &out, bool colour) : out_(out), colour_(colour) {}
+
+    void show(std::string_view text)
+    {
+        if (!colour_) {
+            out_.write(text); // the asterisks stay, so a finding is still seen in a file or a pipe
+            return;
+        }
+        const TelvaneTranscriptPiece piece = telvaneMarkTranscriptPiece(text);
+        if (piece.redLength == 0) {
+            out_.write(piece.text);
+            return;
+        }
+        std::string out = piece.text.substr(0, piece.redStart);
+        out += "\033[31m";
+        out.append(piece.text, piece.redStart, piece.redLength);
+        out += "\033[0m";
+        out.append(piece.text, piece.redStart + piece.redLength);
+        out_.write(out);
+    }
+
+    /// The closing line, on a line of its own whatever the script's output ended with.
+    void close(const std::string &line)
+    {
+        if (!out_.atLineStart())
+            out_.write("\n");
+        show(line);
+    }
+
+private:
+    OutputWriter &out_;
+    bool colour_;
+};
+
+bool colourFor(const Options &options)
+{
+    if (options.colour == "always")
+        return true;
+    return options.colour == "auto" && colourWanted(STDOUT_FILENO);
+}
+
+// Copies the script's output to ours until it ends; after a failed write the rest is read and dropped, so
+// that the run can end.
+void copyOutput(TelvaneFileHandle &output, Telvane &sensor, OutputWriter &out, Transcript *transcript)
+{
+    for (std::string chunk; !(chunk = output.availableData()).empty();) {
+        if (out.state() != OutputWriter::State::Open)
+            continue;
+        if (transcript)
+            transcript->show(chunk);
+        else
+            out.write(chunk);
+        if (out.state() != OutputWriter::State::Open)
+            sensor.stopScript();
+    }
+}
+
+// The status of a run whose output could not be written, or nothing when it was.
+std::optional<int> outputFailure(const OutputWriter &out)
+{
+    switch (out.state()) {
+    case OutputWriter::State::ReaderGone:
+        return ExitReaderGone; // quietly, as `| head` expects
+    case OutputWriter::State::Failed:
+        std::fprintf(stderr, "telvane: cannot write to standard output: %s\n", out.error().c_str());
+        return ExitOutputFailed;
+    default:
+        return std::nullopt;
+    }
+}
+
+void waitForThreads(const std::shared_ptr<Telvane> &sensor)
+{
+    // The pump thread lets go of the sensor as its last act; wait for that so no thread outlives main.
+    for (int i = 0; i < 2000 && sensor.use_count() > 1; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+const char *failureWord(long code)
+{
+    return code == TelvaneErrorNoCredentials    ? "*canceled*\n"
+           : code == TelvaneErrorAuthentication ? "*invalid credentials*\n"
+                                                : "*failed*\n";
 }
 
 } // namespace
@@ -109,6 +215,7 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
 {
     LogKeeper log(options.verbose);
     TtyPrompt prompt;
+    OutputWriter out(STDOUT_FILENO);
     auto sensor = Telvane::create(options.host, options.name.value_or(options.host), options.host,
                                   options.port, options.timeout);
     std::atomic<Progress *> progress{nullptr};
@@ -117,12 +224,15 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
         prompt.cancel(); // a question on the terminal holds the connection attempt; end it first
         if (Progress *p = progress.load())
             p->stop();
+        out.cancel(); // a reader that does not read must not hold us
         sensor->stopScript();
     });
 
-    const bool colour = diagnose && colourWanted(STDOUT_FILENO);
     std::unique_ptr<Progress> spinner;
-    if (!diagnose) {
+    std::unique_ptr<Transcript> transcript;
+    if (diagnose) {
+        transcript = std::make_unique<Transcript>(out, colourFor(options));
+    } else {
         spinner = std::make_unique<Progress>("telvane: connecting to " + options.host + " port " +
                                              std::to_string(options.port));
         progress = spinner.get();
@@ -130,42 +240,32 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     auto delegate = std::make_shared<CliDelegate>(options, prompt, spinner.get());
     sensor->setDelegate(delegate);
 
-    if (diagnose)
-        showTranscript("Connecting over SSH to " + options.host + " on port " + std::to_string(options.port) +
-                           ": ",
-                       colour);
+    if (transcript)
+        transcript->show("Connecting over SSH to " + options.host + " on port " +
+                         std::to_string(options.port) + ": ");
     sensor->runScript(script, options.arguments.empty() ? std::nullopt : std::optional(options.arguments));
     if (spinner)
         spinner->stop();
 
-    bool readerGone = false;
-    if (const auto output = delegate->output()) {
-        if (diagnose)
-            showTranscript("OK\n", colour);
-        for (std::string chunk; !(chunk = output->availableData()).empty();) {
-            if (readerGone)
-                continue; // drain, so that the run can end
-            if (diagnose) {
-                showTranscript(chunk, colour);
-            } else if (!writeAll(STDOUT_FILENO, chunk)) {
-                readerGone = true;
-                sensor->stopScript();
-            }
-        }
+    const auto output = delegate->output();
+    if (output) {
+        if (transcript)
+            transcript->show("OK\n");
+        copyOutput(*output, *sensor, out, transcript.get());
     }
     // The end is reported before the output closes, so it is known by now if it was reported at all.
     const std::optional<long> result = delegate->waitForEnd(std::chrono::milliseconds(0));
-
-    // The pump thread lets go of the sensor as its last act; wait for that so no thread outlives main.
-    for (int i = 0; i < 2000 && sensor.use_count() > 1; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    waitForThreads(sensor);
 
     if (const int signal = signals.received()) {
         std::fprintf(stderr, "telvane: interrupted\n");
         return 128 + signal;
     }
-    if (readerGone)
-        return 128 + SIGPIPE;
+    if (output && options.remember)
+        if (const auto warning = rememberFailure(*sensor, *delegate, log, options.verbose))
+            std::fprintf(stderr, "telvane: warning: %s\n", warning->c_str());
+    if (const auto status = outputFailure(out))
+        return *status;
     if (!result) {
         // Only an address that cannot be used ends a run without a report.
         say("telvane: %s port %ld: connection failed%s", options.host, options.port,
@@ -174,20 +274,18 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     }
     if (*result < 0) {
         const long code = -*result;
-        if (diagnose) {
-            showTranscript(code == TelvaneErrorNoCredentials    ? "*canceled*\n"
-                           : code == TelvaneErrorAuthentication ? "*invalid credentials*\n"
-                                                                : "*failed*\n",
-                           colour);
-            showTranscript("Diagnostics completed.\n", colour);
+        if (transcript) {
+            transcript->show(failureWord(code)); // it ends the "Connecting ..." line
+            transcript->close("Diagnostics completed.\n");
         }
-        return reportFailure(code, options, log);
+        return reportFailure(code, options, log, delegate->passwordFileWasEmpty());
     }
     const long status = *result;
-    if (diagnose)
-        showTranscript(status != 0 ? "Diagnostics terminated with error: " + std::to_string(status) + "\n"
-                                   : std::string("Diagnostics completed.\n"),
-                       colour);
+    if (transcript)
+        transcript->close(status != 0 ? "Diagnostics terminated with error: " + std::to_string(status) + "\n"
+                                      : std::string("Diagnostics completed.\n"));
+    if (const auto failed = outputFailure(out))
+        return *failed; // the closing line could not be written either
     return status >= 0 && status <= 255 ? static_cast<int>(status) : 1;
 }
 

@@ -18,6 +18,7 @@ struct Options
     bool remember = false;
     std::optional<std::string> name;
     bool verbose = false;
+    std::string colour = "auto"; // diagnose: auto, always or never
 };
 
 // Exit statuses besides the script's own.
@@ -27,4 +28,6 @@ enum ExitStatus : int {
     ExitNoCredentials = 254,
     ExitAuthentication = 253,
     ExitInterrupted = 130,
+    ExitReaderGone = 128 + 13, // as if killed by SIGPIPE, the way `| head` ends other programs
+    ExitOutputFailed = 252,
 };

@@ -1,16 +1,14 @@
 // telvane: run a shell script on another machine over SSH and stream its output.
 #include "Commands.h"
 #include "Options.h"
+#include "Validation.h"
+
+#include <Telvane/Telvane_vers.h>
 
 #include <CLI/CLI.hpp>
 
-#include <cerrno>
-#include <cstring>
-#include <fstream>
+#include <cstdio>
 #include <iostream>
-#include <iterator>
-#include <sstream>
-#include <sys/stat.h>
 
 namespace {
 
@@ -20,58 +18,83 @@ int usageError(const std::string &message)
     return ExitUsage;
 }
 
-// The script's text, from a file or standard input. Nothing is sent unless all of it is plain ASCII.
-std::optional<std::string> readScript(const std::string &path, std::string &error)
+void warn(const std::vector<std::string> &warnings)
 {
-    std::string text;
-    if (path == "-") {
-        text.assign(std::istreambuf_iterator<char>(std::cin), {});
-    } else {
-        std::ifstream in(path, std::ios::binary);
-        if (!in) {
-            error = "cannot read the script " + path + ": " + std::strerror(errno);
-            return std::nullopt;
-        }
-        text.assign(std::istreambuf_iterator<char>(in), {});
-    }
-    const std::string name = path == "-" ? "on standard input" : path;
-    std::size_t line = 1;
-    for (const char c : text) {
-        if (c == '\n')
-            ++line;
-        if (c == '\0' || static_cast<unsigned char>(c) > 0x7f) {
-            error = "the script " + name + " is not plain ASCII text (line " + std::to_string(line) +
-                    "); nothing was sent";
-            return std::nullopt;
-        }
-    }
-    if (text.empty()) {
-        error = "the script " + name + " is empty; nothing to run";
-        return std::nullopt;
-    }
+    for (const auto &warning : warnings)
+        std::cerr << "telvane: warning: " << warning << "\n";
+}
+
+// "telvane 5.0": the library's own version, so that the tool never claims another.
+std::string versionText()
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "telvane %.1f", TelvaneVersionNumber);
     return text;
 }
 
-void addRunOptions(CLI::App &command, Options &options, std::vector<std::string> &arguments)
+// What the command line gave as text, checked and converted once parsing is done.
+struct RawOptions
+{
+    std::vector<std::string> arguments;
+    std::string timeout;
+};
+
+void addRunOptions(CLI::App &command, Options &options, RawOptions &raw)
 {
     command.add_option("HOST", options.host, "the sensor host: a name or an IPv4/IPv6 address")->required();
-    command.add_option("-p,--port", options.port, "port (default 22)")->check(CLI::Range(1, 65535));
+    command.add_option("-p,--port", options.port, "port, 1 to 65535 (default 22)")
+        ->check(CLI::Range(1, 65535));
     command.add_option("-l,--user", options.user, "username, when no stored credentials serve");
-    command.add_option("--password-file", options.passwordFile, "read the password from the first line of F")
+    command
+        .add_option("--password-file", options.passwordFile,
+                    "read the password from the first line of F (an empty file: an empty password)")
         ->type_name("F");
     command
-        .add_option("-a,--arg", arguments,
-                    "put VALUE in for \"__KEY__\" (repeatable, kept in the order given)")
+        .add_option("-a,--arg", raw.arguments,
+                    "put VALUE in for \"__KEY__\" (repeatable, kept in the order given; VALUE without \"#\")")
         ->type_name("KEY=VALUE")
         ->allow_extra_args(false); // one KEY=VALUE per -a, so HOST and SCRIPT are never taken for one
-    command
-        .add_option("-t,--timeout", options.timeout, "time allowed to each wait on the socket (default 10)")
-        ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber);
+    command.add_option("-t,--timeout", raw.timeout, "time allowed to each wait on the socket (default 10)")
+        ->type_name("SECONDS");
     command.add_flag("--remember", options.remember,
-                     "keep the credentials in the keyring after a successful login");
+                     "keep the credentials in the keyring after a successful login (a failure is reported)");
     command.add_option("-n,--name", options.name, "the sensor's display name (default: HOST)");
     command.add_flag("-v,--verbose", options.verbose, "show the library's log lines on standard error");
+}
+
+// Checks what the parser could not; the first failure is the message, and nothing is sent.
+bool checkRunOptions(Options &options, const RawOptions &raw, std::string &error,
+                     std::vector<std::string> &warnings)
+{
+    if (!checkHost(options.host, error) || !checkKeyringChoice(error) ||
+        !parseArguments(raw.arguments, options.arguments, error))
+        return false;
+    if (!raw.timeout.empty()) {
+        const auto seconds = parseTimeout(raw.timeout, error);
+        if (!seconds)
+            return false;
+        options.timeout = *seconds;
+    }
+    return !options.passwordFile || checkPasswordFile(*options.passwordFile, error, warnings);
+}
+
+int runChecked(Options &options, const RawOptions &raw, bool diagnose)
+{
+    std::string error;
+    std::vector<std::string> warnings;
+    if (!checkRunOptions(options, raw, error, warnings))
+        return usageError(error);
+    const auto script = loadScript(options.scriptPath, error);
+    if (!script)
+        return usageError(error);
+    warn(warnings);
+    warn(script->warnings);
+    return runCommand(options, script->text, diagnose);
+}
+
+bool isCommand(const std::string &word)
+{
+    return word == "run" || word == "diagnose" || word == "forget";
 }
 
 } // namespace
@@ -82,25 +105,34 @@ int main(int argc, char **argv)
                  "Credentials come from the keyring (TELVANE_KEYRING: secret-service, file or memory),\n"
                  "then from --user/--password-file, then from questions on the terminal."};
     app.name("telvane");
-    app.set_version_flag("--version", "telvane 5.0");
+    app.set_version_flag("--version", versionText());
     app.require_subcommand(1);
 
     Options options;
-    std::vector<std::string> arguments;
+    RawOptions raw;
     CLI::App *run =
         app.add_subcommand("run", "run SCRIPT (a file; \"-\" or none: standard input) on HOST and copy "
                                   "its standard output to ours, byte for byte, as it arrives");
-    addRunOptions(*run, options, arguments);
+    addRunOptions(*run, options, raw);
     run->add_option("SCRIPT", options.scriptPath, "the script file, or - for standard input");
     run->footer(
+        "Lines holding \"#\" are removed before sending (a warning names those holding a command).\n"
         "Exit status: the script's own; 255 connection failed, 254 no credentials, 253 authentication "
-        "failed, 2 bad usage, 130 interrupted.");
+        "failed, 252 standard output could not be written, 141 the reader of standard output went "
+        "away, 2 bad usage (nothing sent), 130 interrupted (SIGINT), 143 terminated (SIGTERM).");
 
     CLI::App *diagnose =
         app.add_subcommand("diagnose", "show the diagnostics transcript of SCRIPT on HOST: the "
                                        "connection, the output with *marked* spans in red, the end");
-    addRunOptions(*diagnose, options, arguments);
+    addRunOptions(*diagnose, options, raw);
     diagnose->add_option("SCRIPT", options.scriptPath, "the diagnostics script file")->required();
+    diagnose
+        ->add_option(
+            "--color", options.colour,
+            "colour the marked spans: auto (on a terminal, unless NO_COLOR is set), always or never; "
+            "without colour they keep their asterisks")
+        ->type_name("WHEN")
+        ->check(CLI::IsMember({"auto", "always", "never"}));
     diagnose->footer("Exit status: 0 only when the script ended with 0; otherwise as for run.");
 
     std::string forgetHost;
@@ -110,40 +142,22 @@ int main(int argc, char **argv)
         ->required();
     forget->footer("Exit status: 0 when a pair was deleted, 1 when none was stored.");
 
-    if (argc > 1 && argv[1][0] != '-' && std::string(argv[1]) != "run" &&
-        std::string(argv[1]) != "diagnose" && std::string(argv[1]) != "forget")
+    if (argc > 1 && argv[1][0] != '-' && !isCommand(argv[1]))
         return usageError(std::string("unknown command ") + argv[1] +
                           " (use run, diagnose or forget; see --help)");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
-        const int code = app.exit(e);
-        return code == 0 ? 0 : ExitUsage;
+        if (e.get_exit_code() == 0)
+            return app.exit(e); // --help, --version
+        return usageError(std::string(e.what()) + " (see --help)");
     }
 
-    if (forget->parsed())
+    if (forget->parsed()) {
+        std::string error;
+        if (!checkKeyringChoice(error))
+            return usageError(error);
         return forgetCommand(forgetHost);
-
-    for (const auto &argument : arguments) {
-        const auto equals = argument.find('=');
-        if (equals == std::string::npos)
-            return usageError("--arg " + argument + ": expected KEY=VALUE");
-        options.arguments.emplace_back(argument.substr(0, equals), argument.substr(equals + 1));
     }
-    if (options.passwordFile) {
-        struct stat st
-        {
-        };
-        if (::stat(options.passwordFile->c_str(), &st) != 0 || !std::ifstream(*options.passwordFile))
-            return usageError("cannot read the password file " + *options.passwordFile + ": " +
-                              std::strerror(errno));
-        if (st.st_mode & S_IROTH)
-            std::cerr << "telvane: warning: the password file " << *options.passwordFile
-                      << " is readable by others (chmod 600 it)\n";
-    }
-    std::string error;
-    const auto script = readScript(options.scriptPath, error);
-    if (!script)
-        return usageError(error);
-    return runCommand(options, *script, diagnose->parsed());
+    return runChecked(options, raw, diagnose->parsed());
 }

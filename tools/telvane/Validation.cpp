@@ -1,0 +1,235 @@
+#include "Validation.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+class FileDescriptor
+{
+public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    ~FileDescriptor()
+    {
+        if (fd_ > STDERR_FILENO)
+            ::close(fd_);
+    }
+    FileDescriptor(const FileDescriptor &) = delete;
+    FileDescriptor &operator=(const FileDescriptor &) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+std::string systemError(const std::string &what, const std::string &path)
+{
+    return "cannot read " + what + " " + path + ": " + std::strerror(errno);
+}
+
+// The whole content of @p fd; false (errno set) on a read error.
+bool readAll(int fd, std::string &text)
+{
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return false;
+        if (n == 0)
+            return true;
+        text.append(buffer, static_cast<std::size_t>(n));
+    }
+}
+
+// Opens @p path for reading, refusing a directory with a message that says so.
+bool openReadable(const std::string &what, const std::string &path, FileDescriptor &fd, std::string &error)
+{
+    struct stat st
+    {
+    };
+    if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0) {
+        error = systemError(what, path);
+        return false;
+    }
+    if (S_ISDIR(st.st_mode)) {
+        error = what + " " + path + " is a directory";
+        return false;
+    }
+    return true;
+}
+
+std::optional<std::size_t> firstNonAscii(std::string_view text)
+{
+    for (std::size_t i = 0; i < text.size(); ++i)
+        if (text[i] == '\0' || static_cast<unsigned char>(text[i]) > 0x7f)
+            return i;
+    return std::nullopt;
+}
+
+std::size_t lineNumberAt(std::string_view text, std::size_t offset)
+{
+    std::size_t line = 1;
+    for (std::size_t i = 0; i < offset; ++i)
+        line += text[i] == '\n';
+    return line;
+}
+
+// CRLF becomes LF; true when there was any.
+bool convertCrlf(std::string &text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i)
+        if (!(text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n'))
+            out += text[i];
+    const bool changed = out.size() != text.size();
+    text = std::move(out);
+    return changed;
+}
+
+bool isBlank(std::string_view line)
+{
+    return line.find_first_not_of(" \t\r\f\v") == std::string_view::npos;
+}
+
+// A line whose first visible character is "#": a comment (or "#!"), meant to go.
+bool isComment(std::string_view line)
+{
+    const auto first = line.find_first_not_of(" \t");
+    return first != std::string_view::npos && line[first] == '#';
+}
+
+// Warns of each line that the sending removes although it holds a command; false when no line would run.
+bool reviewLines(std::string_view text, const std::string &name, std::vector<std::string> &warnings)
+{
+    bool anyRuns = false;
+    std::size_t number = 0;
+    for (std::size_t pos = 0; pos < text.size();) {
+        const std::size_t end = std::min(text.find('\n', pos), text.size());
+        const std::string_view line = text.substr(pos, end - pos);
+        pos = end + 1;
+        ++number;
+        if (line.find('#') == std::string_view::npos) {
+            anyRuns = anyRuns || !isBlank(line);
+        } else if (!isComment(line)) {
+            warnings.push_back(name + " line " + std::to_string(number) +
+                               " holds \"#\", so the whole line is removed before sending");
+        }
+    }
+    return anyRuns;
+}
+
+} // namespace
+
+std::optional<ScriptText> loadScript(const std::string &path, std::string &error)
+{
+    const bool standardInput = path == "-";
+    const std::string name =
+        standardInput ? std::string("the script on standard input") : "the script " + path;
+    FileDescriptor fd(standardInput ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!openReadable("the script", standardInput ? "on standard input" : path, fd, error))
+        return std::nullopt;
+    ScriptText script;
+    if (!readAll(fd.get(), script.text)) {
+        error = systemError("the script", standardInput ? "on standard input" : path);
+        return std::nullopt;
+    }
+    if (const auto bad = firstNonAscii(script.text)) {
+        error = name + " is not plain ASCII text (line " + std::to_string(lineNumberAt(script.text, *bad)) +
+                "); nothing was sent";
+        return std::nullopt;
+    }
+    if (script.text.empty()) {
+        error = name + " is empty; nothing to run";
+        return std::nullopt;
+    }
+    if (convertCrlf(script.text))
+        script.warnings.push_back(name + " has CRLF line ends; they are converted to LF");
+    const std::string shortName = standardInput ? std::string("standard input") : path;
+    if (!reviewLines(script.text, shortName, script.warnings)) {
+        error = name + " has nothing to run: every line is blank or holds \"#\", and such lines are "
+                       "removed before sending";
+        return std::nullopt;
+    }
+    return script;
+}
+
+bool checkPasswordFile(const std::string &path, std::string &error, std::vector<std::string> &warnings)
+{
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!openReadable("the password file", path, fd, error))
+        return false;
+    struct stat st
+    {
+    };
+    if (::fstat(fd.get(), &st) == 0 && (st.st_mode & S_IROTH))
+        warnings.push_back("the password file " + path + " is readable by others (chmod 600 it)");
+    return true;
+}
+
+bool parseArguments(const std::vector<std::string> &given, TelvaneArguments &arguments, std::string &error)
+{
+    for (const auto &argument : given) {
+        const auto equals = argument.find('=');
+        if (equals == std::string::npos || equals == 0) {
+            error = "--arg " + argument + ": expected KEY=VALUE";
+            return false;
+        }
+        if (argument.find('#', equals) != std::string::npos) {
+            error = "--arg " + argument.substr(0, equals) +
+                    ": the value holds \"#\", and a line holding \"#\" is removed before sending";
+            return false;
+        }
+        arguments.emplace_back(argument.substr(0, equals), argument.substr(equals + 1));
+    }
+    return true;
+}
+
+std::optional<double> parseTimeout(const std::string &text, std::string &error)
+{
+    errno = 0;
+    char *end = nullptr;
+    const double seconds = std::strtod(text.c_str(), &end);
+    const bool decimal = text.find_first_not_of("0123456789.eE+-") == std::string::npos;
+    if (text.empty() || !decimal || *end != '\0' || errno != 0 || !std::isfinite(seconds) || seconds <= 0) {
+        error = "--timeout: expected a positive number of seconds, got '" + text + "'";
+        return std::nullopt;
+    }
+    return seconds;
+}
+
+bool checkHost(const std::string &host, std::string &error)
+{
+    if (host.empty()) {
+        error = "the host is empty";
+        return false;
+    }
+    for (const char c : host) {
+        if (static_cast<unsigned char>(c) <= ' ' || c == 0x7f) {
+            error = "the host holds a blank or a control character";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool checkKeyringChoice(std::string &error)
+{
+    const char *choice = std::getenv("TELVANE_KEYRING");
+    if (!choice || !*choice)
+        return true;
+    for (const char *known : {"secret-service", "file", "memory"})
+        if (std::strcmp(choice, known) == 0)
+            return true;
+    error =
+        std::string("TELVANE_KEYRING: unknown keyring '") + choice + "' (use secret-service, file or memory)";
+    return false;
+}
