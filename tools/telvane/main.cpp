@@ -1,5 +1,6 @@
 // telvane: run a shell script on another machine over SSH and stream its output.
 #include "Commands.h"
+#include "Fleet.h"
 #include "Options.h"
 
 #include <CLI/CLI.hpp>
@@ -54,7 +55,7 @@ std::optional<std::string> readScript(const std::string &path, std::string &erro
 
 void addRunOptions(CLI::App &command, Options &options, std::vector<std::string> &arguments)
 {
-    command.add_option("HOST", options.host, "the sensor host: a name or an IPv4/IPv6 address")->required();
+    command.add_option("HOST", options.host, "the sensor host: a name or an IPv4/IPv6 address");
     command.add_option("-p,--port", options.port, "port (default 22)")->check(CLI::Range(1, 65535));
     command.add_option("-l,--user", options.user, "username, when no stored credentials serve");
     command.add_option("--password-file", options.passwordFile, "read the password from the first line of F")
@@ -92,15 +93,20 @@ int main(int argc, char **argv)
                                   "its standard output to ours, byte for byte, as it arrives");
     addRunOptions(*run, options, arguments);
     run->add_option("SCRIPT", options.scriptPath, "the script file, or - for standard input");
+    addFleetOptions(*run, options);
     run->footer(
         "Exit status: the script's own; 255 connection failed, 254 no credentials, 253 authentication "
-        "failed, 2 bad usage, 130 interrupted.");
+        "failed, 2 bad usage, 130 interrupted.\n"
+        "With -H or --hosts: 0 every script ended with 0; 1 every host was reached and some script ended "
+        "otherwise; 3 some host could not be reached, had no credentials or refused them; 2 bad usage; "
+        "130 or 143 interrupted.");
 
     CLI::App *diagnose =
         app.add_subcommand("diagnose", "show the diagnostics transcript of SCRIPT on HOST: the "
                                        "connection, the output with *marked* spans in red, the end");
     addRunOptions(*diagnose, options, arguments);
-    diagnose->add_option("SCRIPT", options.scriptPath, "the diagnostics script file")->required();
+    diagnose->add_option("SCRIPT", options.scriptPath, "the diagnostics script file");
+    addFleetOptions(*diagnose, options);
     diagnose->footer("Exit status: 0 only when the script ended with 0; otherwise as for run.");
 
     std::string forgetHost;
@@ -141,9 +147,14 @@ int main(int argc, char **argv)
             std::cerr << "telvane: warning: the password file " << *options.passwordFile
                       << " is readable by others (chmod 600 it)\n";
     }
+    const CLI::App *command = diagnose->parsed() ? diagnose : run;
+    if (const auto wrong = settlePositionals(options, command->count("SCRIPT") > 0, diagnose->parsed()))
+        return usageError(*wrong);
     std::string error;
     const auto script = readScript(options.scriptPath, error);
     if (!script)
         return usageError(error);
+    if (fleetRequested(options))
+        return runFleet(options, *script, diagnose->parsed());
     return runCommand(options, *script, diagnose->parsed());
 }
