@@ -275,3 +275,16 @@ TEST_F(Fleet, InterruptStopsEveryRunAtOnceAndSummarisesWhatFinished)
         EXPECT_NE(std::string::npos, result.err.find("telvane: interrupted")) << result.err;
     }
 }
+
+TEST_F(Fleet, AReaderThatGoesAwayEndsEveryRun)
+{
+    const std::string command = "set -o pipefail; " + std::string(TELVANE_CLI_PATH) + " run -l " +
+                                sshd().username() + " --password-file " + passwordFile + " -H " + good[0] +
+                                " -H " + good[1] + " " + write("script", "yes\n") +
+                                " | head -n 3; echo \"status ${PIPESTATUS[0]}\"";
+    ProcessOptions options = plain();
+    options.timeout = std::chrono::seconds(20);
+    const auto result = runProcess({"/bin/bash", "-c", command}, options);
+    EXPECT_NE(std::string::npos, result.out.find("status 141")) << result.out << result.err;
+    EXPECT_LT(result.seconds, 5);
+}

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -182,6 +183,8 @@ public:
             console_.err("telvane: interrupted\n");
             return 128 + signal;
         }
+        if (readerGone_)
+            return 128 + SIGPIPE;
         return exitStatus();
     }
 
@@ -220,6 +223,10 @@ private:
         std::unique_lock lock(mutex_);
         while (finishedWorkers_ < workers) {
             changed_.wait_for(lock, std::chrono::milliseconds(250));
+            if (console_.broken() && !stopping_) { // nobody reads the output any more: end every run
+                stopping_ = true;
+                readerGone_ = true;
+            }
             if (stopping_)
                 stopActive();
             else if (!login_.asking())
@@ -400,6 +407,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     bool stopping_ = false;                        // guarded by mutex_
+    bool readerGone_ = false;                      // guarded by mutex_; read after the workers end
     std::vector<std::shared_ptr<Telvane>> active_; // one slot per worker, guarded by mutex_
     std::size_t finishedWorkers_ = 0;              // guarded by mutex_
     std::size_t done_ = 0;                         // guarded by mutex_

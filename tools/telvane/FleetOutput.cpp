@@ -187,7 +187,8 @@ void Console::out(std::string_view text)
 {
     std::lock_guard lock(mutex_);
     clearLocked();
-    writeAll(STDOUT_FILENO, text.data(), text.size());
+    if (!broken_ && !writeAll(STDOUT_FILENO, text.data(), text.size()))
+        broken_ = true;
 }
 
 void Console::err(std::string_view text)

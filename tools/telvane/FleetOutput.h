@@ -4,6 +4,7 @@
 
 #include "HostList.h"
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -32,12 +33,15 @@ public:
     /// Redraws the progress line; only when standard error is a terminal.
     void progress(const std::string &text);
     void clearProgress();
+    /// True once standard output could not be written: its reader went away.
+    bool broken() const { return broken_; }
 
 private:
     void clearLocked();
     std::mutex mutex_;
     const bool terminal_;
     bool shown_ = false; // guarded by mutex_
+    std::atomic<bool> broken_{false};
 };
 
 /// One host's output on its way out.
