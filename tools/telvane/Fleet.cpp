@@ -76,15 +76,13 @@ public:
             return std::nullopt;
         return TelvaneCredentialsDictionary(*user, *password_);
     }
-    bool asking() const { return asking_; }
 
 private:
     std::optional<std::string> ask(const std::string &question, bool hidden)
     {
-        asking_ = true;
-        console_.clearProgress();
+        console_.holdProgress(true);
         auto answer = prompt_.ask(question, hidden);
-        asking_ = false;
+        console_.holdProgress(false);
         return answer;
     }
     std::optional<std::string> readPasswordFile() const
@@ -106,7 +104,6 @@ private:
     bool passwordAsked_ = false;          // guarded by mutex_
     std::optional<std::string> user_;     // guarded by mutex_
     std::optional<std::string> password_; // guarded by mutex_
-    std::atomic<bool> asking_{false};
 };
 
 // The single-host delegate, with the shared question in place of its own.
@@ -229,7 +226,7 @@ private:
             }
             if (stopping_)
                 stopActive();
-            else if (!login_.asking())
+            else
                 console_.progress("telvane: " + std::to_string(done_) + " of " +
                                   std::to_string(hosts_.size()) + " done, " + std::to_string(running_) +
                                   " running, " + std::to_string(failed_) + " failed");

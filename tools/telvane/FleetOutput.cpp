@@ -203,8 +203,17 @@ void Console::progress(const std::string &text)
     if (!terminal_)
         return;
     std::lock_guard lock(mutex_);
+    if (held_)
+        return;
     writeAll(STDERR_FILENO, "\r\033[K" + text);
     shown_ = true;
+}
+
+void Console::holdProgress(bool held)
+{
+    std::lock_guard lock(mutex_);
+    clearLocked();
+    held_ = held;
 }
 
 void Console::clearProgress()

@@ -30,9 +30,11 @@ public:
     Console();
     void out(std::string_view text);
     void err(std::string_view text);
-    /// Redraws the progress line; only when standard error is a terminal.
+    /// Redraws the progress line; only when standard error is a terminal and no question is on it.
     void progress(const std::string &text);
     void clearProgress();
+    /// While @p held, the progress line is erased and not drawn, so that a question on the terminal stays.
+    void holdProgress(bool held);
     /// True once standard output could not be written: its reader went away.
     bool broken() const { return broken_; }
 
@@ -41,6 +43,7 @@ private:
     std::mutex mutex_;
     const bool terminal_;
     bool shown_ = false; // guarded by mutex_
+    bool held_ = false;  // guarded by mutex_
     std::atomic<bool> broken_{false};
 };
 
