@@ -99,7 +99,7 @@ int main(int argc, char **argv)
         "failed, 2 bad usage, 130 interrupted.\n"
         "With -H or --hosts: 0 every script ended with 0; 1 every host was reached and some script ended "
         "otherwise; 3 some host could not be reached, had no credentials or refused them; 2 bad usage; "
-        "130 or 143 interrupted.");
+        "130 or 143 interrupted; 141 the reader of standard output went away.");
 
     CLI::App *diagnose =
         app.add_subcommand("diagnose", "show the diagnostics transcript of SCRIPT on HOST: the "
