@@ -72,10 +72,11 @@ protected:
 
     // telvane run on @p hosts (each after -H) with the harness's account, then @p extra.
     ProcessResult run(const std::vector<std::string> &hosts, const std::string &script,
-                      std::vector<std::string> extra = {}, ProcessOptions options = {}) const
+                      std::vector<std::string> extra = {}, ProcessOptions options = {},
+                      const std::string &command = "run") const
     {
-        std::vector<std::string> args = {TELVANE_CLI_PATH,  "run",       "-l", sshd().username(),
-                                         "--password-file", passwordFile};
+        std::vector<std::string> args = {TELVANE_CLI_PATH,  command,           "-l",
+                                         sshd().username(), "--password-file", passwordFile};
         for (const auto &host : hosts)
             args.insert(args.end(), {"-H", host});
         args.insert(args.end(), extra.begin(), extra.end());
@@ -132,6 +133,16 @@ TEST_F(Fleet, PrefixedLinesSummaryAndTheExitStatusSayWhatHappened)
             EXPECT_NE(std::string::npos, result.err.find(piece)) << piece << " in\n" << result.err;
         EXPECT_EQ(std::string::npos, result.err.find(sshd().password()));
     }
+
+    // diagnose: each host's transcript, line by line, its marks taken out.
+    const auto diagnosed = run({good[0], closed}, "echo '*hot*'\n", {}, {}, "diagnose");
+    EXPECT_EQ(3, diagnosed.status) << diagnosed.err;
+    for (const auto &line :
+         {good[0] + ": Connecting over SSH to 127.0.0.1 on port " + std::to_string(sshd().port()) + ": OK",
+          good[0] + ": hot", good[0] + ": Diagnostics completed.",
+          closed + ": Connecting over SSH to 127.0.0.1 on port " + std::to_string(closedPort.port()) +
+              ": failed"})
+        EXPECT_NE(std::string::npos, diagnosed.out.find(line + "\n")) << line << " in\n" << diagnosed.out;
 }
 
 TEST_F(Fleet, HostsFileOutputDirectoryAndJsonRecords)
