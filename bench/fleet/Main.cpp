@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <fcntl.h>
 #include <fstream>
 #include <iostream>
@@ -116,6 +117,11 @@ int main(int argc, char **argv)
         std::cerr << "usage: telvane-bench-fleet TELVANE RESULTS-DIR [ROUNDS]\n";
         return 2;
     }
+    std::string loadBefore;
+    std::getline(std::ifstream("/proc/loadavg"), loadBefore);
+    const std::time_t now = std::time(nullptr);
+    char when[32];
+    std::strftime(when, sizeof when, "%d %b %Y %H:%M UTC", std::gmtime(&now));
     const std::string telvane = argv[1];
     const std::string results = argv[2];
     const int rounds = argc > 3 ? std::max(1, std::atoi(argv[3])) : 3;
@@ -201,7 +207,9 @@ int main(int argc, char **argv)
        << " (and ::1; sshd holds at most 16 listening sockets), the hosts cycling through the addresses, "
        << "each running `" << kScript << "`, password logins; median of " << rounds
        << " interleaved rounds. CPU is the client's user + system time from wait4, its children included "
-          "(parallel-ssh's ssh processes and sshpass).\n\n"
+          "(parallel-ssh's ssh processes and sshpass). Run "
+       << when << ", " << std::thread::hardware_concurrency()
+       << " CPUs, /proc/loadavg at the start: " << loadBefore << ".\n\n"
        << "| measure | telvane | parallel-ssh | ratio | goal | met |\n|---|---:|---:|---:|---|:---:|\n"
        << "| 64 hosts, --parallel 64 / -p 64: wall time | " << fixed(median(tWall), 2) << " s | "
        << fixed(median(pWall), 2) << " s | " << fixed(wallRatio, 2) << "× | ≤ 0.50× | "
