@@ -262,7 +262,11 @@ bool SshdHarness::prepareAccount()
 
 bool SshdHarness::writeConfig()
 {
+    std::string extra = extraConfig_;
+    for (auto at = extra.find("%PORT%"); at != std::string::npos; at = extra.find("%PORT%", at))
+        extra.replace(at, 6, std::to_string(port_));
     std::ofstream config(directory_ + "/sshd_config", std::ios::trunc);
+    config << extra; // first: for most keywords sshd keeps the first value it reads
     config
         << "ListenAddress 127.0.0.1:" << port_ << "\n"
         << "ListenAddress [::1]:" << port_ << "\n"

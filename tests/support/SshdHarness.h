@@ -41,6 +41,10 @@ public:
     /// so that every login exercises a password that comment stripping must leave alone.
     const std::string &password() const { return password_; }
 
+    /// Lines added to the daemon's configuration (before start()), e.g. more ListenAddress lines at the port
+    /// that port() answers; "%PORT%" in them is replaced by it.
+    void setExtraConfig(std::string lines) { extraConfig_ = std::move(lines); }
+
     /// Writes @p text to a file named @p name in the harness's directory; returns its path.
     std::string writeFile(const std::string &name, const std::string &text) const;
     /// The daemon's log (LogLevel VERBOSE) from byte @p from on; logSize() marks a point to read from.
@@ -56,6 +60,7 @@ private:
     void killDaemon();
 
     std::string reason_;
+    std::string extraConfig_;
     std::string directory_;
     std::string password_;
     int port_ = 0;

@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 struct Options
 {
@@ -19,6 +20,14 @@ struct Options
     std::optional<std::string> name;
     bool verbose = false;
     std::string colour = "auto"; // diagnose: auto, always or never
+
+    // Several hosts at once (Fleet.h).
+    std::vector<std::string> hosts; // -H, as written
+    std::optional<std::string> hostsFile;
+    int parallel = 32;
+    bool prefix = false;
+    std::optional<std::string> outputDir;
+    bool json = false;
 };
 
 // Exit statuses besides the script's own.

@@ -1,5 +1,6 @@
 // telvane: run a shell script on another machine over SSH and stream its output.
 #include "Commands.h"
+#include "Fleet.h"
 #include "Options.h"
 #include "Validation.h"
 
@@ -41,7 +42,9 @@ struct RawOptions
 
 void addRunOptions(CLI::App &command, Options &options, RawOptions &raw)
 {
-    command.add_option("HOST", options.host, "the sensor host: a name or an IPv4/IPv6 address")->required();
+    command.add_option(
+        "HOST", options.host,
+        "the sensor host: a name or an IPv4/IPv6 address"); // or -H/--hosts: checked after parsing
     command.add_option("-p,--port", options.port, "port, 1 to 65535 (default 22)")
         ->check(CLI::Range(1, 65535));
     command.add_option("-l,--user", options.user, "username, when no stored credentials serve");
@@ -66,7 +69,9 @@ void addRunOptions(CLI::App &command, Options &options, RawOptions &raw)
 bool checkRunOptions(Options &options, const RawOptions &raw, std::string &error,
                      std::vector<std::string> &warnings)
 {
-    if (!checkHost(options.host, error) || !checkKeyringChoice(error) ||
+    const bool hostChecked =
+        fleetRequested(options) || checkHost(options.host, error); // -H: checked per host
+    if (!hostChecked || !checkKeyringChoice(error) ||
         !parseArguments(raw.arguments, options.arguments, error))
         return false;
     if (!raw.timeout.empty()) {
@@ -78,8 +83,10 @@ bool checkRunOptions(Options &options, const RawOptions &raw, std::string &error
     return !options.passwordFile || checkPasswordFile(*options.passwordFile, error, warnings);
 }
 
-int runChecked(Options &options, const RawOptions &raw, bool diagnose)
+int runChecked(Options &options, const RawOptions &raw, const CLI::App &command, bool diagnose)
 {
+    if (const auto wrong = settlePositionals(options, command.count("HOST") > 0, command.count("SCRIPT") > 0, diagnose))
+        return usageError(*wrong);
     std::string error;
     std::vector<std::string> warnings;
     if (!checkRunOptions(options, raw, error, warnings))
@@ -89,6 +96,8 @@ int runChecked(Options &options, const RawOptions &raw, bool diagnose)
         return usageError(error);
     warn(warnings);
     warn(script->warnings);
+    if (fleetRequested(options))
+        return runFleet(options, script->text, diagnose);
     return runCommand(options, script->text, diagnose);
 }
 
@@ -115,17 +124,22 @@ int main(int argc, char **argv)
                                   "its standard output to ours, byte for byte, as it arrives");
     addRunOptions(*run, options, raw);
     run->add_option("SCRIPT", options.scriptPath, "the script file, or - for standard input");
+    addFleetOptions(*run, options);
     run->footer(
         "Lines holding \"#\" are removed before sending (a warning names those holding a command).\n"
         "Exit status: the script's own; 255 connection failed, 254 no credentials, 253 authentication "
         "failed, 252 standard output could not be written, 141 the reader of standard output went "
-        "away, 2 bad usage (nothing sent), 130 interrupted (SIGINT), 143 terminated (SIGTERM).");
+        "away, 2 bad usage (nothing sent), 130 interrupted (SIGINT), 143 terminated (SIGTERM).\n"
+        "With -H or --hosts: 0 every script ended with 0; 1 every host was reached and some script ended "
+        "otherwise; 3 some host could not be reached, had no credentials or refused them; 2 bad usage; "
+        "130 or 143 interrupted; 141 the reader of standard output went away.");
 
     CLI::App *diagnose =
         app.add_subcommand("diagnose", "show the diagnostics transcript of SCRIPT on HOST: the "
                                        "connection, the output with *marked* spans in red, the end");
     addRunOptions(*diagnose, options, raw);
-    diagnose->add_option("SCRIPT", options.scriptPath, "the diagnostics script file")->required();
+    diagnose->add_option("SCRIPT", options.scriptPath, "the diagnostics script file");
+    addFleetOptions(*diagnose, options);
     diagnose
         ->add_option(
             "--color", options.colour,
@@ -159,5 +173,5 @@ int main(int argc, char **argv)
             return usageError(error);
         return forgetCommand(forgetHost);
     }
-    return runChecked(options, raw, diagnose->parsed());
+    return runChecked(options, raw, diagnose->parsed() ? *diagnose : *run, diagnose->parsed());
 }
