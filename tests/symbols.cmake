@@ -10,3 +10,7 @@ if(TELVANE_SANITIZE STREQUAL "")
                     ${PROJECT_SOURCE_DIR}/Telvane/libtelvane-widgets.symbols)
     endif()
 endif()
+
+# The SSH engine is libssh; libssh2 must not come back through any dependency.
+add_test(NAME LinkedLibraries.core
+    COMMAND sh -c "ldd \"$1\" | grep -q 'libssh\\.so\\.4' && ! ldd \"$1\" | grep -q libssh2" sh $<TARGET_FILE:Telvane>)

@@ -110,6 +110,7 @@ struct StreamFault
     // Nobody reads until the server has cut the connection: what it sent waits in this host's socket
     // buffer behind a full pipe when the cut arrives.
     bool readerLags = false;
+    double timeout = 30.0; // the sensor's
 };
 
 void PrintTo(const StreamFault &row, std::ostream *out)
@@ -129,7 +130,7 @@ TEST_P(Stream, DeliversEverySentByteThenEndsAsTheServerLeftIt)
 {
     const StreamFault &row = GetParam();
     delegate = freshDelegate(server().userWithFault(row.fault));
-    auto sensor = makeSensor();
+    auto sensor = makeSensor(row.timeout);
 
     const auto start = std::chrono::steady_clock::now();
     std::string output;
@@ -180,9 +181,10 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         // Many short reads, each after a wait on the socket: nothing may be lost between them.
         StreamFault{"Slow", "slow", "seq 1 300\nexit 4", seq(1, 300), StreamFault::Terminates, 4, 15s},
-        // The status comes a second after the end of output and is still the one reported.
-        StreamFault{"LateStatus", "late-status", "echo out\nexit 7", "out\n", StreamFault::Terminates, 7,
-                    15s},
+        // The status comes three seconds after the end of output, three time-outs of this sensor, and is
+        // still the one reported.
+        StreamFault{"LateStatus", "late-status", "echo out\nexit 7", "out\n", StreamFault::Terminates, 7, 15s,
+                    false, 1.0},
         // End of output and close without a status: 0, at once, without waiting for a status.
         StreamFault{"NoStatus", "no-status", "echo out\nexit 7", "out\n", StreamFault::Terminates, 0, 5s},
         // Eight times the channel window on standard error, which is discarded; ignored, it would stall

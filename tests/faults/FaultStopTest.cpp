@@ -87,6 +87,48 @@ INSTANTIATE_TEST_SUITE_P(
                       Stall{"Login", "stall-auth", "stall-auth: never answering the login"}),
     [](const auto &info) { return std::string(info.param.name); });
 
+// Without a stop, the time-out ends a connection attempt that gets nowhere: a server that falls silent after
+// one whole wait, one that keeps sending but never finishes at the connecting deadline of three time-outs.
+struct Silence
+{
+    const char *name;
+    const char *fault;
+    std::chrono::milliseconds atLeast, atMost;
+};
+
+void PrintTo(const Silence &row, std::ostream *out)
+{
+    *out << row.fault;
+}
+
+class TimedOut : public FaultRunTest, public ::testing::WithParamInterface<Silence>
+{
+};
+
+TEST_P(TimedOut, EndsTheConnectingHalfWithCode1WithinItsBound)
+{
+    const Silence &row = GetParam();
+    auto sensor = makeSensor(1.0);
+    ASSERT_TRUE(TelvaneKeychain::setPassword(kPassword, sensor->serviceNameForSensor(), server().user()));
+    ASSERT_TRUE(server().setFault(row.fault));
+
+    const auto start = Clock::now();
+    sensor->runScript("echo never", std::nullopt);
+    const auto took = Clock::now() - start;
+    ASSERT_EQ(1u, delegate->events().size()) << log.joined();
+    EXPECT_EQ(std::optional<long>(TelvaneErrorConnection), delegate->failureCode());
+    EXPECT_TRUE(log.contains("timed out during the")) << log.joined();
+    EXPECT_GE(took, row.atLeast);
+    EXPECT_LE(took, row.atMost);
+}
+
+INSTANTIATE_TEST_SUITE_P(Launch, TimedOut,
+                         ::testing::Values(Silence{"SilentBanner", "stall-banner", 900ms, 2500ms},
+                                           Silence{"SilentKeyExchange", "stall-kex", 900ms, 2500ms},
+                                           Silence{"SilentLogin", "stall-auth", 900ms, 3500ms},
+                                           Silence{"DribbledBanner", "dribble-banner", 2900ms, 4500ms}),
+                         [](const auto &info) { return std::string(info.param.name); });
+
 // After the end of output the pump keeps driving the channel for a status that may come late; a stop in
 // that wait ends the run at once, as a termination (the output did end), never as a read failure.
 TEST_F(FaultRunTest, AStopWhileAwaitingALateStatusEndsTheRunAtOnce)
@@ -95,7 +137,7 @@ TEST_F(FaultRunTest, AStopWhileAwaitingALateStatusEndsTheRunAtOnce)
     auto sensor = makeSensor();
     sensor->runScript("echo out\nexit 7", std::nullopt);
     ASSERT_EQ(1, delegate->count(Event::Started)) << log.joined();
-    // The status follows the end of output by a second; the stop lands well inside that second.
+    // The status follows the end of output by three seconds; the stop lands well inside them.
     ASSERT_TRUE(waitUntil([&] { return delegate->output() == "out\n"; }, 10s)) << log.joined();
     std::this_thread::sleep_for(100ms);
     ASSERT_EQ(0, delegate->count(Event::Terminated) + delegate->count(Event::Failed))

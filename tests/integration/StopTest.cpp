@@ -5,6 +5,7 @@
 #include "integration/SensorRun.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <random>
 #include <thread>
 
@@ -75,7 +76,10 @@ TEST_F(Stop, WhileOutputFlowsTheEndIsReportedAsATermination)
 TEST_F(Stop, WhileThePumpWaitsOnAQuietScriptNothingIsReported)
 {
     auto sensor = makeSensor(30.0); // a wait that only a wake can cut short
-    const auto output = startedOutput(*sensor, "sleep 5\necho late");
+    const auto remoteSleepRuns = [] {
+        return std::system("pgrep -f '^sleep 3713' >/dev/null") == 0;
+    };
+    const auto output = startedOutput(*sensor, "sleep 3713");
     ASSERT_TRUE(output) << log.joined();
     std::this_thread::sleep_for(200ms);
 
@@ -88,6 +92,8 @@ TEST_F(Stop, WhileThePumpWaitsOnAQuietScriptNothingIsReported)
     EXPECT_TRUE(waitUntil([&] { return telvane::sshLibraryReferences() == 0; }, 5s));
     EXPECT_EQ(0, delegate->count(Event::Terminated) + delegate->count(Event::Failed))
         << "a stop during a wait is reported to nobody";
+    // The server was asked to end the script, not only to close its channel.
+    EXPECT_TRUE(waitUntil([&] { return !remoteSleepRuns(); }, 3s)) << "the remote script outlived the stop";
 }
 
 TEST_F(Stop, AReaderThatClosesItsEndEndsTheRunWithoutKillingTheHost)

@@ -3,6 +3,9 @@
 // are faults the fault suite (tests/faults) puts on the connection on purpose.
 #include "integration/SensorRun.h"
 
+#include <sys/resource.h>
+#include <thread>
+
 using telvane::test::RecordingDelegate;
 using telvane::test::SensorRunTest;
 using Event = RecordingDelegate::Event;
@@ -69,6 +72,7 @@ struct ScriptCase
     const char *name;
     std::string script;
     std::string output; // "__PASSWORD__" in here stands for the account's password
+    long status = 0;
     friend void PrintTo(const ScriptCase &c, std::ostream *os) { *os << c.name; }
 };
 
@@ -83,13 +87,24 @@ TEST_P(ScriptShapes, RunsTheNormalisedScript)
     const auto logStart = sshd().logSize();
     ASSERT_TRUE(runToEnd(*sensor, GetParam().script));
     ASSERT_EQ(std::nullopt, delegate->failureCode()) << log.joined();
-    EXPECT_EQ(0, delegate->terminationStatus());
+    EXPECT_EQ(GetParam().status, delegate->terminationStatus());
     std::string expected = GetParam().output;
     if (const auto at = expected.find("__PASSWORD__"); at != std::string::npos)
         expected.replace(at, 12, sshd().password());
-    EXPECT_EQ(expected, delegate->output());
+    EXPECT_TRUE(expected == delegate->output()) << delegate->output().substr(0, 200);
     // The exec request went out even when nothing of the script was left to run.
     EXPECT_NE(std::string::npos, sshd().log(logStart).find("Starting session: command for"));
+}
+
+// A script of @p size bytes or more that prints its own line numbers: "echo 1", "echo 2", ...
+ScriptCase longScript(std::size_t size)
+{
+    ScriptCase row{"LongerThanOneArgument", {}, {}};
+    for (long line = 1; row.script.size() < size; ++line) {
+        row.script += "echo " + std::to_string(line) + '\n';
+        row.output += std::to_string(line) + '\n';
+    }
+    return row;
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -99,7 +114,13 @@ INSTANTIATE_TEST_SUITE_P(
                                  "#!/bin/bash\necho one\n\n\n# said one\necho two # and two\necho three\n",
                                  "one\nthree\n"},
                       // The password holds a number sign; it is put in after comment lines are gone.
-                      ScriptCase{"PasswordPlaceholder", "printf '%s' __PASSWORD__", "__PASSWORD__"}),
+                      ScriptCase{"PasswordPlaceholder", "printf '%s' __PASSWORD__", "__PASSWORD__"},
+                      // Standard input is at its end from the start: a command that reads it ends at once.
+                      ScriptCase{"ReadsItsInput", "cat\necho read", "read\n"},
+                      // Killed by a signal: the shell's convention, 128 + its number.
+                      ScriptCase{"KilledBySignal", "echo going\nkill -KILL $$", "going\n", 137},
+                      // Longer than the remote system takes as one command argument (128 KiB).
+                      longScript(200 * 1024)),
     [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(SensorRunTest, ReachesTheServerOverIpv6AndWithAPortCutTo16Bits)
@@ -115,4 +136,36 @@ TEST_F(SensorRunTest, ReachesTheServerOverIpv6AndWithAPortCutTo16Bits)
     ASSERT_TRUE(runToEnd(*wrapped, "echo wrapped"));
     EXPECT_EQ(0, delegate->terminationStatus()) << log.joined();
     EXPECT_EQ("wrapped\n", delegate->output());
+}
+
+TEST_F(SensorRunTest, AScriptLongerThanOneExecRequestIsRefusedBeforeConnecting)
+{
+    auto sensor = makeSensor();
+    const auto logStart = sshd().logSize();
+    ASSERT_TRUE(runToEnd(*sensor, std::string(300 * 1024, ':') + "\necho never"));
+    EXPECT_EQ(std::optional<long>(TelvaneErrorConnection), delegate->failureCode()) << log.joined();
+    EXPECT_TRUE(log.contains("at most 261632 bytes fit in one exec request")) << log.joined();
+    EXPECT_EQ(std::string::npos, sshd().log(logStart).find("Connection from"));
+}
+
+TEST_F(SensorRunTest, ASilentScriptUnderASubSecondTimeOutCostsNoProcessorTime)
+{
+    // The waits drop the fraction of a second; with nothing left they wait for the socket alone.
+    auto sensor = makeSensor(0.5);
+    std::thread run([&] { sensor->runScript("sleep 2\necho done", std::nullopt); });
+    ASSERT_TRUE(telvane::test::waitUntil([&] { return delegate->count(Event::Started) == 1; },
+                                         std::chrono::seconds(10)));
+    run.join();
+    const auto cpu = [] {
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage);
+        return usage.ru_utime.tv_sec + usage.ru_stime.tv_sec +
+               (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    };
+    const double before = cpu();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    EXPECT_LT(cpu() - before, 0.1) << "a wait spun instead of sleeping";
+    ASSERT_TRUE(delegate->waitForEnd(std::chrono::seconds(10)));
+    EXPECT_EQ("done\n", delegate->output());
+    EXPECT_EQ(std::optional<long>(0), delegate->terminationStatus()) << log.joined();
 }

@@ -174,6 +174,10 @@ void serveConnection(ssh_bind bind, int fd, const Options &options)
         staySilent(fd);
         endProcess();
     }
+    if (state.fault.kind == FaultKind::DribbleBanner) {
+        dribbleBanner(fd);
+        endProcess();
+    }
     if (state.fault.kind == FaultKind::StallKex) {
         // The client answers the identification with its own and its KEXINIT, then waits for ours forever.
         sendIdentification(fd);

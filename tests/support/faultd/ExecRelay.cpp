@@ -80,7 +80,7 @@ ExecEnd endChannel(const ExecContext &context, int waitStatus)
     case FaultKind::LateStatus:
         ssh_channel_send_eof(context.channel);
         ssh_blocking_flush(context.session, 5000);
-        std::this_thread::sleep_for(std::chrono::seconds(1));
+        std::this_thread::sleep_for(std::chrono::seconds(3));
         sendStatus(context, waitStatus);
         break;
     case FaultKind::NoStatus:

@@ -16,9 +16,10 @@ struct Entry
     enum { NoCount, NeedsCount, OptionalCount } count;
 };
 
-constexpr std::array<Entry, 13> entries{{
+constexpr std::array<Entry, 14> entries{{
     {"normal", FaultKind::Normal, Entry::NoCount},
     {"stall-banner", FaultKind::StallBanner, Entry::NoCount},
+    {"dribble-banner", FaultKind::DribbleBanner, Entry::NoCount},
     {"stall-kex", FaultKind::StallKex, Entry::NoCount},
     {"stall-auth", FaultKind::StallAuth, Entry::NoCount},
     {"refuse-password", FaultKind::RefusePassword, Entry::NoCount},
@@ -73,6 +74,7 @@ const char *faultHelp()
     return "  normal           run the command with /bin/sh -c as this user: stdout and stderr to the\n"
            "                   channel, then exit-status, EOF and close (the default)\n"
            "  stall-banner     accept TCP, never send the SSH banner\n"
+           "  dribble-banner   send the SSH banner one byte every 200 ms, and never finish it\n"
            "  stall-kex        send the banner, read the client's banner and KEXINIT, then go silent\n"
            "  stall-auth       answer the service request, never answer the password request\n"
            "  refuse-password  reject every password\n"
@@ -87,7 +89,7 @@ const char *faultHelp()
            "  reset-after=N    as drop-after, but reset the connection (RST, SO_LINGER 0)\n"
            "  flood-stderr[=N] ignore the command: \"begin\\n\" on stdout, N bytes (default 100 MiB) on\n"
            "                   stderr, \"end\\n\" on stdout, exit-status 0\n"
-           "  late-status      run the command, send EOF, the exit status a second later, then close\n"
+           "  late-status      run the command, send EOF, the exit status 3 seconds later, then close\n"
            "  no-status        run the command, send EOF and close without an exit status\n";
 }
 

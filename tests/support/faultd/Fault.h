@@ -11,6 +11,7 @@ namespace telvane::faultd {
 enum class FaultKind {
     Normal,
     StallBanner,
+    DribbleBanner,
     StallKex,
     StallAuth,
     RefusePassword,
@@ -31,7 +32,11 @@ struct Fault
     std::uint64_t bytes = 0;
 
     /// Faults that strike before the client has sent a username cannot be chosen through it.
-    bool actsBeforeLogin() const { return kind == FaultKind::StallBanner || kind == FaultKind::StallKex; }
+    bool actsBeforeLogin() const
+    {
+        return kind == FaultKind::StallBanner || kind == FaultKind::DribbleBanner ||
+               kind == FaultKind::StallKex;
+    }
 };
 
 /// Parses "NAME" or "NAME=BYTES" as written on the command line; nullopt for anything else.

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 namespace telvane::faultd {
@@ -61,6 +62,18 @@ bool sendIdentification(int fd)
 {
     static constexpr char line[] = "SSH-2.0-telvane_faultd\r\n";
     return send(fd, line, sizeof line - 1, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof line - 1);
+}
+
+void dribbleBanner(int fd)
+{
+    // A banner line has at most 255 bytes; this one never ends, so the client never gets past it.
+    for (int sent = 0; sent < 250; ++sent) {
+        const char byte = sent < 8 ? "SSH-2.0-"[sent] : 'x';
+        if (send(fd, &byte, 1, MSG_NOSIGNAL) != 1)
+            return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+    staySilent(fd);
 }
 
 void awaitPeerClose(int fd, std::chrono::milliseconds patience)

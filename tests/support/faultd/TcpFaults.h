@@ -11,6 +11,10 @@ void staySilent(int fd);
 /// Sends the server's identification line, as the first step of a key exchange.
 bool sendIdentification(int fd);
 
+/// Sends the start of an identification line one byte at a time, 200 ms apart, and never its end: a server
+/// that is alive but never gets anywhere.
+void dribbleBanner(int fd);
+
 /// Waits (bounded) until the peer closes, discarding what it sends: the polite end after a finished channel,
 /// which leaves the first close to the client as an SSH server does.
 void awaitPeerClose(int fd, std::chrono::milliseconds patience);
