@@ -4,7 +4,6 @@
 #include "ScriptText.h"
 #include "TelvanePrivate.h"
 
-
 TelvaneDelegate::~TelvaneDelegate() = default;
 void TelvaneDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle>) {}
 void TelvaneDelegate::sensorScriptDidTerminate(Telvane &, long) {}
@@ -12,30 +11,54 @@ void TelvaneDelegate::sensorDidFailWithError(Telvane &, long) {}
 
 TelvanePrivate::TelvanePrivate(Telvane &q, std::string identifier, std::string name, std::string hostname,
                                long port, double timeout)
-    : q(q), identifier(std::move(identifier)), name(std::move(name)), hostname(std::move(hostname)), port(port),
-      timeout(timeout)
-{
-}
-
-std::shared_ptr<telvane::Connection> TelvanePrivate::currentConnection() const
-{
-    std::lock_guard lock(connectionMutex);
-    return connection;
-}
+    : q(q), identifier(std::move(identifier)), name(std::move(name)), hostname(std::move(hostname)),
+      port(port), timeout(timeout)
+{}
 
 void TelvanePrivate::closeConnection(const std::shared_ptr<Connection> &own)
 {
-    if (currentConnection() == own) {
-        q.close();
-        return;
-    }
     own->requestStop();
     bool held;
     {
         std::lock_guard lock(monitor);
+        bool newest;
+        {
+            std::lock_guard connectionLock(connectionMutex);
+            newest = !connections.empty() && connections.back() == own;
+            std::erase(connections, own);
+        }
+        if (newest)
+            running = false;
         held = own->teardown();
     }
     telvane::sshLibraryRelease(held);
+}
+
+void TelvanePrivate::closeAll()
+{
+    // running goes NO before the lock, so a pump sees the stop at its next check; the wakes reach every wait
+    // on a socket (of a pump, or of a connection attempt that holds the lock) at once.
+    running = false;
+    const auto wakeAll = [this] {
+        std::lock_guard connectionLock(connectionMutex);
+        for (const auto &connection : connections)
+            connection->requestStop();
+    };
+    wakeAll();
+    std::vector<std::shared_ptr<Connection>> closing;
+    {
+        std::lock_guard lock(monitor);
+        wakeAll(); // a run registered after the first wake must see the stop too
+        {
+            std::lock_guard connectionLock(connectionMutex);
+            closing.swap(connections);
+        }
+        for (const auto &connection : closing)
+            telvane::sshLibraryRelease(connection->teardown());
+        // Again under the lock: a run that was launching when this close began set running after the first
+        // store, and its pump must not take the freed channel for a broken one.
+        running = false;
+    }
 }
 
 std::shared_ptr<Telvane> Telvane::create(std::string identifier, std::string name, std::string hostname,
@@ -45,11 +68,11 @@ std::shared_ptr<Telvane> Telvane::create(std::string identifier, std::string nam
                                      port.value_or(22), timeout);
 }
 
-Telvane::Telvane(Token, std::string identifier, std::string name, std::string hostname, long port, double timeout)
-    : d(std::make_unique<TelvanePrivate>(*this, std::move(identifier), std::move(name), std::move(hostname), port,
-                                         timeout))
-{
-}
+Telvane::Telvane(Token, std::string identifier, std::string name, std::string hostname, long port,
+                 double timeout)
+    : d(std::make_unique<TelvanePrivate>(*this, std::move(identifier), std::move(name), std::move(hostname),
+                                         port, timeout))
+{}
 
 Telvane::~Telvane() = default; // a run's Connection frees itself with its last owner
 
@@ -80,28 +103,7 @@ void Telvane::stopScript()
 
 void Telvane::close()
 {
-    // running goes NO before the lock, so a pump sees the stop at its next check; the wake reaches a wait
-    // on the socket (of the pump or of a connection attempt that holds the lock) at once.
-    setRunning(false);
-    if (auto current = d->currentConnection())
-        current->requestStop();
-    bool held = false;
-    {
-        std::lock_guard lock(d->monitor);
-        std::shared_ptr<telvane::Connection> current;
-        {
-            std::lock_guard connectionLock(d->connectionMutex);
-            current = std::move(d->connection);
-        }
-        if (current) {
-            current->requestStop(); // a run installed after the check above must see the stop too
-            held = current->teardown();
-        }
-        // Again under the lock: a run that was launching when this close began set running after the first
-        // store, and its pump must not take the freed channel for a broken one.
-        setRunning(false);
-    }
-    telvane::sshLibraryRelease(held);
+    d->closeAll();
 }
 
 void Telvane::sensorDidFailWithError(long code)
@@ -116,16 +118,16 @@ std::string Telvane::serviceNameForSensor() const
     return TelvaneCredentials::serviceNameForHost(hostname());
 }
 
-#define TELVANE_PROPERTY(Type, getter, setter, field)                                                              \
-    Type Telvane::getter() const                                                                                   \
-    {                                                                                                              \
-        std::lock_guard lock(d->propertyMutex);                                                                    \
-        return d->field;                                                                                           \
-    }                                                                                                              \
-    void Telvane::setter(Type value)                                                                               \
-    {                                                                                                              \
-        std::lock_guard lock(d->propertyMutex);                                                                    \
-        d->field = std::move(value);                                                                               \
+#define TELVANE_PROPERTY(Type, getter, setter, field)                                                        \
+    Type Telvane::getter() const                                                                             \
+    {                                                                                                        \
+        std::lock_guard lock(d->propertyMutex);                                                              \
+        return d->field;                                                                                     \
+    }                                                                                                        \
+    void Telvane::setter(Type value)                                                                         \
+    {                                                                                                        \
+        std::lock_guard lock(d->propertyMutex);                                                              \
+        d->field = std::move(value);                                                                         \
     }
 
 TELVANE_PROPERTY(std::shared_ptr<TelvanePipe>, pipe, setPipe, pipe)

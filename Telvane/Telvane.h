@@ -56,7 +56,8 @@ class TELVANE_EXPORT Telvane : public std::enable_shared_from_this<Telvane>
 
 public:
     /// @p port defaults to 22 when absent; a given port is kept as it is (only its low 16 bits are used to
-    /// connect). @p timeout is the time in seconds allowed to the connect and to each wait on the socket.
+    /// connect). @p timeout is the time in seconds allowed to the connect and to each wait on the socket; a
+    /// run needs a positive one.
     static std::shared_ptr<Telvane> create(std::string identifier, std::string name, std::string hostname,
                                            std::optional<long> port = std::nullopt, double timeout = 10.0);
     /// Not for direct use (the token is private): make sensors with create().
@@ -74,7 +75,10 @@ public:
     void runAgain();
     /// Stops the running script; the same as close().
     void stopScript();
-    /// Tears the connection down; safe to call again and from any thread. Sends nothing to the delegate.
+    /// Tears down the connection of every run of this sensor; safe to call again and from any thread. The
+    /// remote script is asked to end (TERM) first. close() itself tells the delegate nothing, but the runs it
+    /// ends do: one that was still connecting fails with TelvaneErrorConnection, one whose script ran ends as
+    /// its pump saw it (sensorScriptDidTerminate while output flowed, nothing while it waited).
     void close();
     /// Closes, then reports @p code to the delegate.
     void sensorDidFailWithError(long code);

@@ -509,12 +509,18 @@ void TelvanePrivate::runScript(const std::string &script)
     q.setPipe(conn->pipe);
     {
         std::lock_guard lock(connectionMutex);
-        connection = conn;
+        connections.push_back(conn);
     }
 
     const std::string host = q.hostname();
     // The password is not known yet, and what it adds is checked again at the exec request.
     if (!fitsOneRequest(host, telvane::normaliseScript(script, {}).size())) {
+        q.sensorDidFailWithError(TelvaneErrorConnection);
+        return;
+    }
+    // Every wait is bounded by the time-out: without a positive one, none would be.
+    if (const double timeout = q.timeout(); !(timeout > 0)) {
+        telvaneLog("the time-out for %s is %g seconds; it must be a positive number", host.c_str(), timeout);
         q.sensorDidFailWithError(TelvaneErrorConnection);
         return;
     }

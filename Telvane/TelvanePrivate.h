@@ -8,6 +8,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <vector>
 
 class TelvanePrivate
 {
@@ -34,10 +35,11 @@ public:
     /// The milliseconds of a wait with @p timeout: its whole seconds, or -1 (no limit) when they are 0.
     static int waitMilliseconds(double timeout);
 
-    /// Closes @p connection. When it is the current one this is close(); a run that was replaced by a newer
-    /// one only frees its own handles and leaves the newer run alone.
+    /// Closes @p connection, the end of its run. When it is the newest run, running goes NO; a newer run is
+    /// left alone.
     void closeConnection(const std::shared_ptr<Connection> &connection);
-    std::shared_ptr<Connection> currentConnection() const;
+    /// Closes every run not yet closed: close().
+    void closeAll();
 
     Telvane &q;
 
@@ -65,7 +67,8 @@ public:
     // handles, and by the pump around each libssh call (never around a wait or a pipe write).
     std::recursive_mutex monitor;
 
-    // A leaf lock: close() must reach the current connection to wake it before it can take the monitor.
+    // A leaf lock: close() must reach the runs' connections to wake them before it can take the monitor.
     mutable std::mutex connectionMutex;
-    std::shared_ptr<Connection> connection; // guarded by connectionMutex
+    std::vector<std::shared_ptr<Connection>>
+        connections; // guarded by connectionMutex; open runs, newest last
 };

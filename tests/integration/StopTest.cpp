@@ -107,6 +107,30 @@ TEST_F(Stop, AReaderThatClosesItsEndEndsTheRunWithoutKillingTheHost)
     EXPECT_TRUE(waitUntil([&] { return !sensor->running() && telvane::sshLibraryReferences() == 0; }, 5s));
 }
 
+// Two runs of one sensor at once: the older run's end leaves the newer one running, and a close ends both.
+TEST_F(Stop, TwoRunsOfOneSensorEndEachOnItsOwnAndCloseEndsBoth)
+{
+    auto sensor = makeSensor(30.0);
+    const auto older = startedOutput(*sensor, "sleep 1\necho older");
+    const auto newer = startedOutput(*sensor, "sleep 3\necho newer");
+    ASSERT_TRUE(older && newer) << log.joined();
+    std::string data;
+    ASSERT_TRUE(readToEnd(*older, 10s, &data));
+    EXPECT_EQ("older\n", data);
+    EXPECT_TRUE(sensor->running()) << "the older run's end stopped the newer one";
+    data.clear();
+    ASSERT_TRUE(readToEnd(*newer, 10s, &data));
+    EXPECT_EQ("newer\n", data);
+
+    const auto quiet = startedOutput(*sensor, "sleep 20");
+    const auto quieter = startedOutput(*sensor, "sleep 21");
+    ASSERT_TRUE(quiet && quieter) << log.joined();
+    std::this_thread::sleep_for(200ms);
+    sensor->close();
+    EXPECT_TRUE(readToEnd(*quiet, 2s, &data)) << "close() left the older run's pump asleep";
+    EXPECT_TRUE(readToEnd(*quieter, 2s, &data));
+}
+
 TEST_F(Stop, FromAnotherThreadAtAnyMomentTwoHundredTimes)
 {
     int threads = 0, descriptors = 0;

@@ -3,14 +3,19 @@
 #include "TelvanePrivate.h"
 #include "support/TestEnvironment.h"
 
+#include <cmath>
+
 using telvane::test::RecordingDelegate;
 
 namespace {
-struct Recorder {
+struct Recorder
+{
     std::vector<std::string> scripts;
     void attach(Telvane &sensor)
     {
-        TelvanePrivate::get(sensor).runScriptOverride = [this](const std::string &s) { scripts.push_back(s); };
+        TelvanePrivate::get(sensor).runScriptOverride = [this](const std::string &s) {
+            scripts.push_back(s);
+        };
     }
 };
 } // namespace
@@ -52,7 +57,8 @@ TEST(Sensor, RunsTheSubstitutedTextButStoresTheTemplate)
     auto sensor = Telvane::create("id", "n", "h");
     Recorder recorder;
     recorder.attach(*sensor);
-    sensor->runScript("ping -c __N__ __H__ && ping -c __N__ __H__", TelvaneArguments{{"N", "3"}, {"H", "gw"}});
+    sensor->runScript("ping -c __N__ __H__ && ping -c __N__ __H__",
+                      TelvaneArguments{{"N", "3"}, {"H", "gw"}});
     ASSERT_EQ(1u, recorder.scripts.size());
     EXPECT_EQ("ping -c 3 gw && ping -c 3 gw", recorder.scripts[0]);
     EXPECT_EQ("ping -c __N__ __H__ && ping -c __N__ __H__", sensor->script());
@@ -138,7 +144,9 @@ TEST(Sensor, AnAddressThatIsNotAnIpIsReportedToNobody)
     telvane::test::LogCapture log;
     const int before = telvane::sshLibraryReferences();
     auto sensor = Telvane::create("id", "n", "weird");
-    TelvanePrivate::get(*sensor).resolver = [](const std::string &) { return std::string("not-an-ip"); };
+    TelvanePrivate::get(*sensor).resolver = [](const std::string &) {
+        return std::string("not-an-ip");
+    };
     auto delegate = std::make_shared<RecordingDelegate>();
     sensor->setDelegate(delegate);
     const int descriptors = telvane::test::openDescriptorCount();
@@ -167,5 +175,18 @@ TEST(Sensor, ServiceNameNamesTheHostAsWritten)
 TEST(Sensor, VersionSymbols)
 {
     EXPECT_EQ(5.0, TelvaneVersionNumber);
-    EXPECT_STREQ("@(#)PROGRAM:Telvane  PROJECT:Telvane-5\n", reinterpret_cast<const char *>(TelvaneVersionString));
+    EXPECT_STREQ("@(#)PROGRAM:Telvane  PROJECT:Telvane-5\n",
+                 reinterpret_cast<const char *>(TelvaneVersionString));
+}
+
+TEST(Sensor, ARunWithoutAPositiveTimeOutFailsAtOnceWithCodeOne)
+{
+    for (const double timeout : {0.0, -1.0, std::nan("")}) {
+        auto sensor = Telvane::create("id", "n", "192.0.2.1", 22L, timeout);
+        auto delegate = std::make_shared<RecordingDelegate>();
+        sensor->setDelegate(delegate);
+        sensor->runScript("echo never", std::nullopt);
+        EXPECT_EQ(std::optional<long>(TelvaneErrorConnection), delegate->failureCode()) << timeout;
+        EXPECT_EQ(1u, delegate->events().size()) << timeout;
+    }
 }
