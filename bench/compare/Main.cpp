@@ -1,6 +1,6 @@
 // telvane-bench: starts one loopback sshd and measures, in one run against it, the library's host against
 // OpenSSH's ssh (and against a bare libssh loop): throughput, time to the first byte, client CPU per GiB,
-// many sensors at once and a stalled server. Prints a Markdown table and writes it as JSON.
+// many sensors at once, a stalled server and a silent script. Prints a Markdown table and writes it as JSON.
 #include "Clients.h"
 #include "Report.h"
 
