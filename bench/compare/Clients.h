@@ -1,5 +1,5 @@
 // The clients under comparison, each run as a process of its own against the same sshd: the library's
-// benchmark host, the bare libssh2 loop, and OpenSSH's ssh with its password given by sshpass.
+// benchmark host, the bare libssh loop, and OpenSSH's ssh with its password given by sshpass.
 #pragma once
 
 #include "Child.h"

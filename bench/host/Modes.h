@@ -33,5 +33,7 @@ int streamMode(const Args &args);
 int scaleMode(const Args &args);
 /// A sensor against a listener that accepts and never answers: the CPU its wait costs.
 int stallMode(const Args &args);
+/// A sensor with a 0.5 s time-out whose script prints nothing: the CPU its pump's waits cost.
+int silentMode(const Args &args);
 
 } // namespace telvane::bench

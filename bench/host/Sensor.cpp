@@ -20,7 +20,7 @@ std::shared_ptr<Telvane> makeSensor(const Args &args, const std::shared_ptr<Benc
 {
     auto sensor = Telvane::create("bench", "bench", host, args.number("port", 22),
                                   static_cast<double>(args.number("timeout", 30)));
-    TelvanePrivate::get(*sensor).configureSession = [](LIBSSH2_SESSION *session) {
+    TelvanePrivate::get(*sensor).configureSession = [](ssh_session session) {
         applySessionMethods(session);
     };
     sensor->setDelegate(delegate);

@@ -1,4 +1,5 @@
-// A sensor whose server accepts the connection and then says nothing: what does waiting for it cost?
+// Waits that should cost nothing: a sensor whose server accepts the connection and then says nothing, and a
+// sensor with a time-out under one second whose script runs and prints nothing.
 #include "BenchDelegate.h"
 #include "Modes.h"
 
@@ -85,6 +86,32 @@ int stallMode(const Args &args)
     result.put("still_waiting", stillWaiting ? 1 : 0);
     result.put("result_after_close", delegate->result().value_or(0));
     return stillWaiting ? 0 : 1;
+}
+
+int silentMode(const Args &args)
+{
+    ResultFile result(args.text("result", "/dev/null"));
+    const long seconds = args.number("seconds", 5);
+    auto delegate = makeDelegate(args);
+    // The time-out's whole seconds are 0: the pump waits for the socket alone.
+    auto sensor = Telvane::create("silent", "silent", "127.0.0.1", args.number("port", 22), 0.5);
+    sensor->setDelegate(delegate);
+    sensor->runScript("sleep " + std::to_string(seconds + 30), std::nullopt);
+    if (!delegate->output()) {
+        result.put("error", "the run did not start");
+        return 1;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const double before = cpuSeconds();
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    const double used = cpuSeconds() - before;
+    const bool stillRunning = !delegate->result().has_value();
+    sensor->close();
+
+    result.put("cpu_seconds", used);
+    result.put("window_seconds", seconds);
+    result.put("still_running", stillRunning ? 1 : 0);
+    return stillRunning ? 0 : 1;
 }
 
 } // namespace telvane::bench

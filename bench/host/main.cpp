@@ -10,7 +10,8 @@
 int main(int argc, char **argv)
 {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: telvane-bench-host stream|scale|stall --port P --password-file F ...\n");
+        std::fprintf(stderr,
+                     "usage: telvane-bench-host stream|scale|stall|silent --port P --password-file F ...\n");
         return 2;
     }
     // Credentials come from the delegate: no keyring daemon is involved in what is measured.
@@ -29,6 +30,8 @@ int main(int argc, char **argv)
         return telvane::bench::scaleMode(args);
     if (mode == "stall")
         return telvane::bench::stallMode(args);
+    if (mode == "silent")
+        return telvane::bench::silentMode(args);
     std::fprintf(stderr, "unknown mode %s\n", mode.c_str());
     return 2;
 }
