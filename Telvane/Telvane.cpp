@@ -4,18 +4,20 @@
 #include "ScriptText.h"
 #include "TelvanePrivate.h"
 
-
 TelvaneDelegate::~TelvaneDelegate() = default;
 void TelvaneDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle>) {}
 void TelvaneDelegate::sensorScriptDidTerminate(Telvane &, long) {}
 void TelvaneDelegate::sensorDidFailWithError(Telvane &, long) {}
+bool TelvaneDelegate::shouldTrustHostKey(Telvane &, const TelvaneHostKey &, bool policyAnswer)
+{
+    return policyAnswer;
+}
 
 TelvanePrivate::TelvanePrivate(Telvane &q, std::string identifier, std::string name, std::string hostname,
                                long port, double timeout)
-    : q(q), identifier(std::move(identifier)), name(std::move(name)), hostname(std::move(hostname)), port(port),
-      timeout(timeout)
-{
-}
+    : q(q), identifier(std::move(identifier)), name(std::move(name)), hostname(std::move(hostname)),
+      port(port), timeout(timeout)
+{}
 
 std::shared_ptr<telvane::Connection> TelvanePrivate::currentConnection() const
 {
@@ -45,11 +47,11 @@ std::shared_ptr<Telvane> Telvane::create(std::string identifier, std::string nam
                                      port.value_or(22), timeout);
 }
 
-Telvane::Telvane(Token, std::string identifier, std::string name, std::string hostname, long port, double timeout)
-    : d(std::make_unique<TelvanePrivate>(*this, std::move(identifier), std::move(name), std::move(hostname), port,
-                                         timeout))
-{
-}
+Telvane::Telvane(Token, std::string identifier, std::string name, std::string hostname, long port,
+                 double timeout)
+    : d(std::make_unique<TelvanePrivate>(*this, std::move(identifier), std::move(name), std::move(hostname),
+                                         port, timeout))
+{}
 
 Telvane::~Telvane() = default; // a run's Connection frees itself with its last owner
 
@@ -116,16 +118,16 @@ std::string Telvane::serviceNameForSensor() const
     return TelvaneCredentials::serviceNameForHost(hostname());
 }
 
-#define TELVANE_PROPERTY(Type, getter, setter, field)                                                              \
-    Type Telvane::getter() const                                                                                   \
-    {                                                                                                              \
-        std::lock_guard lock(d->propertyMutex);                                                                    \
-        return d->field;                                                                                           \
-    }                                                                                                              \
-    void Telvane::setter(Type value)                                                                               \
-    {                                                                                                              \
-        std::lock_guard lock(d->propertyMutex);                                                                    \
-        d->field = std::move(value);                                                                               \
+#define TELVANE_PROPERTY(Type, getter, setter, field)                                                        \
+    Type Telvane::getter() const                                                                             \
+    {                                                                                                        \
+        std::lock_guard lock(d->propertyMutex);                                                              \
+        return d->field;                                                                                     \
+    }                                                                                                        \
+    void Telvane::setter(Type value)                                                                         \
+    {                                                                                                        \
+        std::lock_guard lock(d->propertyMutex);                                                              \
+        d->field = std::move(value);                                                                         \
     }
 
 TELVANE_PROPERTY(std::shared_ptr<TelvanePipe>, pipe, setPipe, pipe)
@@ -133,6 +135,9 @@ TELVANE_PROPERTY(std::string, identifier, setIdentifier, identifier)
 TELVANE_PROPERTY(std::string, name, setName, name)
 TELVANE_PROPERTY(std::string, hostname, setHostname, hostname)
 TELVANE_PROPERTY(long, port, setPort, port)
+TELVANE_PROPERTY(std::string, connectHostname, setConnectHostname, connectHostname)
+TELVANE_PROPERTY(std::string, knownHostsFile, setKnownHostsFile, knownHostsFile)
+TELVANE_PROPERTY(TelvaneHostKeyPolicy, hostKeyPolicy, setHostKeyPolicy, hostKeyPolicy)
 TELVANE_PROPERTY(std::optional<std::string>, script, setScript, script)
 TELVANE_PROPERTY(std::optional<TelvaneArguments>, args, setArgs, args)
 #undef TELVANE_PROPERTY

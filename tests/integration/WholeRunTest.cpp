@@ -99,7 +99,8 @@ INSTANTIATE_TEST_SUITE_P(
                                  "#!/bin/bash\necho one\n\n\n# said one\necho two # and two\necho three\n",
                                  "one\nthree\n"},
                       // The password holds a number sign; it is put in after comment lines are gone.
-                      ScriptCase{"PasswordPlaceholder", "printf '%s' __PASSWORD__", "__PASSWORD__"}),
+                      ScriptCase{"PasswordPlaceholder", "printf '%s' __PASSWORD__", "__PASSWORD__"},
+                      ScriptCase{"Utf8", "echo 'grüß € \xf0\x9f\x8c\xa1'\n", "grüß € \xf0\x9f\x8c\xa1\n"}),
     [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(SensorRunTest, ReachesTheServerOverIpv6AndWithAPortCutTo16Bits)
