@@ -58,11 +58,36 @@ std::string normaliseScript(std::string_view script, std::string_view password)
     return replaceAll(folded, "__PASSWORD__", password);
 }
 
-bool isSendableAscii(std::string_view text)
+bool isSendableText(std::string_view text)
 {
-    for (const char c : text)
-        if (c == '\0' || static_cast<unsigned char>(c) > 0x7f)
+    const auto byte = [&](std::size_t i) {
+        return static_cast<unsigned char>(text[i]);
+    };
+    for (std::size_t i = 0; i < text.size();) {
+        const unsigned char lead = byte(i);
+        if (lead == 0)
             return false;
+        // The length of the sequence, and the range its second byte must fall in (this rules out overlong
+        // forms, UTF-16 surrogates and code points past U+10FFFF).
+        std::size_t length = 1;
+        unsigned char low = 0x80, high = 0xbf;
+        if (lead >= 0xc2 && lead <= 0xdf)
+            length = 2;
+        else if (lead >= 0xe0 && lead <= 0xef)
+            length = 3, low = lead == 0xe0 ? 0xa0 : 0x80, high = lead == 0xed ? 0x9f : 0xbf;
+        else if (lead >= 0xf0 && lead <= 0xf4)
+            length = 4, low = lead == 0xf0 ? 0x90 : 0x80, high = lead == 0xf4 ? 0x8f : 0xbf;
+        else if (lead >= 0x80)
+            return false;
+        if (i + length > text.size())
+            return false;
+        for (std::size_t k = 1; k < length; ++k) {
+            const unsigned char next = byte(i + k);
+            if (k == 1 ? (next < low || next > high) : (next < 0x80 || next > 0xbf))
+                return false;
+        }
+        i += length;
+    }
     return true;
 }
 

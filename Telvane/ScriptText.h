@@ -16,6 +16,7 @@ std::string substitutePlaceholders(std::string_view script, const TelvaneArgumen
 /// Empties every line that holds a number sign (a line ends at a line feed or a carriage return), then folds
 /// each run of line feeds into one, then puts @p password in for "__PASSWORD__".
 std::string normaliseScript(std::string_view script, std::string_view password);
-/// True when @p text is plain 7-bit ASCII without NUL bytes, and can be sent as a C string.
-bool isSendableAscii(std::string_view text);
+/// True when @p text is valid UTF-8 (no overlong forms, surrogates or code points past U+10FFFF) without
+/// NUL bytes, and can be sent as a C string.
+bool isSendableText(std::string_view text);
 } // namespace telvane

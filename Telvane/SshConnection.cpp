@@ -50,7 +50,7 @@ void Connection::requestStop()
     }
 }
 
-bool Connection::createSession(const std::string &host, long port)
+bool Connection::createSession(const std::string &host, long port, const std::string &knownHostsFile)
 {
     session = ssh_new();
     if (!session)
@@ -63,7 +63,8 @@ bool Connection::createSession(const std::string &host, long port)
     if (ssh_options_set(session, SSH_OPTIONS_FD, &sock) != SSH_OK ||
         ssh_options_set(session, SSH_OPTIONS_PROCESS_CONFIG, &noConfig) != SSH_OK ||
         ssh_options_set(session, SSH_OPTIONS_HOST, host.c_str()) != SSH_OK ||
-        ssh_options_set(session, SSH_OPTIONS_PORT, &portNumber) != SSH_OK)
+        ssh_options_set(session, SSH_OPTIONS_PORT, &portNumber) != SSH_OK ||
+        ssh_options_set(session, SSH_OPTIONS_KNOWNHOSTS, knownHostsFile.c_str()) != SSH_OK)
         return false;
     ssh_set_blocking(session, 0);
     return true;

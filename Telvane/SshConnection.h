@@ -37,9 +37,9 @@ public:
     /// The descriptor that becomes readable once requestStop() has been called.
     int wakeDescriptor() const { return wake_; }
 
-    /// Creates the session for @p host and @p port on the connected socket, non-blocking. False when libssh
-    /// could not.
-    bool createSession(const std::string &host, long port);
+    /// Creates the session for @p host and @p port on the connected socket, non-blocking, checking host keys
+    /// against @p knownHostsFile (read and added to) and the system's file. False when libssh could not.
+    bool createSession(const std::string &host, long port, const std::string &knownHostsFile);
     /// Creates the session channel and has its exit reports recorded in remoteExit. False when it could not.
     bool createChannel();
     /// Asks the server to end the remote script with TERM, closes and frees channel and session, and shuts

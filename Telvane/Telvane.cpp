@@ -8,6 +8,10 @@ TelvaneDelegate::~TelvaneDelegate() = default;
 void TelvaneDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle>) {}
 void TelvaneDelegate::sensorScriptDidTerminate(Telvane &, long) {}
 void TelvaneDelegate::sensorDidFailWithError(Telvane &, long) {}
+bool TelvaneDelegate::shouldTrustHostKey(Telvane &, const TelvaneHostKey &, bool policyAnswer)
+{
+    return policyAnswer;
+}
 
 TelvanePrivate::TelvanePrivate(Telvane &q, std::string identifier, std::string name, std::string hostname,
                                long port, double timeout)
@@ -135,6 +139,9 @@ TELVANE_PROPERTY(std::string, identifier, setIdentifier, identifier)
 TELVANE_PROPERTY(std::string, name, setName, name)
 TELVANE_PROPERTY(std::string, hostname, setHostname, hostname)
 TELVANE_PROPERTY(long, port, setPort, port)
+TELVANE_PROPERTY(std::string, connectHostname, setConnectHostname, connectHostname)
+TELVANE_PROPERTY(std::string, knownHostsFile, setKnownHostsFile, knownHostsFile)
+TELVANE_PROPERTY(TelvaneHostKeyPolicy, hostKeyPolicy, setHostKeyPolicy, hostKeyPolicy)
 TELVANE_PROPERTY(std::optional<std::string>, script, setScript, script)
 TELVANE_PROPERTY(std::optional<TelvaneArguments>, args, setArgs, args)
 #undef TELVANE_PROPERTY

@@ -26,6 +26,24 @@ enum TelvaneError : long {
     TelvaneErrorAuthentication = 3, ///< authentication impossible or refused
 };
 
+/// How a sensor treats the host key that the server shows, against the known-hosts files (OpenSSH's format).
+enum class TelvaneHostKeyPolicy {
+    AcceptNew, ///< a host's first key is added to the known-hosts file; a different key later is refused
+    Strict,    ///< only keys already known are accepted
+    AcceptAny, ///< nothing is checked and nothing written
+};
+
+/// A host key that the known-hosts files do not vouch for, as shown to TelvaneDelegate::shouldTrustHostKey.
+struct TelvaneHostKey
+{
+    std::string host;    ///< the host as the known-hosts files name it: "name", or "[name]:port" off port 22
+    std::string keyType; ///< e.g. "ssh-ed25519"
+    std::string fingerprint; ///< "SHA256:..." as OpenSSH prints it
+    bool changed = false;    ///< the host is known with another key (a possible attack), not merely unknown
+    std::string knownFile;   ///< for a changed key: the file holding the known entry
+    long knownLine = 0;      ///< and its line (1-based); 0 when it could not be found
+};
+
 /// Receiver of a sensor's notices. The sensor holds its delegate weakly.
 /// Every method runs on a thread of the sensor's, never on the caller's GUI thread by itself:
 /// sensorScriptDidStart, sensorDidFailWithError (connection failures) and credentialsForSensor run on the
@@ -46,6 +64,10 @@ public:
     /// Set *persist to true to keep the pair in the keyring once the server has accepted it.
     virtual std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor,
                                                                              bool *persist) = 0;
+    /// The server's key is unknown or has changed: answer true to go on with it. @p policyAnswer is what the
+    /// sensor's hostKeyPolicy says, and the default answer. An accepted unknown key is added to the
+    /// known-hosts file; an accepted changed key is used for this run only. Runs on the runScript thread.
+    virtual bool shouldTrustHostKey(Telvane &sensor, const TelvaneHostKey &key, bool policyAnswer);
 };
 
 /// One sensor host reached over SSH. Make one with create(); it lives in a shared_ptr so that its pump
@@ -118,6 +140,23 @@ public:
     /// The host to connect to, as written: also the key of the host's stored credentials.
     std::string hostname() const;
     void setHostname(std::string hostname);
+    ///@}
+    ///@{
+    /// The name or address actually connected to, when it differs from hostname (an alias of the user's ssh
+    /// configuration, for instance); empty: hostname. The known-hosts files name the host by it.
+    std::string connectHostname() const;
+    void setConnectHostname(std::string connectHostname);
+    ///@}
+    ///@{
+    /// What is done with the server's host key; AcceptNew unless set.
+    TelvaneHostKeyPolicy hostKeyPolicy() const;
+    void setHostKeyPolicy(TelvaneHostKeyPolicy policy);
+    ///@}
+    ///@{
+    /// The known-hosts file that is read and added to; empty: ~/.ssh/known_hosts (~ is $HOME, or the home
+    /// directory of the password database). /etc/ssh/ssh_known_hosts is read as well.
+    std::string knownHostsFile() const;
+    void setKnownHostsFile(std::string knownHostsFile);
     ///@}
     ///@{
     /// The TCP port; only its low 16 bits are used to connect.

@@ -1,5 +1,6 @@
 // The connecting half of a run: resolve, connect, handshake, credentials, login, channel, exec, start the
 // pump.
+#include "KnownHosts.h"
 #include "Platform/SshLibrary.h"
 #include "ScriptText.h"
 #include "TelvanePrivate.h"
@@ -142,8 +143,9 @@ public:
     // True when the pump runs and the delegate may be told of the start.
     bool run(const std::string &script)
     {
-        return !stopped() && initialiseLibrary() && connectSocket() && handshake() && keepHostKey() &&
-               obtainCredentials() && login() && openChannel() && exec(script) && startPump();
+        return !stopped() && initialiseLibrary() && connectSocket() && handshake() && checkHostKey() &&
+               obtainCredentials() && queryMethods() && login() && openChannel() && exec(script) &&
+               startPump();
     }
 
 private:
@@ -194,7 +196,10 @@ private:
 
     bool handshake()
     {
-        if (!conn_->createSession(host_, q_.port())) {
+        knownHostsFile_ = q_.knownHostsFile();
+        if (knownHostsFile_.empty())
+            knownHostsFile_ = telvane::defaultKnownHostsFile();
+        if (!conn_->createSession(host_, q_.port(), knownHostsFile_)) {
             telvaneLog("libssh2_session_init() failed.");
             return fail(TelvaneErrorConnection);
         }
@@ -211,33 +216,113 @@ private:
         return true;
     }
 
-    // The server's key is kept, as "SHA256:..." in OpenSSH's form.
-    bool keepHostKey()
+    // The server's key is kept, as "SHA256:..." in OpenSSH's form, and checked against the known-hosts files
+    // as the policy and the delegate say.
+    bool checkHostKey()
     {
         ssh_key key = nullptr;
-        if (ssh_get_server_publickey(conn_->session, &key) != SSH_OK)
+        if (ssh_get_server_publickey(conn_->session, &key) != SSH_OK) {
+            telvaneLog("the server %s showed no host key", host_.c_str());
+            return failWithDetail(TelvaneErrorConnection);
+        }
+        const struct KeyFree
+        {
+            ssh_key key;
+            ~KeyFree() { ssh_key_free(key); }
+        } keyFree{key};
+        conn_->hostKeyFingerprint = fingerprintOf(key);
+        const TelvaneHostKeyPolicy policy = q_.hostKeyPolicy();
+        if (policy == TelvaneHostKeyPolicy::AcceptAny)
             return true;
+        const ssh_known_hosts_e state = ssh_session_is_known_server(conn_->session);
+        if (state == SSH_KNOWN_HOSTS_OK)
+            return true;
+        if (state == SSH_KNOWN_HOSTS_ERROR) {
+            telvaneLog("cannot check the host key of %s against %s", host_.c_str(), knownHostsFile_.c_str());
+            return failWithDetail(TelvaneErrorConnection);
+        }
+        TelvaneHostKey shown;
+        shown.host = telvane::knownHostsName(host_, q_.port());
+        shown.keyType = ssh_key_type_to_char(ssh_key_type(key));
+        shown.fingerprint = conn_->hostKeyFingerprint;
+        shown.changed = state == SSH_KNOWN_HOSTS_CHANGED || state == SSH_KNOWN_HOSTS_OTHER;
+        if (shown.changed)
+            locateKnownEntry(shown, key);
+        const bool policyAnswer = !shown.changed && policy == TelvaneHostKeyPolicy::AcceptNew;
+        if (!askAboutHostKey(shown, policyAnswer))
+            return refuseHostKey(shown);
+        // The log stays for failures: a first key kept quietly is the normal course, as the file shows.
+        if (!shown.changed && ssh_session_update_known_hosts(conn_->session) != SSH_OK) {
+            telvaneLog("cannot add the host key of %s to %s", shown.host.c_str(), knownHostsFile_.c_str());
+            logDetail(); // the key itself was accepted: the run goes on
+        }
+        return true;
+    }
+
+    static std::string fingerprintOf(ssh_key key)
+    {
+        std::string fingerprint;
         unsigned char *hash = nullptr;
         size_t length = 0;
         if (ssh_get_publickey_hash(key, SSH_PUBLICKEY_HASH_SHA256, &hash, &length) == 0) {
             if (char *text = ssh_get_fingerprint_hash(SSH_PUBLICKEY_HASH_SHA256, hash, length)) {
-                conn_->hostKeyFingerprint = text;
+                fingerprint = text;
                 ssh_string_free_char(text);
             }
             ssh_clean_pubkey_hash(&hash);
         }
-        ssh_key_free(key);
-        return true;
+        return fingerprint;
     }
 
-    // The keyring first, then the delegate. The server is not asked for its methods: password is the one.
+    // The known entry that a changed key contradicts: the user's file first, then the system's.
+    void locateKnownEntry(TelvaneHostKey &shown, ssh_key key) const
+    {
+        for (const std::string &file : {knownHostsFile_, std::string("/etc/ssh/ssh_known_hosts")}) {
+            if (const auto found = telvane::findContradictedEntry(file, shown.host, key)) {
+                shown.knownFile = found->file;
+                shown.knownLine = found->line;
+                return;
+            }
+        }
+    }
+
+    // The delegate's answer; the user's time is not the server's, so the deadline moves on by as long.
+    bool askAboutHostKey(const TelvaneHostKey &shown, bool policyAnswer)
+    {
+        auto delegate = q_.delegate();
+        if (!delegate)
+            return policyAnswer;
+        const auto asked = Clock::now();
+        const bool answer = delegate->shouldTrustHostKey(q_, shown, policyAnswer);
+        deadline_ += Clock::now() - asked;
+        return answer && !stopped();
+    }
+
+    bool refuseHostKey(const TelvaneHostKey &shown)
+    {
+        if (conn_->stopRequested())
+            return false; // stopped() has reported it
+        if (shown.changed) {
+            telvaneLog("WARNING: REMOTE HOST IDENTIFICATION HAS CHANGED for %s!", shown.host.c_str());
+            telvaneLog("The %s key sent by the remote host is %s.", shown.keyType.c_str(),
+                       shown.fingerprint.c_str());
+            if (shown.knownLine > 0)
+                telvaneLog("Offending key in %s:%ld", shown.knownFile.c_str(), shown.knownLine);
+            telvaneLog(
+                "Host key verification failed: the host key of %s has changed (remove the old one with "
+                "ssh-keygen -R '%s')",
+                shown.host.c_str(), shown.host.c_str());
+        } else {
+            telvaneLog("Host key verification failed: no %s key of %s is known (%s is %s)",
+                       shown.keyType.c_str(), shown.host.c_str(), shown.keyType.c_str(),
+                       shown.fingerprint.c_str());
+        }
+        return fail(TelvaneErrorConnection);
+    }
+
+    // The keyring first, then the delegate.
     bool obtainCredentials()
     {
-        const char *const methods = "password";
-        if (!std::strstr(methods, "password")) {
-            telvaneLog("No supported authentication methods found!");
-            return fail(TelvaneErrorAuthentication);
-        }
         service_ = q_.serviceNameForSensor();
         credentials_ = storedCredentials();
         if (!credentials_) {
@@ -251,9 +336,39 @@ private:
             if (stopped())
                 return false;
         }
-        if (!telvane::isSendableAscii(credentials_->username) ||
-            !telvane::isSendableAscii(credentials_->password)) {
-            telvaneLog("the username or password for %s is not ASCII text; it was not sent", host_.c_str());
+        if (!telvane::isSendableText(credentials_->username) ||
+            !telvane::isSendableText(credentials_->password)) {
+            telvaneLog("the username or password for %s is not valid UTF-8 text; it was not sent",
+                       host_.c_str());
+            return fail(TelvaneErrorAuthentication);
+        }
+        return true;
+    }
+
+    // The server names the methods it takes in its answer to a "none" request; OpenSSH refuses a change of
+    // username between requests, so this one carries the username of the login.
+    bool queryMethods()
+    {
+        int rc;
+        if (!repeat(
+                "login", [&] { return ssh_userauth_none(conn_->session, credentials_->username.c_str()); },
+                rc, SSH_AUTH_AGAIN))
+            return false;
+        if (rc == SSH_AUTH_SUCCESS) {
+            method_ = Method::None;
+            return true;
+        }
+        if (rc == SSH_AUTH_ERROR) {
+            telvaneLog("the server %s did not name its authentication methods", host_.c_str());
+            return failWithDetail(TelvaneErrorConnection);
+        }
+        const int methods = ssh_userauth_list(conn_->session, nullptr);
+        if (methods & SSH_AUTH_METHOD_PASSWORD) {
+            method_ = Method::Password;
+        } else if (methods & SSH_AUTH_METHOD_INTERACTIVE) {
+            method_ = Method::KeyboardInteractive;
+        } else {
+            telvaneLog("No supported authentication methods found!");
             return fail(TelvaneErrorAuthentication);
         }
         return true;
@@ -278,13 +393,10 @@ private:
 
     bool login()
     {
-        // The username goes with the request itself: libssh's option refuses an empty one.
-        const char *username = credentials_->username.c_str();
-        const char *password = credentials_->password.c_str();
-        int rc;
-        if (!repeat(
-                "login", [&] { return ssh_userauth_password(conn_->session, username, password); }, rc,
-                SSH_AUTH_AGAIN))
+        int rc = SSH_AUTH_SUCCESS;
+        if (method_ == Method::Password && !passwordLogin(rc))
+            return false;
+        if (method_ == Method::KeyboardInteractive && !keyboardInteractiveLogin(rc))
             return false;
         if (rc != SSH_AUTH_SUCCESS) {
             telvaneLog("libssh2_userauth_password()) failed.");
@@ -294,6 +406,46 @@ private:
         }
         if (persist_)
             TelvaneKeychain::setPassword(credentials_->password, service_, credentials_->username);
+        return true;
+    }
+
+    bool passwordLogin(int &rc)
+    {
+        // The username goes with the request itself: libssh's option refuses an empty one.
+        const char *username = credentials_->username.c_str();
+        const char *password = credentials_->password.c_str();
+        return repeat(
+            "login", [&] { return ssh_userauth_password(conn_->session, username, password); }, rc,
+            SSH_AUTH_AGAIN);
+    }
+
+    // Every prompt that does not echo gets the password, every one that echoes the username. A server that
+    // keeps asking is refused after a few rounds; PAM asks once, sometimes with an empty round after.
+    bool keyboardInteractiveLogin(int &rc)
+    {
+        constexpr int kMaxRounds = 8;
+        const char *username = credentials_->username.c_str();
+        for (int round = 0; round <= kMaxRounds; ++round) {
+            if (!repeat(
+                    "login", [&] { return ssh_userauth_kbdint(conn_->session, username, nullptr); }, rc,
+                    SSH_AUTH_AGAIN))
+                return false;
+            if (rc != SSH_AUTH_INFO)
+                return true;
+            if (round == kMaxRounds)
+                break;
+            const int prompts = ssh_userauth_kbdint_getnprompts(conn_->session);
+            for (int i = 0; i < prompts; ++i) {
+                char echo = 0;
+                ssh_userauth_kbdint_getprompt(conn_->session, static_cast<unsigned>(i), &echo);
+                const std::string &answer = echo ? credentials_->username : credentials_->password;
+                if (ssh_userauth_kbdint_setanswer(conn_->session, static_cast<unsigned>(i), answer.c_str()) <
+                    0)
+                    return true; // rc stays SSH_AUTH_INFO: refused
+            }
+        }
+        telvaneLog("the server %s kept asking questions at the login", host_.c_str());
+        rc = SSH_AUTH_DENIED;
         return true;
     }
 
@@ -319,8 +471,8 @@ private:
             std::string &text;
             ~Wipe() { telvaneWipe(text); }
         } wipeCommand{command}; // it may hold the password
-        if (!telvane::isSendableAscii(command)) {
-            telvaneLog("the script for %s holds characters that are not ASCII text; it was not sent",
+        if (!telvane::isSendableText(command)) {
+            telvaneLog("the script for %s is not valid UTF-8 text or holds a NUL byte; it was not sent",
                        host_.c_str());
             return fail(TelvaneErrorConnection);
         }
@@ -464,6 +616,8 @@ private:
     std::string service_;
     std::optional<TelvaneCredentialsDictionary> credentials_;
     bool persist_ = false;
+    std::string knownHostsFile_;
+    enum class Method { None, Password, KeyboardInteractive } method_ = Method::Password;
 };
 
 } // namespace
@@ -512,7 +666,9 @@ void TelvanePrivate::runScript(const std::string &script)
         connections.push_back(conn);
     }
 
-    const std::string host = q.hostname();
+    // An alias's real name is connected to, and names the host in the known-hosts files and the log.
+    const std::string connectName = q.connectHostname();
+    const std::string host = connectName.empty() ? q.hostname() : connectName;
     // The password is not known yet, and what it adds is checked again at the exec request.
     if (!fitsOneRequest(host, telvane::normaliseScript(script, {}).size())) {
         q.sensorDidFailWithError(TelvaneErrorConnection);

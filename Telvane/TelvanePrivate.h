@@ -51,14 +51,17 @@ public:
     std::function<void(ssh_session)> configureSession;
 
     mutable std::mutex propertyMutex;
-    std::shared_ptr<TelvanePipe> pipe;       // guarded by propertyMutex
-    std::weak_ptr<TelvaneDelegate> delegate; // guarded by propertyMutex
-    std::string identifier;                  // guarded by propertyMutex
-    std::string name;                        // guarded by propertyMutex
-    std::string hostname;                    // guarded by propertyMutex
-    long port;                               // guarded by propertyMutex
-    std::optional<std::string> script;       // guarded by propertyMutex
-    std::optional<TelvaneArguments> args;    // guarded by propertyMutex
+    std::shared_ptr<TelvanePipe> pipe;                                    // guarded by propertyMutex
+    std::weak_ptr<TelvaneDelegate> delegate;                              // guarded by propertyMutex
+    std::string identifier;                                               // guarded by propertyMutex
+    std::string name;                                                     // guarded by propertyMutex
+    std::string hostname;                                                 // guarded by propertyMutex
+    long port;                                                            // guarded by propertyMutex
+    std::string connectHostname;                                          // guarded by propertyMutex
+    std::string knownHostsFile;                                           // guarded by propertyMutex
+    TelvaneHostKeyPolicy hostKeyPolicy = TelvaneHostKeyPolicy::AcceptNew; // guarded by propertyMutex
+    std::optional<std::string> script;                                    // guarded by propertyMutex
+    std::optional<TelvaneArguments> args;                                 // guarded by propertyMutex
 
     std::atomic<bool> running{false};
     std::atomic<double> timeout;

@@ -173,8 +173,8 @@ TEST_F(Cli, BadInputIsRefusedWithStatusTwoAndNothingSent)
     const std::string marker = shared("ran");
     const std::string touch = script("touch " + marker + "\n");
     chmod(touch.c_str(), 0644);
-    const std::string nonAscii = script("echo Gr\xc3\xbc\xc3\x9f"
-                                        "e\n");
+    const std::string latin1 = script("echo Gr\xfc\xdf"
+                                      "e\n");
     const std::string world = (home / "world");
     writePrivate(world, sshd().password() + "\n");
     chmod(world.c_str(), 0644);
@@ -194,7 +194,12 @@ TEST_F(Cli, BadInputIsRefusedWithStatusTwoAndNothingSent)
         {{"frobnicate", sshd().host()}, "unknown command frobnicate"},
         {{"run", "-p", port, sshd().host(), "/nonexistent/script"},
          "cannot read the script /nonexistent/script"},
-        {{"run", "-p", port, sshd().host(), nonAscii}, "not plain ASCII text (line 1); nothing was sent"},
+        {{"run", "-p", port, sshd().host(), latin1},
+         "not UTF-8 text or holds a NUL byte (line 1); nothing was sent"},
+        {{"run", "-o", "Compression=yes", sshd().host(), touch}, "-o Compression=yes: unsupported option"},
+        {{"run", "-o", "StrictHostKeyChecking=maybe", sshd().host(), touch},
+         "expected accept-new, yes, no or ask"},
+        {{"run", "@" + sshd().host(), touch}, "has an empty username"},
         {{"run", "-p", port, "-a", "NOEQUALS", sshd().host(), touch}, "--arg NOEQUALS: expected KEY=VALUE"},
         {{"run", "-p", "70000", sshd().host(), touch}, "70000"},
         {{"run", "-p", "ssh", sshd().host(), touch}, "ssh"},
@@ -410,5 +415,45 @@ TEST_F(Cli, InterruptEndsTheRunInEveryStateAndStopsTheRemoteScript)
         for (int i = 0; i < 300 && kill(pid, 0) == 0; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         EXPECT_NE(0, kill(pid, 0)) << row.state << ": the remote script is still running";
+    }
+}
+
+TEST_F(Cli, TakesSshsSpellingsOfHostsAndHostKeyChecking)
+{
+    const std::string port = std::to_string(sshd().port());
+    fs::create_directories(home / ".ssh");
+    writePrivate((home / ".ssh" / "config").string(), "Host cellar\n  HostName " + sshd().host() +
+                                                          "\n  Port " + port + "\n  User " +
+                                                          sshd().username() + "\n");
+    const std::string changed = (home / "changed_hosts").string();
+    writePrivate(changed,
+                 "[" + sshd().host() + "]:" + port +
+                     " ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIL98rV3YlPQ7pBBYFvr4PWI8gs5M7zXeSgbjOPz+RB3d\n");
+    const std::string fresh = (home / "fresh_hosts").string();
+    const std::string echo = script("echo in\n");
+    struct Case
+    {
+        std::vector<std::string> args;
+        int status;
+        std::string said; // on standard error
+    };
+    const std::vector<Case> cases = {
+        {{"run", "-p", port, "--password-file", passwordFile, sshd().username() + "@" + sshd().host(), echo},
+         0,
+         ""},
+        {{"run", "--password-file", passwordFile, "cellar", echo}, 0, ""},
+        {login({"run", "-o", "UserKnownHostsFile=" + fresh, "-o", "StrictHostKeyChecking=yes", sshd().host(),
+                echo}),
+         255, "Host key verification failed"},
+        {login({"run", "-o", "UserKnownHostsFile=" + changed, sshd().host(), echo}), 255, "has changed"},
+        {login({"run", "-o", "UserKnownHostsFile=" + changed, "-o", "StrictHostKeyChecking=no", sshd().host(),
+                echo}),
+         0, ""},
+    };
+    for (const auto &c : cases) {
+        const auto result = telvane(c.args, {.environment = {{"HOME", home.string()}}});
+        EXPECT_EQ(c.status, result.status) << c.args[c.args.size() - 2] << ": " << result.err;
+        EXPECT_EQ(c.status == 0 ? "in\n" : "", result.out);
+        EXPECT_NE(std::string::npos, result.err.find(c.said)) << result.err;
     }
 }

@@ -92,7 +92,7 @@ namespace {
 struct Unsendable
 {
     const char *name;
-    bool username; // which half of the pair is not ASCII
+    bool username; // which half of the pair is not UTF-8
     friend void PrintTo(const Unsendable &u, std::ostream *os) { *os << u.name; }
 };
 class UnsendableCredentials : public Credentials, public ::testing::WithParamInterface<Unsendable>
@@ -104,13 +104,13 @@ TEST_P(UnsendableCredentials, AreRefusedWithCode3BeforeAnythingIsSent)
 {
     auto sensor = makeSensor();
     if (GetParam().username)
-        delegate->answer->username = "t\xc3\xa9st";
+        delegate->answer->username = "t\xe9st";
     else
-        delegate->answer->password = sshd().password() + "\xc3\xa9";
+        delegate->answer->password = sshd().password() + "\xe9";
     const auto logStart = sshd().logSize();
     ASSERT_TRUE(runToEnd(*sensor, "echo never"));
     EXPECT_EQ(3, delegate->failureCode());
-    EXPECT_TRUE(log.contains("is not ASCII text; it was not sent")) << log.joined();
+    EXPECT_TRUE(log.contains("is not valid UTF-8 text; it was not sent")) << log.joined();
     const std::string daemon = sshd().log(logStart);
     EXPECT_EQ(std::string::npos, daemon.find("Failed password")) << daemon;
     EXPECT_EQ(std::string::npos, daemon.find("Invalid user")) << daemon;

@@ -120,7 +120,8 @@ INSTANTIATE_TEST_SUITE_P(
                       // Killed by a signal: the shell's convention, 128 + its number.
                       ScriptCase{"KilledBySignal", "echo going\nkill -KILL $$", "going\n", 137},
                       // Longer than the remote system takes as one command argument (128 KiB).
-                      longScript(200 * 1024)),
+                      longScript(200 * 1024),
+                      ScriptCase{"Utf8", "echo 'grüß € \xf0\x9f\x8c\xa1'\n", "grüß € \xf0\x9f\x8c\xa1\n"}),
     [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(SensorRunTest, ReachesTheServerOverIpv6AndWithAPortCutTo16Bits)

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-using telvane::isSendableAscii;
+using telvane::isSendableText;
 using telvane::normaliseScript;
 using telvane::substitutePlaceholders;
 
@@ -16,8 +16,8 @@ TEST(Substitution, VisitsArgumentsInOrderSoLaterPlaceholdersInValuesAreReplaced)
 
 TEST(Substitution, ReplacesEveryOccurrenceAndLeavesUnknownKeys)
 {
-    EXPECT_EQ("ping h; ping h; __OTHER__", substitutePlaceholders("ping __HOST__; ping __HOST__; __OTHER__",
-                                                                  {{"HOST", "h"}}));
+    EXPECT_EQ("ping h; ping h; __OTHER__",
+              substitutePlaceholders("ping __HOST__; ping __HOST__; __OTHER__", {{"HOST", "h"}}));
     EXPECT_EQ("__HOST__", substitutePlaceholders("__HOST__", {}));
     // A value holding its own placeholder does not loop.
     EXPECT_EQ("__K__!", substitutePlaceholders("__K__", {{"K", "__K__!"}}));
@@ -54,10 +54,22 @@ TEST(Normalisation, PutsThePasswordInLastSoItsNumberSignSurvives)
     EXPECT_EQ("x=\n", normaliseScript("x=__PASSWORD__\n", ""));
 }
 
-TEST(Normalisation, SendableTextIsSevenBitAsciiWithoutNul)
+TEST(Normalisation, SendableTextIsValidUtf8WithoutNul)
 {
-    EXPECT_TRUE(isSendableAscii("echo \x7f ok\t\r\n"));
-    EXPECT_TRUE(isSendableAscii(""));
-    EXPECT_FALSE(isSendableAscii("echo Grüße"));
-    EXPECT_FALSE(isSendableAscii(std::string("a\0b", 3)));
+    const std::pair<std::string, bool> rows[] = {
+        {"echo \x7f ok\t\r\n", true},
+        {"", true},
+        {"echo Grüße € \xf0\x9f\x8c\xa1", true}, // two, three and four bytes
+        {"\xef\xbf\xbf\xf4\x8f\xbf\xbf", true},  // U+FFFF, U+10FFFF
+        {std::string("a\0b", 3), false},
+        {"caf\xe9", false},          // Latin-1
+        {"\xc3", false},             // cut short
+        {"\xc0\xaf", false},         // overlong "/"
+        {"\xe0\x80\xaf", false},     // overlong, three bytes
+        {"\xed\xa0\x80", false},     // a UTF-16 surrogate
+        {"\xf4\x90\x80\x80", false}, // past U+10FFFF
+        {"\xc3\x28", false},         // a lead byte without its continuation
+    };
+    for (const auto &[text, valid] : rows)
+        EXPECT_EQ(valid, isSendableText(text)) << ::testing::PrintToString(text);
 }

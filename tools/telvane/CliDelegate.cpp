@@ -53,6 +53,7 @@ std::optional<TelvaneCredentialsDictionary> CliDelegate::credentialsForSensor(Te
     {
         std::lock_guard lock(mutex_);
         givenUsername_ = *user;
+        passwordTyped_ = !options_.passwordFile;
     }
     TelvaneCredentialsDictionary credentials(std::move(*user), std::move(*password));
     telvaneWipe(*password);
@@ -74,6 +75,35 @@ std::optional<std::string> CliDelegate::readPasswordFile()
     std::optional<std::string> password(std::move(line));
     telvaneWipe(line); // a short string is copied by the move, not taken
     return password;
+}
+
+bool CliDelegate::shouldTrustHostKey(Telvane &, const TelvaneHostKey &key, bool policyAnswer)
+{
+    // A changed key is never taken on a word typed in haste: ssh refuses it in every mode but "no" too.
+    if (options_.strictHostKeyChecking != "ask" || key.changed || !prompt_.available())
+        return policyAnswer;
+    if (progress_)
+        progress_->stop();
+    std::string type = key.keyType.substr(key.keyType.find('-') + 1);
+    for (auto &c : type)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    std::string question = "The authenticity of host '" + key.host + "' can't be established.\n" + type +
+                           " key fingerprint is " + key.fingerprint +
+                           ".\nAre you sure you want to continue connecting (yes/no/[fingerprint])? ";
+    for (;;) {
+        const auto answer = prompt_.ask(question, false);
+        if (!answer || *answer == "no")
+            return false;
+        if (*answer == "yes" || *answer == key.fingerprint)
+            return true;
+        question = "Please type 'yes', 'no' or the fingerprint: ";
+    }
+}
+
+bool CliDelegate::passwordTyped() const
+{
+    std::lock_guard lock(mutex_);
+    return passwordTyped_;
 }
 
 std::optional<std::string> CliDelegate::givenUsername() const

@@ -17,6 +17,8 @@ public:
     void sensorScriptDidTerminate(Telvane &sensor, long status) override;
     void sensorDidFailWithError(Telvane &sensor, long code) override;
     std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor, bool *persist) override;
+    /// With StrictHostKeyChecking=ask, asks on the terminal about an unknown key as ssh does.
+    bool shouldTrustHostKey(Telvane &sensor, const TelvaneHostKey &key, bool policyAnswer) override;
 
     /// The reading end of the output, once the script has started.
     std::shared_ptr<TelvaneFileHandle> output() const;
@@ -26,6 +28,8 @@ public:
     std::optional<std::string> givenUsername() const;
     /// True when the password it gave was read from an empty password file.
     bool passwordFileWasEmpty() const;
+    /// True when the password it gave was typed on the terminal.
+    bool passwordTyped() const;
 
 private:
     const Options &options_;
@@ -37,6 +41,7 @@ private:
     std::optional<long> result_;                // guarded by mutex_
     std::optional<std::string> givenUsername_;  // guarded by mutex_
     bool passwordFileWasEmpty_ = false;         // guarded by mutex_
+    bool passwordTyped_ = false;                // guarded by mutex_
 
     std::optional<std::string> readPasswordFile();
 };

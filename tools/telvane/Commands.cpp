@@ -3,6 +3,7 @@
 #include "CliDelegate.h"
 #include "OutputWriter.h"
 #include "SignalWatcher.h"
+#include "SshStyle.h"
 #include "Terminal.h"
 
 #include <Telvane/Platform/TelvaneKeychain.h>
@@ -89,7 +90,7 @@ int reportFailure(long code, const Options &options, const LogKeeper &log, bool 
         return ExitNoCredentials;
     case TelvaneErrorAuthentication:
         say("telvane: %s port %ld: authentication failed: %s", options.host, options.port,
-            cause.find("not ASCII") != std::string::npos ? cause
+            cause.find("not valid UTF-8") != std::string::npos ? cause
             : emptyPassword ? "the server refused the empty password (the password file " +
                                   *options.passwordFile + " was empty)"
                             : std::string("the server refused the username or password"));
@@ -209,6 +210,53 @@ const char *failureWord(long code)
                                                 : "*failed*\n";
 }
 
+// The keyring as the run sees it when the command line names both username and password: those win, so the
+// stored pair of the host is neither read nor, when the given ones are refused, deleted. Keeping a pair
+// (--remember) still reaches the keyring.
+class GivenCredentialsFirst : public TelvaneKeychainBackend
+{
+public:
+    GivenCredentialsFirst(std::shared_ptr<TelvaneKeychainBackend> keyring, std::string service)
+        : keyring_(std::move(keyring)), service_(std::move(service))
+    {}
+    std::string name() const override { return keyring_->name(); }
+    std::optional<std::vector<TelvaneKeychainAccount>> accountsForService(const std::string &service) override
+    {
+        return service == service_ ? std::nullopt : keyring_->accountsForService(service);
+    }
+    std::optional<std::string> passwordForService(const std::string &service,
+                                                  const std::string &account) override
+    {
+        return keyring_->passwordForService(service, account);
+    }
+    bool setPassword(const std::string &password, const std::string &service,
+                     const std::string &account) override
+    {
+        return keyring_->setPassword(password, service, account);
+    }
+    bool deletePasswordForService(const std::string &service, const std::string &account) override
+    {
+        return service != service_ && keyring_->deletePasswordForService(service, account);
+    }
+
+private:
+    std::shared_ptr<TelvaneKeychainBackend> keyring_;
+    std::string service_;
+};
+
+void configureSensor(Telvane &sensor, const Options &options)
+{
+    sensor.setConnectHostname(options.connectHost);
+    sensor.setHostKeyPolicy(hostKeyPolicyFor(options.strictHostKeyChecking));
+    sensor.setKnownHostsFile(options.knownHostsFile.value_or(""));
+    if (options.user && options.passwordFile)
+        TelvaneKeychain::setBackend(std::make_shared<GivenCredentialsFirst>(TelvaneKeychain::backend(),
+                                                                            sensor.serviceNameForSensor()));
+}
+
+// ssh's three tries: a password typed on the terminal and refused is asked again.
+constexpr int kPasswordTries = 3;
+
 } // namespace
 
 int runCommand(const Options &options, const std::string &script, bool diagnose)
@@ -218,6 +266,7 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     OutputWriter out(STDOUT_FILENO);
     auto sensor = Telvane::create(options.host, options.name.value_or(options.host), options.host,
                                   options.port, options.timeout);
+    configureSensor(*sensor, options);
     std::atomic<Progress *> progress{nullptr};
     // Before any thread starts, so that every thread inherits the blocked signals.
     SignalWatcher signals([&](int) {
@@ -243,7 +292,18 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     if (transcript)
         transcript->show("Connecting over SSH to " + options.host + " on port " +
                          std::to_string(options.port) + ": ");
-    sensor->runScript(script, options.arguments.empty() ? std::nullopt : std::optional(options.arguments));
+    const auto arguments = options.arguments.empty() ? std::nullopt : std::optional(options.arguments);
+    sensor->runScript(script, arguments);
+    for (int tries = 1;
+         tries < kPasswordTries &&
+         delegate->waitForEnd(std::chrono::milliseconds(0)) == -long(TelvaneErrorAuthentication) &&
+         delegate->passwordTyped() && !signals.received();
+         ++tries) {
+        std::fprintf(stderr, "Permission denied, please try again.\n");
+        delegate = std::make_shared<CliDelegate>(options, prompt, nullptr);
+        sensor->setDelegate(delegate);
+        sensor->runScript(script, arguments);
+    }
     if (spinner)
         spinner->stop();
 

@@ -4,6 +4,7 @@
 #include "FleetOutput.h"
 #include "HostList.h"
 #include "SignalWatcher.h"
+#include "SshStyle.h"
 #include "Terminal.h"
 
 #include <Telvane/Platform/TelvaneLog.h>
@@ -133,7 +134,7 @@ std::string failureWords(long code, const std::string &cause)
     case TelvaneErrorNoCredentials:
         return "no credentials were given (use --user and --password-file, or run on a terminal)";
     case TelvaneErrorAuthentication:
-        return "authentication failed: " + (cause.find("not ASCII") != std::string::npos
+        return "authentication failed: " + (cause.find("not valid UTF-8") != std::string::npos
                                                 ? cause
                                                 : std::string("the server refused the username or password"));
     default:
@@ -278,6 +279,8 @@ private:
     void runSensor(const FleetHost &host, HostResult &result, HostOutput &output, std::size_t slot)
     {
         auto sensor = Telvane::create(host.label, host.label, host.host, host.port, options_.timeout);
+        sensor->setHostKeyPolicy(hostKeyPolicyFor(options_.strictHostKeyChecking));
+        sensor->setKnownHostsFile(options_.knownHostsFile.value_or(""));
         auto delegate = std::make_shared<FleetDelegate>(options_, prompt_, login_, host.user);
         sensor->setDelegate(delegate);
         {
@@ -450,7 +453,8 @@ bool fleetRequested(const Options &options)
     return !options.hosts.empty() || options.hostsFile.has_value();
 }
 
-std::optional<std::string> settlePositionals(Options &options, bool hostGiven, bool scriptGiven, bool scriptRequired)
+std::optional<std::string> settlePositionals(Options &options, bool hostGiven, bool scriptGiven,
+                                             bool scriptRequired)
 {
     if (fleetRequested(options) && !options.host.empty()) {
         if (scriptGiven)

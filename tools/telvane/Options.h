@@ -21,6 +21,12 @@ struct Options
     bool verbose = false;
     std::string colour = "auto"; // diagnose: auto, always or never
 
+    // ssh's spellings (SshStyle.h).
+    std::vector<std::string> sshOptions;              // -o, as written
+    std::string strictHostKeyChecking = "accept-new"; // accept-new, yes, no or ask
+    std::optional<std::string> knownHostsFile;        // UserKnownHostsFile
+    std::string connectHost;                          // HostName of an alias in ~/.ssh/config
+
     // Several hosts at once (Fleet.h).
     std::vector<std::string> hosts; // -H, as written
     std::optional<std::string> hostsFile;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <iconv.h>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -66,12 +67,28 @@ bool openReadable(const std::string &what, const std::string &path, FileDescript
     return true;
 }
 
-std::optional<std::size_t> firstNonAscii(std::string_view text)
+// The offset of the first NUL byte or the first byte that is not valid UTF-8; iconv stops right there.
+std::optional<std::size_t> firstInvalidUtf8(std::string_view text)
 {
-    for (std::size_t i = 0; i < text.size(); ++i)
-        if (text[i] == '\0' || static_cast<unsigned char>(text[i]) > 0x7f)
-            return i;
-    return std::nullopt;
+    std::size_t end = text.find('\0');
+    const std::string_view checked = text.substr(0, end);
+    const iconv_t converter = ::iconv_open("UTF-8", "UTF-8");
+    if (converter == reinterpret_cast<iconv_t>(-1))
+        return end == std::string_view::npos ? std::nullopt : std::optional(end);
+    char *in = const_cast<char *>(checked.data());
+    std::size_t inLeft = checked.size();
+    char buffer[4096];
+    while (inLeft > 0) {
+        char *out = buffer;
+        std::size_t outLeft = sizeof buffer;
+        if (::iconv(converter, &in, &inLeft, &out, &outLeft) == static_cast<std::size_t>(-1) &&
+            errno != E2BIG) {
+            end = static_cast<std::size_t>(in - checked.data());
+            break;
+        }
+    }
+    ::iconv_close(converter);
+    return end == std::string_view::npos ? std::nullopt : std::optional(end);
 }
 
 std::size_t lineNumberAt(std::string_view text, std::size_t offset)
@@ -142,9 +159,9 @@ std::optional<ScriptText> loadScript(const std::string &path, std::string &error
         error = systemError("the script", standardInput ? "on standard input" : path);
         return std::nullopt;
     }
-    if (const auto bad = firstNonAscii(script.text)) {
-        error = name + " is not plain ASCII text (line " + std::to_string(lineNumberAt(script.text, *bad)) +
-                "); nothing was sent";
+    if (const auto bad = firstInvalidUtf8(script.text)) {
+        error = name + " is not UTF-8 text or holds a NUL byte (line " +
+                std::to_string(lineNumberAt(script.text, *bad)) + "); nothing was sent";
         return std::nullopt;
     }
     if (script.text.empty()) {

@@ -16,9 +16,9 @@ struct ScriptText
 };
 
 /// Reads the script at @p path ("-": standard input) and checks that something of it would run: plain
-/// ASCII, not empty, with at least one line that is neither blank nor holds "#". CRLF line ends become LF.
-/// Warns about each line that holds a command and a "#", since the whole line is removed before sending.
-/// On failure, nothing and @p error set.
+/// UTF-8 without NUL bytes, not empty, with at least one line that is neither blank nor holds "#". CRLF line
+/// ends become LF. Warns about each line that holds a command and a "#", since the whole line is removed
+/// before sending. On failure, nothing and @p error set.
 std::optional<ScriptText> loadScript(const std::string &path, std::string &error);
 
 /// Checks that @p path is a readable regular file; a file others may read adds a warning.

@@ -2,6 +2,7 @@
 #include "Commands.h"
 #include "Fleet.h"
 #include "Options.h"
+#include "SshStyle.h"
 #include "Validation.h"
 
 #include <Telvane/Telvane_vers.h>
@@ -44,10 +45,17 @@ void addRunOptions(CLI::App &command, Options &options, RawOptions &raw)
 {
     command.add_option(
         "HOST", options.host,
-        "the sensor host: a name or an IPv4/IPv6 address"); // or -H/--hosts: checked after parsing
+        "the sensor host: [USER@]NAME, an IPv4/IPv6 address or an alias of ~/.ssh/config"); // or -H/--hosts
     command.add_option("-p,--port", options.port, "port, 1 to 65535 (default 22)")
         ->check(CLI::Range(1, 65535));
-    command.add_option("-l,--user", options.user, "username, when no stored credentials serve");
+    command.add_option("-l,--user", options.user,
+                       "username, when no stored credentials serve (as USER@HOST)");
+    command
+        .add_option("-o", options.sshOptions,
+                    "ssh's StrictHostKeyChecking=accept-new|yes|no|ask (default accept-new) or "
+                    "UserKnownHostsFile=FILE (default ~/.ssh/known_hosts); repeatable")
+        ->type_name("OPTION")
+        ->allow_extra_args(false);
     command
         .add_option("--password-file", options.passwordFile,
                     "read the password from the first line of F (an empty file: an empty password)")
@@ -66,13 +74,16 @@ void addRunOptions(CLI::App &command, Options &options, RawOptions &raw)
 }
 
 // Checks what the parser could not; the first failure is the message, and nothing is sent.
-bool checkRunOptions(Options &options, const RawOptions &raw, std::string &error,
+bool checkRunOptions(Options &options, const RawOptions &raw, bool portGiven, std::string &error,
                      std::vector<std::string> &warnings)
 {
-    const bool hostChecked =
-        fleetRequested(options) || checkHost(options.host, error); // -H: checked per host
-    if (!hostChecked || !checkKeyringChoice(error) ||
-        !parseArguments(raw.arguments, options.arguments, error))
+    const bool hostChecked = fleetRequested(options) || // -H: checked per host
+                             (checkHost(options.host, error) && settleHostSpec(options, portGiven, error));
+    if (!hostChecked || !applySshOptions(options.sshOptions, options, error))
+        return false;
+    if (!fleetRequested(options))
+        applySshConfig(options, portGiven);
+    if (!checkKeyringChoice(error) || !parseArguments(raw.arguments, options.arguments, error))
         return false;
     if (!raw.timeout.empty()) {
         const auto seconds = parseTimeout(raw.timeout, error);
@@ -85,11 +96,12 @@ bool checkRunOptions(Options &options, const RawOptions &raw, std::string &error
 
 int runChecked(Options &options, const RawOptions &raw, const CLI::App &command, bool diagnose)
 {
-    if (const auto wrong = settlePositionals(options, command.count("HOST") > 0, command.count("SCRIPT") > 0, diagnose))
+    if (const auto wrong =
+            settlePositionals(options, command.count("HOST") > 0, command.count("SCRIPT") > 0, diagnose))
         return usageError(*wrong);
     std::string error;
     std::vector<std::string> warnings;
-    if (!checkRunOptions(options, raw, error, warnings))
+    if (!checkRunOptions(options, raw, command.count("--port") > 0, error, warnings))
         return usageError(error);
     const auto script = loadScript(options.scriptPath, error);
     if (!script)

@@ -1,0 +1,67 @@
+#include "KnownHosts.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <pwd.h>
+#include <unistd.h>
+#include <vector>
+
+namespace telvane {
+namespace {
+
+std::string homeDirectory()
+{
+    if (const char *home = std::getenv("HOME"); home && *home)
+        return home;
+    long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
+    passwd entry{};
+    passwd *found = nullptr;
+    if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found)
+        return found->pw_dir;
+    return {};
+}
+
+// One parsed known-hosts line, freed with its scope.
+struct Entry
+{
+    ssh_knownhosts_entry *entry = nullptr;
+    ~Entry() { ssh_knownhosts_entry_free(entry); }
+};
+
+} // namespace
+
+std::string defaultKnownHostsFile()
+{
+    return homeDirectory() + "/.ssh/known_hosts";
+}
+
+std::string knownHostsName(const std::string &host, long port)
+{
+    const unsigned number = static_cast<uint16_t>(port);
+    return number == 22 ? host : "[" + host + "]:" + std::to_string(number);
+}
+
+std::optional<KnownHostsLine> findContradictedEntry(const std::string &file, const std::string &name,
+                                                    ssh_key serverKey)
+{
+    // libssh reports no line numbers, so each line goes through its own parser again, which matches plain
+    // and hashed host names alike.
+    std::ifstream in(file);
+    long number = 0;
+    for (std::string line; std::getline(in, line);) {
+        ++number;
+        const auto first = line.find_first_not_of(" \t");
+        if (first == std::string::npos || line[first] == '#')
+            continue;
+        Entry parsed;
+        if (ssh_known_hosts_parse_line(name.c_str(), line.c_str() + first, &parsed.entry) != SSH_OK ||
+            !parsed.entry || !parsed.entry->publickey)
+            continue;
+        if (ssh_key_cmp(parsed.entry->publickey, serverKey, SSH_KEY_CMP_PUBLIC) != 0)
+            return KnownHostsLine{file, number};
+    }
+    return std::nullopt;
+}
+
+} // namespace telvane
