@@ -3,6 +3,7 @@
 #include "Platform/SshLibrary.h"
 #include "ScriptText.h"
 #include "TelvanePrivate.h"
+#include <Telvane/Platform/TelvaneLog.h>
 
 TelvaneDelegate::~TelvaneDelegate() = default;
 void TelvaneDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle>) {}
@@ -86,6 +87,10 @@ void Telvane::runScript(std::optional<std::string> script, std::optional<Telvane
         return;
     setScript(script);
     setArgs(arguments);
+    {
+        std::lock_guard lock(d->propertyMutex);
+        d->lastFailure.reset();
+    }
     std::string text = arguments ? telvane::substitutePlaceholders(*script, *arguments) : std::move(*script);
     if (d->runScriptOverride)
         d->runScriptOverride(text);
@@ -110,11 +115,34 @@ void Telvane::close()
     d->closeAll();
 }
 
+void TelvanePrivate::fail(long code, std::string reason, std::string detail)
+{
+    {
+        std::lock_guard lock(propertyMutex);
+        lastFailure = TelvaneFailure{code, std::move(reason), std::move(detail)};
+    }
+    q.close();
+    if (auto delegate = q.delegate())
+        delegate->sensorDidFailWithError(q, code);
+}
+
+void TelvanePrivate::failSaying(long code, const std::string &text)
+{
+    telvaneLog("%s", text.c_str());
+    fail(code, text);
+}
+
+std::optional<TelvaneFailure> Telvane::lastFailure() const
+{
+    std::lock_guard lock(d->propertyMutex);
+    return d->lastFailure;
+}
+
 void Telvane::sensorDidFailWithError(long code)
 {
-    close();
-    if (auto delegate = this->delegate())
-        delegate->sensorDidFailWithError(*this, code);
+    static const char *const words[] = {"the run failed", "the connection failed",
+                                        "no credentials were given", "the login was refused"};
+    d->fail(code, words[code >= 1 && code <= 3 ? code : 0]);
 }
 
 std::string Telvane::serviceNameForSensor() const

@@ -44,6 +44,14 @@ struct TelvaneHostKey
     long knownLine = 0;      ///< and its line (1-based); 0 when it could not be found
 };
 
+/// Why a run failed, for a person to act on.
+struct TelvaneFailure
+{
+    long code = 0;      ///< the TelvaneError code that the delegate heard
+    std::string reason; ///< what failed, in words (no password, no script text)
+    std::string detail; ///< the SSH library's or the system's own words for it; empty when they said nothing
+};
+
 /// Receiver of a sensor's notices. The sensor holds its delegate weakly.
 /// Every method runs on a thread of the sensor's, never on the caller's GUI thread by itself:
 /// sensorScriptDidStart, sensorDidFailWithError (connection failures) and credentialsForSensor run on the
@@ -102,8 +110,11 @@ public:
     /// ends do: one that was still connecting fails with TelvaneErrorConnection, one whose script ran ends as
     /// its pump saw it (sensorScriptDidTerminate while output flowed, nothing while it waited).
     void close();
-    /// Closes, then reports @p code to the delegate.
+    /// Closes, then reports @p code to the delegate; lastFailure() gives the code's general words.
     void sensorDidFailWithError(long code);
+    /// Why the last run failed, kept from just before the delegate hears the failure until the next run
+    /// starts; nothing when it did not fail.
+    std::optional<TelvaneFailure> lastFailure() const;
     /// The keyring service under which this sensor's host keeps its credentials.
     std::string serviceNameForSensor() const;
 

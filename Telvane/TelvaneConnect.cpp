@@ -4,8 +4,8 @@
 #include "Platform/SshLibrary.h"
 #include "ScriptText.h"
 #include "TelvanePrivate.h"
-#include <Telvane/Platform/TelvaneKeychain.h>
 #include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneCredentials.h>
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -120,14 +120,14 @@ std::string scriptLoader(std::size_t size)
     return "exec sh -c 'eval \"$(head -c " + std::to_string(size) + ")\" </dev/null'";
 }
 
-// True when a normalised script of @p size bytes can be sent; otherwise says why.
-bool fitsOneRequest(const std::string &host, std::size_t size)
+// Why a normalised script of @p size bytes cannot be sent; nothing when it can.
+std::optional<std::string> scriptTooLong(const std::string &host, std::size_t size)
 {
     if (size <= kMaxScriptBytes)
-        return true;
-    telvaneLog("the script for %s is %zu bytes long; at most %zu bytes fit in one exec request", host.c_str(),
-               size, kMaxScriptBytes);
-    return false;
+        return std::nullopt;
+    return telvane::formatText(
+        "the script for %s is %zu bytes long; at most %zu bytes fit in one exec request", host.c_str(), size,
+        kMaxScriptBytes);
 }
 
 // One run's way from an address to a started script, step by step, under the sensor's monitor. Every step
@@ -154,7 +154,7 @@ private:
         const int rc = telvane::sshLibraryAcquire();
         if (rc != 0) {
             telvaneLog("libssh2 initialization failed: %d", rc);
-            return fail(TelvaneErrorConnection);
+            return fail(TelvaneErrorConnection, "libssh could not be initialised");
         }
         conn_->holdsLibrary = true;
         return true;
@@ -174,19 +174,20 @@ private:
         conn_->sock = ::socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (conn_->sock < 0) {
             telvanePerror("socket");
-            return fail(TelvaneErrorConnection);
+            return fail(TelvaneErrorConnection, "cannot create a socket", std::strerror(errno));
         }
         const long connected =
             connectWithTimeout(*conn_, reinterpret_cast<sockaddr *>(&storage), length, timeout_);
         if (connected != 0) {
             const unsigned shownPort = static_cast<uint16_t>(port);
-            if (connected == -2)
-                telvaneLog("connect to %s port %u: timed out after %g seconds", address_.c_str(), shownPort,
-                           timeout_);
-            else
-                telvaneLog("connect to %s port %u: %s", address_.c_str(), shownPort, std::strerror(errno));
+            const std::string reason =
+                connected == -2 ? telvane::formatText("connect to %s port %u: timed out after %g seconds",
+                                                      address_.c_str(), shownPort, timeout_)
+                                : telvane::formatText("connect to %s port %u: %s", address_.c_str(),
+                                                      shownPort, std::strerror(errno));
+            telvaneLog("%s", reason.c_str());
             telvaneLog("error: %ld", connected);
-            return fail(TelvaneErrorConnection);
+            return fail(TelvaneErrorConnection, reason);
         }
         const int noDelay = 1;
         ::setsockopt(conn_->sock, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
@@ -201,7 +202,7 @@ private:
             knownHostsFile_ = telvane::defaultKnownHostsFile();
         if (!conn_->createSession(host_, q_.port(), knownHostsFile_)) {
             telvaneLog("libssh2_session_init() failed.");
-            return fail(TelvaneErrorConnection);
+            return fail(TelvaneErrorConnection, "libssh could not create a session");
         }
         if (d_.configureSession)
             d_.configureSession(conn_->session);
@@ -211,7 +212,7 @@ private:
             return false;
         if (rc != SSH_OK) {
             telvaneLog("libssh2_session_handshake() failed: %d", rc);
-            return failWithDetail(TelvaneErrorConnection);
+            return failWithDetail(TelvaneErrorConnection, "the SSH handshake with " + host_ + " failed");
         }
         return true;
     }
@@ -222,8 +223,7 @@ private:
     {
         ssh_key key = nullptr;
         if (ssh_get_server_publickey(conn_->session, &key) != SSH_OK) {
-            telvaneLog("the server %s showed no host key", host_.c_str());
-            return failWithDetail(TelvaneErrorConnection);
+            return failWithDetail(TelvaneErrorConnection, "the server " + host_ + " showed no host key");
         }
         const struct KeyFree
         {
@@ -238,8 +238,8 @@ private:
         if (state == SSH_KNOWN_HOSTS_OK)
             return true;
         if (state == SSH_KNOWN_HOSTS_ERROR) {
-            telvaneLog("cannot check the host key of %s against %s", host_.c_str(), knownHostsFile_.c_str());
-            return failWithDetail(TelvaneErrorConnection);
+            return failWithDetail(TelvaneErrorConnection,
+                                  "cannot check the host key of " + host_ + " against " + knownHostsFile_);
         }
         TelvaneHostKey shown;
         shown.host = telvane::knownHostsName(host_, q_.port());
@@ -308,23 +308,23 @@ private:
                        shown.fingerprint.c_str());
             if (shown.knownLine > 0)
                 telvaneLog("Offending key in %s:%ld", shown.knownFile.c_str(), shown.knownLine);
-            telvaneLog(
-                "Host key verification failed: the host key of %s has changed (remove the old one with "
-                "ssh-keygen -R '%s')",
-                shown.host.c_str(), shown.host.c_str());
-        } else {
-            telvaneLog("Host key verification failed: no %s key of %s is known (%s is %s)",
-                       shown.keyType.c_str(), shown.host.c_str(), shown.keyType.c_str(),
-                       shown.fingerprint.c_str());
+            return failSaying(
+                TelvaneErrorConnection,
+                telvane::formatText("Host key verification failed: the host key of %s has changed "
+                                    "(remove the old one with ssh-keygen -R '%s')",
+                                    shown.host.c_str(), shown.host.c_str()));
         }
-        return fail(TelvaneErrorConnection);
+        return failSaying(
+            TelvaneErrorConnection,
+            telvane::formatText("Host key verification failed: no %s key of %s is known (%s is %s)",
+                                shown.keyType.c_str(), shown.host.c_str(), shown.keyType.c_str(),
+                                shown.fingerprint.c_str()));
     }
 
     // The keyring first, then the delegate.
     bool obtainCredentials()
     {
-        service_ = q_.serviceNameForSensor();
-        credentials_ = storedCredentials();
+        credentials_ = TelvaneCredentials::storedCredentials(keyringHost_);
         if (!credentials_) {
             // The user's time is not the server's: the deadline moves on by as long as the delegate took.
             const auto asked = Clock::now();
@@ -332,15 +332,14 @@ private:
             credentials_ = delegate ? delegate->credentialsForSensor(q_, &persist_) : std::nullopt;
             deadline_ += Clock::now() - asked;
             if (!credentials_)
-                return fail(TelvaneErrorNoCredentials);
+                return fail(TelvaneErrorNoCredentials, "no credentials were given for " + host_);
             if (stopped())
                 return false;
         }
         if (!telvane::isSendableText(credentials_->username) ||
             !telvane::isSendableText(credentials_->password)) {
-            telvaneLog("the username or password for %s is not valid UTF-8 text; it was not sent",
-                       host_.c_str());
-            return fail(TelvaneErrorAuthentication);
+            return failSaying(TelvaneErrorAuthentication, "the username or password for " + host_ +
+                                                              " is not valid UTF-8 text; it was not sent");
         }
         return true;
     }
@@ -359,8 +358,8 @@ private:
             return true;
         }
         if (rc == SSH_AUTH_ERROR) {
-            telvaneLog("the server %s did not name its authentication methods", host_.c_str());
-            return failWithDetail(TelvaneErrorConnection);
+            return failWithDetail(TelvaneErrorConnection,
+                                  "the server " + host_ + " did not name its authentication methods");
         }
         const int methods = ssh_userauth_list(conn_->session, nullptr);
         if (methods & SSH_AUTH_METHOD_PASSWORD) {
@@ -369,26 +368,10 @@ private:
             method_ = Method::KeyboardInteractive;
         } else {
             telvaneLog("No supported authentication methods found!");
-            return fail(TelvaneErrorAuthentication);
+            return fail(TelvaneErrorAuthentication,
+                        "the server " + host_ + " takes neither password nor keyboard-interactive logins");
         }
         return true;
-    }
-
-    std::optional<TelvaneCredentialsDictionary> storedCredentials() const
-    {
-        const auto accounts = TelvaneKeychain::accountsForService(service_);
-        if (!accounts || accounts->empty())
-            return std::nullopt;
-        const auto &first = accounts->front();
-        const auto it = first.find(kTelvaneKeychainAccountKey);
-        if (it == first.end())
-            return std::nullopt;
-        auto password = TelvaneKeychain::passwordForService(service_, it->second);
-        if (!password)
-            return std::nullopt;
-        std::optional<TelvaneCredentialsDictionary> stored{std::in_place, it->second, *password};
-        telvaneWipe(*password);
-        return stored;
     }
 
     bool login()
@@ -400,12 +383,10 @@ private:
             return false;
         if (rc != SSH_AUTH_SUCCESS) {
             telvaneLog("libssh2_userauth_password()) failed.");
-            logDetail();
-            TelvaneKeychain::deletePasswordForService(service_, credentials_->username);
-            return fail(TelvaneErrorAuthentication);
+            TelvaneCredentials::credentialsRefused(keyringHost_, credentials_->username);
+            return failWithDetail(TelvaneErrorAuthentication, "the server refused the username or password");
         }
-        if (persist_)
-            TelvaneKeychain::setPassword(credentials_->password, service_, credentials_->username);
+        TelvaneCredentials::credentialsAccepted(keyringHost_, *credentials_, persist_);
         return true;
     }
 
@@ -458,7 +439,8 @@ private:
             return false;
         if (rc != SSH_OK) {
             telvaneLog("libssh2_channel_open_session() failed.");
-            return failWithDetail(TelvaneErrorConnection);
+            return failWithDetail(TelvaneErrorConnection,
+                                  "the server " + host_ + " refused a session channel");
         }
         return true;
     }
@@ -472,12 +454,12 @@ private:
             ~Wipe() { telvaneWipe(text); }
         } wipeCommand{command}; // it may hold the password
         if (!telvane::isSendableText(command)) {
-            telvaneLog("the script for %s is not valid UTF-8 text or holds a NUL byte; it was not sent",
-                       host_.c_str());
-            return fail(TelvaneErrorConnection);
+            return failSaying(TelvaneErrorConnection,
+                              "the script for " + host_ +
+                                  " is not valid UTF-8 text or holds a NUL byte; it was not sent");
         }
-        if (!fitsOneRequest(host_, command.size()))
-            return fail(TelvaneErrorConnection);
+        if (const auto why = scriptTooLong(host_, command.size()))
+            return failSaying(TelvaneErrorConnection, *why);
         const bool viaLoader =
             command.size() > kMaxInlineCommand ||
             (!credentials_->password.empty() && command.find(credentials_->password) != std::string::npos);
@@ -490,15 +472,15 @@ private:
             return false;
         if (rc != SSH_OK) {
             telvaneLog("libssh2_channel_exec() failed: %d", rc);
-            return failWithDetail(TelvaneErrorConnection);
+            return failWithDetail(TelvaneErrorConnection,
+                                  "the server " + host_ + " refused to run the script");
         }
         conn_->scriptStarted = true;
         // The script's standard input ends here (after the script itself for the loader), as with `ssh -n`.
         if ((viaLoader && !writeInput(command)) || ssh_channel_send_eof(conn_->channel) != SSH_OK) {
             if (stopped())
                 return false;
-            telvaneLog("cannot send the script's input to %s", host_.c_str());
-            return failWithDetail(TelvaneErrorConnection);
+            return failWithDetail(TelvaneErrorConnection, "cannot send the script's input to " + host_);
         }
         return true;
     }
@@ -530,8 +512,8 @@ private:
                 TelvanePrivate::get(*self).doScript(conn);
             }).detach();
         } catch (const std::system_error &e) {
-            telvaneLog("cannot start the output pump: %s", e.what());
-            return fail(TelvaneErrorConnection);
+            return failSaying(TelvaneErrorConnection,
+                              std::string("cannot start the output pump: ") + e.what());
         }
         return true;
     }
@@ -563,40 +545,47 @@ private:
         if (rc != 0)
             return true;
         if (deadlineFirst)
-            telvaneLog("connection to %s timed out during the %s: not done within %g seconds", host_.c_str(),
-                       step, kConnectingTimeouts * timeout_);
-        else
-            telvaneLog("connection to %s timed out during the %s: the server sent nothing for %g seconds",
-                       host_.c_str(), step, std::trunc(timeout_));
-        return fail(TelvaneErrorConnection);
+            return failSaying(
+                TelvaneErrorConnection,
+                telvane::formatText("connection to %s timed out during the %s: not done within %g "
+                                    "seconds",
+                                    host_.c_str(), step, kConnectingTimeouts * timeout_));
+        return failSaying(
+            TelvaneErrorConnection,
+            telvane::formatText("connection to %s timed out during the %s: the server sent nothing "
+                                "for %g seconds",
+                                host_.c_str(), step, std::trunc(timeout_)));
     }
 
     bool stopped()
     {
         if (!conn_->stopRequested())
             return false;
-        telvaneLog("connection to %s stopped", host_.c_str());
-        fail(TelvaneErrorConnection);
+        failSaying(TelvaneErrorConnection, "connection to " + host_ + " stopped");
         return true;
     }
 
-    // The library's own words for its last error, on the line after ours.
-    void logDetail()
+    // The library's own words for its last error, logged on the line after ours.
+    std::string logDetail()
     {
-        if (const char *message = conn_->session ? ssh_get_error(conn_->session) : nullptr;
-            message && *message)
-            telvaneLog("libssh: %s (%d)", message, ssh_get_error_code(conn_->session));
+        const char *message = conn_->session ? ssh_get_error(conn_->session) : nullptr;
+        if (!message || !*message)
+            return {};
+        telvaneLog("libssh: %s (%d)", message, ssh_get_error_code(conn_->session));
+        return message;
     }
 
-    bool failWithDetail(long code)
+    bool failWithDetail(long code, std::string reason) { return fail(code, std::move(reason), logDetail()); }
+
+    bool failSaying(long code, const std::string &text)
     {
-        logDetail();
-        return fail(code);
+        d_.failSaying(code, text);
+        return false;
     }
 
-    bool fail(long code)
+    bool fail(long code, std::string reason, std::string detail = {})
     {
-        q_.sensorDidFailWithError(code);
+        d_.fail(code, std::move(reason), std::move(detail));
         return false;
     }
 
@@ -613,7 +602,7 @@ private:
     const std::string address_;
     const double timeout_;
     Clock::time_point deadline_ = Clock::now();
-    std::string service_;
+    const std::string keyringHost_ = q_.hostname(); // the host as written keys its stored pairs
     std::optional<TelvaneCredentialsDictionary> credentials_;
     bool persist_ = false;
     std::string knownHostsFile_;
@@ -656,8 +645,7 @@ void TelvanePrivate::runScript(const std::string &script)
     try {
         conn->pipe = std::make_shared<TelvanePipe>();
     } catch (const std::exception &e) {
-        telvaneLog("cannot create the output pipe: %s", e.what());
-        q.sensorDidFailWithError(TelvaneErrorConnection);
+        failSaying(TelvaneErrorConnection, std::string("cannot create the output pipe: ") + e.what());
         return;
     }
     q.setPipe(conn->pipe);
@@ -670,20 +658,20 @@ void TelvanePrivate::runScript(const std::string &script)
     const std::string connectName = q.connectHostname();
     const std::string host = connectName.empty() ? q.hostname() : connectName;
     // The password is not known yet, and what it adds is checked again at the exec request.
-    if (!fitsOneRequest(host, telvane::normaliseScript(script, {}).size())) {
-        q.sensorDidFailWithError(TelvaneErrorConnection);
+    if (const auto why = scriptTooLong(host, telvane::normaliseScript(script, {}).size())) {
+        failSaying(TelvaneErrorConnection, *why);
         return;
     }
     // Every wait is bounded by the time-out: without a positive one, none would be.
     if (const double timeout = q.timeout(); !(timeout > 0)) {
-        telvaneLog("the time-out for %s is %g seconds; it must be a positive number", host.c_str(), timeout);
-        q.sensorDidFailWithError(TelvaneErrorConnection);
+        failSaying(TelvaneErrorConnection,
+                   telvane::formatText("the time-out for %s is %g seconds; it must be a positive number",
+                                       host.c_str(), timeout));
         return;
     }
     const std::optional<std::string> address = resolver ? resolver(host) : resolve(host);
     if (!address) {
-        telvaneLog("cannot resolve %s", host.c_str());
-        q.sensorDidFailWithError(TelvaneErrorConnection);
+        failSaying(TelvaneErrorConnection, "cannot resolve " + host);
         return;
     }
 

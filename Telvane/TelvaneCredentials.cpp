@@ -16,8 +16,7 @@ void telvaneWipe(std::string &secret) noexcept
 
 TelvaneCredentialsDictionary::TelvaneCredentialsDictionary(std::string username, std::string password)
     : username(std::move(username)), password(std::move(password))
-{
-}
+{}
 
 TelvaneCredentialsDictionary::TelvaneCredentialsDictionary(TelvaneCredentialsDictionary &&other) noexcept
     : username(std::move(other.username)), password(std::move(other.password))
@@ -25,7 +24,8 @@ TelvaneCredentialsDictionary::TelvaneCredentialsDictionary(TelvaneCredentialsDic
     telvaneWipe(other.password);
 }
 
-TelvaneCredentialsDictionary &TelvaneCredentialsDictionary::operator=(const TelvaneCredentialsDictionary &other)
+TelvaneCredentialsDictionary &
+TelvaneCredentialsDictionary::operator=(const TelvaneCredentialsDictionary &other)
 {
     if (this != &other) {
         username = other.username;
@@ -35,7 +35,8 @@ TelvaneCredentialsDictionary &TelvaneCredentialsDictionary::operator=(const Telv
     return *this;
 }
 
-TelvaneCredentialsDictionary &TelvaneCredentialsDictionary::operator=(TelvaneCredentialsDictionary &&other) noexcept
+TelvaneCredentialsDictionary &
+TelvaneCredentialsDictionary::operator=(TelvaneCredentialsDictionary &&other) noexcept
 {
     if (this != &other) {
         username = std::move(other.username);
@@ -58,16 +59,51 @@ std::string serviceNameForHost(const std::string &hostname)
     return "com.quillmere.sensor.credentials (" + hostname + ")";
 }
 
+namespace {
+// The account of the first pair kept for @p service: the one a run uses.
+std::optional<std::string> firstAccount(const std::string &service)
+{
+    const auto accounts = TelvaneKeychain::accountsForService(service);
+    if (!accounts || accounts->empty())
+        return std::nullopt;
+    const auto account = accounts->front().find(kTelvaneKeychainAccountKey);
+    if (account == accounts->front().end())
+        return std::nullopt;
+    return account->second;
+}
+} // namespace
+
+std::optional<TelvaneCredentialsDictionary> storedCredentials(const std::string &hostname)
+{
+    const std::string service = serviceNameForHost(hostname);
+    const auto account = firstAccount(service);
+    if (!account)
+        return std::nullopt;
+    auto password = TelvaneKeychain::passwordForService(service, *account);
+    if (!password)
+        return std::nullopt;
+    std::optional<TelvaneCredentialsDictionary> stored{std::in_place, *account, *password};
+    telvaneWipe(*password);
+    return stored;
+}
+
+void credentialsRefused(const std::string &hostname, const std::string &username)
+{
+    TelvaneKeychain::deletePasswordForService(serviceNameForHost(hostname), username);
+}
+
+bool credentialsAccepted(const std::string &hostname, const TelvaneCredentialsDictionary &credentials,
+                         bool persist)
+{
+    return !persist || TelvaneKeychain::setPassword(credentials.password, serviceNameForHost(hostname),
+                                                    credentials.username);
+}
+
 bool forgetCredentials(const Telvane &sensor)
 {
     const std::string service = serviceNameForHost(sensor.hostname());
-    const auto accounts = TelvaneKeychain::accountsForService(service);
-    if (!accounts || accounts->empty())
-        return false;
-    const auto account = accounts->front().find(kTelvaneKeychainAccountKey);
-    if (account == accounts->front().end())
-        return false;
-    return TelvaneKeychain::deletePasswordForService(service, account->second);
+    const auto account = firstAccount(service);
+    return account && TelvaneKeychain::deletePasswordForService(service, *account);
 }
 
 } // namespace TelvaneCredentials

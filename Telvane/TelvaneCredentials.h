@@ -2,6 +2,7 @@
 
 #include <Telvane/TelvaneExport.h>
 
+#include <optional>
 #include <string>
 
 class Telvane;
@@ -34,12 +35,23 @@ struct TELVANE_EXPORT TelvaneCredentialsDictionary
 
 /// The stored credentials of sensor hosts. Each host keeps its pairs in the keyring under the service
 /// "com.quillmere.sensor.credentials (HOSTNAME)"; the first account found is the one used.
+/// The rules of a login, in the order a run meets them: the stored pair first (the delegate is asked when
+/// there is none), a refused pair forgotten whichever source it came from, an accepted one kept only when
+/// asked. Each may be called from any thread.
 namespace TelvaneCredentials {
-/// Removes the first stored pair of @p sensor's host. True when a pair was deleted. Any thread.
+/// The stored pair of @p hostname: the first account kept for it and its password; nothing when there is no
+/// whole pair.
+TELVANE_EXPORT std::optional<TelvaneCredentialsDictionary> storedCredentials(const std::string &hostname);
+/// The server refused @p username on @p hostname: its stored password is deleted.
+TELVANE_EXPORT void credentialsRefused(const std::string &hostname, const std::string &username);
+/// The server accepted @p credentials on @p hostname: they are kept in the keyring when @p persist. False
+/// only when they should have been kept and the keyring did not take them.
+TELVANE_EXPORT bool credentialsAccepted(const std::string &hostname,
+                                        const TelvaneCredentialsDictionary &credentials, bool persist);
+/// Removes the first stored pair of @p sensor's host. True when a pair was deleted.
 TELVANE_EXPORT bool forgetCredentials(const Telvane &sensor);
 /// The keyring service name for @p hostname (the same as Telvane::serviceNameForSensor()).
 TELVANE_EXPORT std::string serviceNameForHost(const std::string &hostname);
 } // namespace TelvaneCredentials
 
-/// Overwrites the characters of @p secret, then empties it.
-TELVANE_EXPORT void telvaneWipe(std::string &secret) noexcept;
+#include <Telvane/Platform/TelvaneSecret.h>

@@ -40,6 +40,11 @@ public:
     void closeConnection(const std::shared_ptr<Connection> &connection);
     /// Closes every run not yet closed: close().
     void closeAll();
+    /// Ends a run: keeps @p reason and @p detail as the last failure, closes, then tells the delegate @p
+    /// code.
+    void fail(long code, std::string reason, std::string detail = {});
+    /// fail() with a reason that is also the run's log line.
+    void failSaying(long code, const std::string &text);
 
     Telvane &q;
 
@@ -62,6 +67,7 @@ public:
     TelvaneHostKeyPolicy hostKeyPolicy = TelvaneHostKeyPolicy::AcceptNew; // guarded by propertyMutex
     std::optional<std::string> script;                                    // guarded by propertyMutex
     std::optional<TelvaneArguments> args;                                 // guarded by propertyMutex
+    std::optional<TelvaneFailure> lastFailure;                            // guarded by propertyMutex
 
     std::atomic<bool> running{false};
     std::atomic<double> timeout;

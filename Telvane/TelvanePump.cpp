@@ -64,12 +64,16 @@ void TelvanePrivate::doScript(std::shared_ptr<Connection> conn)
         // A read error, or a stop that met the pump waiting: only the error while running is reported.
         if (running && last != SSH_AGAIN) {
             telvaneLog("libssh2_channel_read failed(): %d\n", last);
+            std::string detail;
             {
                 std::lock_guard lock(monitor);
                 if (conn->session)
-                    telvaneLog("libssh: %s", ssh_get_error(conn->session));
+                    detail = ssh_get_error(conn->session);
             }
-            q.sensorDidFailWithError(TelvaneErrorConnection);
+            if (!detail.empty())
+                telvaneLog("libssh: %s", detail.c_str());
+            fail(TelvaneErrorConnection,
+                 "the connection to " + q.hostname() + " broke while the output was read", detail);
         }
     } else {
         // The exit status may follow the end of output by any time: wait for the channel's close.

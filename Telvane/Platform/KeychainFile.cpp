@@ -4,7 +4,7 @@
 #include "KeychainBackends.h"
 
 #include <Telvane/Platform/TelvaneLog.h>
-#include <Telvane/TelvaneCredentials.h>
+#include <Telvane/Platform/TelvaneSecret.h>
 
 #include <algorithm>
 #include <cctype>

@@ -1,6 +1,6 @@
 #include "KeychainBackends.h"
 
-#include <Telvane/TelvaneCredentials.h>
+#include <Telvane/Platform/TelvaneSecret.h>
 
 #include <algorithm>
 #include <mutex>

@@ -54,8 +54,9 @@ struct Refusal
     const char *name;
     const char *fault;
     long code;
-    std::string line; // the one line the failure logs, exactly
-    bool forgetsPair; // only a refused login makes the stored pair worthless
+    std::string line;   // the one line the failure logs, exactly
+    bool forgetsPair;   // only a refused login makes the stored pair worthless
+    const char *reason; // part of lastFailure()'s reason
 };
 
 class Refused : public FaultRunTest, public ::testing::WithParamInterface<Refusal>
@@ -79,6 +80,12 @@ TEST_P(Refused, ReportsItsCodeOnceWithItsLineAndKeepsThePairUnlessTheLoginWasRef
     EXPECT_EQ(row.code, events[0].value);
     EXPECT_EQ(1, countLines(log, row.line)) << log.joined();
     EXPECT_FALSE(sensor->running());
+    // The reason in words, with the server's own beside it, until the next run.
+    const auto failure = sensor->lastFailure();
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(row.code, failure->code);
+    EXPECT_NE(std::string::npos, failure->reason.find(row.reason)) << failure->reason;
+    EXPECT_FALSE(failure->detail.empty());
     if (row.forgetsPair)
         EXPECT_EQ(std::nullopt, TelvaneKeychain::passwordForService(service, user));
     else
@@ -88,12 +95,14 @@ TEST_P(Refused, ReportsItsCodeOnceWithItsLineAndKeepsThePairUnlessTheLoginWasRef
 INSTANTIATE_TEST_SUITE_P(
     Launch, Refused,
     ::testing::Values(Refusal{"Password", "refuse-password", TelvaneErrorAuthentication,
-                              "libssh2_userauth_password()) failed.", true},
+                              "libssh2_userauth_password()) failed.", true,
+                              "refused the username or password"},
                       Refusal{"Channel", "refuse-channel", TelvaneErrorConnection,
-                              "libssh2_channel_open_session() failed.", false},
+                              "libssh2_channel_open_session() failed.", false, "refused a session channel"},
                       // The library's own code for a denied request is passed through unchanged.
                       Refusal{"Exec", "refuse-exec", TelvaneErrorConnection,
-                              "libssh2_channel_exec() failed: " + std::to_string(SSH_ERROR), false}),
+                              "libssh2_channel_exec() failed: " + std::to_string(SSH_ERROR), false,
+                              "refused to run the script"}),
     [](const auto &info) { return std::string(info.param.name); });
 
 // Faults on the output stream.
@@ -199,10 +208,10 @@ INSTANTIATE_TEST_SUITE_P(
         // The script finished, but the connection went before its status and end of file.
         StreamFault{"DropAfterAFinishedScript", "drop-after=1048576", "echo short\nexit 3", "short\n",
                     StreamFault::FailsToRead, 0, 15s},
-        // Cut while most of the output still waits to be read on this side.
+        // Cut while most of the output still waits to be read on this side. (A reset in its place proves
+        // nothing: flow control keeps what this side has no room for on the server, and a reset drops it
+        // there.)
         StreamFault{"DropAfterWhileTheReaderLags", "drop-after=1000000", "seq 1 200000",
-                    seq(1, 200000).substr(0, 1000000), StreamFault::FailsToRead, 0, 15s, true},
-        StreamFault{"ResetAfterWhileTheReaderLags", "reset-after=1000000", "seq 1 200000",
                     seq(1, 200000).substr(0, 1000000), StreamFault::FailsToRead, 0, 15s, true},
         // Cut right after the exec request was granted.
         StreamFault{"ResetBeforeAnyOutput", "reset-after=0", "echo never", "", StreamFault::FailsToRead, 0,

@@ -22,6 +22,12 @@ protected:
         EXPECT_EQ(0, delegate->count(Event::Started));
         EXPECT_EQ(0, delegate->count(Event::Terminated));
         EXPECT_EQ(0, telvane::sshLibraryReferences());
+        // The run was closed, and its reason kept, before the delegate heard of it.
+        EXPECT_TRUE(delegate->closedBeforeReport());
+        const auto failure = delegate->reportedFailure();
+        ASSERT_TRUE(failure);
+        EXPECT_EQ(code, failure->code);
+        EXPECT_FALSE(failure->reason.empty());
     }
 };
 } // namespace

@@ -1,5 +1,7 @@
 #include "support/TestEnvironment.h"
 
+#include "TelvanePrivate.h"
+
 #include <cstdlib>
 #include <dirent.h>
 #include <poll.h>
@@ -134,11 +136,31 @@ void RecordingDelegate::sensorScriptDidTerminate(Telvane &, long status)
     changed_.notify_all();
 }
 
-void RecordingDelegate::sensorDidFailWithError(Telvane &, long code)
+void RecordingDelegate::sensorDidFailWithError(Telvane &sensor, long code)
 {
+    auto &d = TelvanePrivate::get(sensor);
+    bool closed;
+    {
+        std::lock_guard connections(d.connectionMutex);
+        closed = d.connections.empty();
+    }
     std::lock_guard lock(mutex_);
     events_.push_back({Event::Failed, code});
+    reportedFailure_ = sensor.lastFailure();
+    closedBeforeReport_ = closed;
     changed_.notify_all();
+}
+
+std::optional<TelvaneFailure> RecordingDelegate::reportedFailure() const
+{
+    std::lock_guard lock(mutex_);
+    return reportedFailure_;
+}
+
+bool RecordingDelegate::closedBeforeReport() const
+{
+    std::lock_guard lock(mutex_);
+    return closedBeforeReport_;
 }
 
 std::optional<TelvaneCredentialsDictionary> RecordingDelegate::credentialsForSensor(Telvane &, bool *persist)

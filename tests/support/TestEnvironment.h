@@ -21,14 +21,14 @@ bool inCI();
 
 /// Skips the test when @p available is false, naming @p why; under CI the skip becomes a failure, because
 /// CI can start every component.
-#define TELVANE_REQUIRE_COMPONENT(available, why)                                                                 \
-    do {                                                                                                           \
-        if (!(available)) {                                                                                        \
-            if (::telvane::test::inCI())                                                                           \
-                FAIL() << "component unavailable under CI: " << (why);                                             \
-            else                                                                                                   \
-                GTEST_SKIP() << (why);                                                                             \
-        }                                                                                                          \
+#define TELVANE_REQUIRE_COMPONENT(available, why)                                                            \
+    do {                                                                                                     \
+        if (!(available)) {                                                                                  \
+            if (::telvane::test::inCI())                                                                     \
+                FAIL() << "component unavailable under CI: " << (why);                                       \
+            else                                                                                             \
+                GTEST_SKIP() << (why);                                                                       \
+        }                                                                                                    \
     } while (0)
 
 /// Collects the library's log lines while it lives.
@@ -47,7 +47,8 @@ private:
 };
 
 /// Polls @p condition until it holds or @p timeout passes.
-bool waitUntil(const std::function<bool()> &condition, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+bool waitUntil(const std::function<bool()> &condition,
+               std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 /// Reads @p output until end of file, appending to @p data when given; false when the end has not come
 /// within @p limit.
@@ -58,11 +59,13 @@ int threadCount();
 /// The number of open descriptors of this process.
 int openDescriptorCount();
 
-/// A delegate that records what it hears (own it in a shared_ptr), answers credentials as configured, and can drain the output.
+/// A delegate that records what it hears (own it in a shared_ptr), answers credentials as configured, and can
+/// drain the output.
 class RecordingDelegate : public TelvaneDelegate, public std::enable_shared_from_this<RecordingDelegate>
 {
 public:
-    struct Event {
+    struct Event
+    {
         enum Kind { Started, Terminated, Failed, AskedCredentials } kind;
         long value = 0;
     };
@@ -87,15 +90,21 @@ public:
     int count(Event::Kind kind) const;
     std::optional<long> terminationStatus() const { return firstValue(Event::Terminated); }
     std::optional<long> failureCode() const { return firstValue(Event::Failed); }
+    /// What the sensor's lastFailure() said when the failure was reported, and whether every run of the
+    /// sensor was closed by then.
+    std::optional<TelvaneFailure> reportedFailure() const;
+    bool closedBeforeReport() const;
 
 private:
     std::optional<long> firstValue(Event::Kind kind) const;
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    std::vector<Event> events_;              // guarded by mutex_
-    std::string output_;                     // guarded by mutex_
-    bool outputEnded_ = false;               // guarded by mutex_
-    std::shared_ptr<TelvaneFileHandle> handle_; // guarded by mutex_
+    std::vector<Event> events_;                     // guarded by mutex_
+    std::string output_;                            // guarded by mutex_
+    bool outputEnded_ = false;                      // guarded by mutex_
+    std::shared_ptr<TelvaneFileHandle> handle_;     // guarded by mutex_
+    std::optional<TelvaneFailure> reportedFailure_; // guarded by mutex_
+    bool closedBeforeReport_ = false;               // guarded by mutex_
 };
 
 } // namespace telvane::test

@@ -19,19 +19,7 @@
 
 namespace {
 
-// "error: -1" and the like: a number without words.
-bool isBareErrorNumber(const std::string &line)
-{
-    const std::string prefix = "error: ";
-    if (line.compare(0, prefix.size(), prefix) != 0)
-        return false;
-    std::size_t i = prefix.size();
-    if (i < line.size() && line[i] == '-')
-        ++i;
-    return i < line.size() && line.find_first_not_of("0123456789", i) == std::string::npos;
-}
-
-// Keeps the library's log lines for the one-line failure message, or shows them all with --verbose.
+// Keeps the library's log lines back, for a cause that no failure reports, or shows them all with --verbose.
 class LogKeeper
 {
 public:
@@ -44,20 +32,6 @@ public:
             });
     }
     ~LogKeeper() { telvaneSetLogSink({}); }
-
-    /// The last line that says something to a person (the bare "error: -1" style lines do not).
-    std::string cause() const
-    {
-        std::lock_guard lock(mutex_);
-        for (auto it = lines_.rbegin(); it != lines_.rend(); ++it) {
-            std::string line = *it;
-            while (!line.empty() && (line.back() == '\n' || line.back() == ' '))
-                line.pop_back();
-            if (!line.empty() && !isBareErrorNumber(line))
-                return line;
-        }
-        return {};
-    }
 
     /// The last line that mentions @p word, for a cause the run's status does not tell.
     std::string lastAbout(std::string_view word) const
@@ -80,9 +54,8 @@ void say(const char *format, const std::string &host, long port, const std::stri
     std::fputc('\n', stderr);
 }
 
-int reportFailure(long code, const Options &options, const LogKeeper &log, bool emptyPassword)
+int reportFailure(long code, const Options &options, const std::string &reason, bool emptyPassword)
 {
-    const std::string cause = log.cause();
     switch (code) {
     case TelvaneErrorNoCredentials:
         say("telvane: %s port %ld: no credentials were given%s", options.host, options.port,
@@ -90,14 +63,13 @@ int reportFailure(long code, const Options &options, const LogKeeper &log, bool 
         return ExitNoCredentials;
     case TelvaneErrorAuthentication:
         say("telvane: %s port %ld: authentication failed: %s", options.host, options.port,
-            cause.find("not valid UTF-8") != std::string::npos ? cause
-            : emptyPassword ? "the server refused the empty password (the password file " +
-                                  *options.passwordFile + " was empty)"
-                            : std::string("the server refused the username or password"));
+            emptyPassword ? "the server refused the empty password (the password file " +
+                                *options.passwordFile + " was empty)"
+                          : reason);
         return ExitAuthentication;
     default:
         say("telvane: %s port %ld: connection failed%s", options.host, options.port,
-            cause.empty() ? "" : ": " + cause);
+            reason.empty() ? "" : ": " + reason);
         return ExitConnection;
     }
 }
@@ -329,7 +301,7 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     if (!result) {
         // Only an address that cannot be used ends a run without a report.
         say("telvane: %s port %ld: connection failed%s", options.host, options.port,
-            log.cause().empty() ? "" : ": " + log.cause());
+            ": the address it resolved to is neither IPv4 nor IPv6");
         return ExitConnection;
     }
     if (*result < 0) {
@@ -338,7 +310,9 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
             transcript->show(failureWord(code)); // it ends the "Connecting ..." line
             transcript->close("Diagnostics completed.\n");
         }
-        return reportFailure(code, options, log, delegate->passwordFileWasEmpty());
+        const auto failure = sensor->lastFailure();
+        return reportFailure(code, options, failure ? failure->reason : std::string(),
+                             delegate->passwordFileWasEmpty());
     }
     const long status = *result;
     if (transcript)

@@ -23,25 +23,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The last log line of the run on this thread that says something to a person: the connecting thread is
-// the worker's own, so the library's words about a failed connection land with the right host.
-struct HostLog
-{
-    std::string cause;
-};
-thread_local HostLog *currentLog = nullptr;
-
-bool isBareErrorNumber(std::string_view line)
-{
-    constexpr std::string_view prefix = "error: ";
-    if (line.substr(0, prefix.size()) != prefix)
-        return false;
-    line.remove_prefix(prefix.size());
-    if (!line.empty() && line.front() == '-')
-        line.remove_prefix(1);
-    return !line.empty() && line.find_first_not_of("0123456789") == std::string_view::npos;
-}
-
 // One question for all hosts: the first host that needs credentials asks, the others wait for that answer
 // and use it too. A user given in USER@HOST takes the place of the asked one, with the same password.
 class SharedLogin
@@ -128,17 +109,15 @@ private:
     const std::optional<std::string> user_;
 };
 
-std::string failureWords(long code, const std::string &cause)
+std::string failureWords(long code, const std::string &reason)
 {
     switch (code) {
     case TelvaneErrorNoCredentials:
         return "no credentials were given (use --user and --password-file, or run on a terminal)";
     case TelvaneErrorAuthentication:
-        return "authentication failed: " + (cause.find("not valid UTF-8") != std::string::npos
-                                                ? cause
-                                                : std::string("the server refused the username or password"));
+        return "authentication failed: " + reason;
     default:
-        return "connection failed" + (cause.empty() ? std::string() : ": " + cause);
+        return "connection failed" + (reason.empty() ? std::string() : ": " + reason);
     }
 }
 
@@ -192,10 +171,8 @@ private:
         while (!line.empty() && (line.back() == '\n' || line.back() == ' '))
             line.remove_suffix(1);
         if (options_.verbose)
-            console_.err(std::string(currentLog ? currentHost_ : "telvane") + ": " + std::string(line) +
-                         "\n");
-        if (currentLog && !line.empty() && !isBareErrorNumber(line))
-            currentLog->cause = line;
+            console_.err(std::string(!currentHost_.empty() ? currentHost_ : "telvane") + ": " +
+                         std::string(line) + "\n");
     }
 
     void stop()
@@ -293,12 +270,10 @@ private:
         if (diagnose_)
             output.write("Connecting over SSH to " + host.host + " on port " + std::to_string(host.port) +
                          ": ");
-        HostLog log;
-        currentLog = &log;
-        currentHost_ = host.label;
+        currentHost_ = host.label; // names the library's log lines of this thread
         sensor->runScript(script_,
                           options_.arguments.empty() ? std::nullopt : std::optional(options_.arguments));
-        currentLog = nullptr;
+        currentHost_.clear();
         if (const auto stream = delegate->output()) {
             if (diagnose_)
                 output.write("OK\n");
@@ -315,12 +290,14 @@ private:
         // The pump thread lets go of the sensor as its last act; wait for that, so pumps stay within bound.
         for (int i = 0; i < 2000 && sensor.use_count() > 1; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        classify(end, log.cause, result);
+        const auto failure = sensor->lastFailure();
+        classify(end, failure ? failure->reason : "the address it resolved to is neither IPv4 nor IPv6",
+                 result);
         if (diagnose_)
             output.write(diagnosticsEnd(result));
     }
 
-    void classify(const std::optional<long> &end, const std::string &cause, HostResult &result)
+    void classify(const std::optional<long> &end, const std::string &reason, HostResult &result)
     {
         const bool stopped = stopping();
         if (end && *end >= 0) {
@@ -332,7 +309,7 @@ private:
             // Without a report, only an address that cannot be used ended the run.
             result.end = HostResult::End::Failed;
             result.code = end ? -*end : TelvaneErrorConnection;
-            result.words = failureWords(result.code, cause);
+            result.words = failureWords(result.code, reason);
         }
     }
 
