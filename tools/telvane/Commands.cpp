@@ -202,13 +202,6 @@ void waitForThreads(const std::shared_ptr<Telvane> &sensor)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
-const char *failureWord(long code)
-{
-    return code == TelvaneErrorNoCredentials    ? "*canceled*\n"
-           : code == TelvaneErrorAuthentication ? "*invalid credentials*\n"
-                                                : "*failed*\n";
-}
-
 } // namespace
 
 int runCommand(const Options &options, const std::string &script, bool diagnose)
@@ -241,8 +234,8 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     sensor->setDelegate(delegate);
 
     if (transcript)
-        transcript->show("Connecting over SSH to " + options.host + " on port " +
-                         std::to_string(options.port) + ": ");
+        transcript->show(TelvaneTranscript::connectingLine(TelvaneTranscript::connectingFormat, options.host,
+                                                           options.port));
     sensor->runScript(script, options.arguments.empty() ? std::nullopt : std::optional(options.arguments));
     if (spinner)
         spinner->stop();
@@ -250,7 +243,7 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     const auto output = delegate->output();
     if (output) {
         if (transcript)
-            transcript->show("OK\n");
+            transcript->show(TelvaneTranscript::ok);
         copyOutput(*output, *sensor, out, transcript.get());
     }
     // The end is reported before the output closes, so it is known by now if it was reported at all.
@@ -275,15 +268,15 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     if (*result < 0) {
         const long code = -*result;
         if (transcript) {
-            transcript->show(failureWord(code)); // it ends the "Connecting ..." line
-            transcript->close("Diagnostics completed.\n");
+            if (const char *marker = TelvaneTranscript::markerForError(code))
+                transcript->show(marker); // it ends the "Connecting ..." line
+            transcript->close(TelvaneTranscript::closingLine(0) + "\n");
         }
         return reportFailure(code, options, log, delegate->passwordFileWasEmpty());
     }
     const long status = *result;
     if (transcript)
-        transcript->close(status != 0 ? "Diagnostics terminated with error: " + std::to_string(status) + "\n"
-                                      : std::string("Diagnostics completed.\n"));
+        transcript->close(TelvaneTranscript::closingLine(status) + "\n");
     if (const auto failed = outputFailure(out))
         return *failed; // the closing line could not be written either
     return status >= 0 && status <= 255 ? static_cast<int>(status) : 1;

@@ -7,6 +7,7 @@
 #include "Terminal.h"
 
 #include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneTranscript.h>
 
 #include <CLI/CLI.hpp>
 
@@ -288,8 +289,8 @@ private:
             ++running_;
         }
         if (diagnose_)
-            output.write("Connecting over SSH to " + host.host + " on port " + std::to_string(host.port) +
-                         ": ");
+            output.write(
+                TelvaneTranscript::connectingLine(TelvaneTranscript::connectingFormat, host.host, host.port));
         HostLog log;
         currentLog = &log;
         currentHost_ = host.label;
@@ -298,7 +299,7 @@ private:
         currentLog = nullptr;
         if (const auto stream = delegate->output()) {
             if (diagnose_)
-                output.write("OK\n");
+                output.write(TelvaneTranscript::ok);
             for (std::string chunk; !(chunk = stream->availableData()).empty();)
                 output.write(chunk);
         }
@@ -337,14 +338,11 @@ private:
     {
         switch (result.end) {
         case HostResult::End::Exited:
-            return result.status != 0
-                       ? "Diagnostics terminated with error: " + std::to_string(result.status) + "\n"
-                       : "Diagnostics completed.\n";
-        case HostResult::End::Failed:
-            return (result.code == TelvaneErrorNoCredentials    ? "*canceled*\n"
-                    : result.code == TelvaneErrorAuthentication ? "*invalid credentials*\n"
-                                                                : "*failed*\n") +
-                   std::string("Diagnostics completed.\n");
+            return TelvaneTranscript::closingLine(result.status) + "\n";
+        case HostResult::End::Failed: {
+            const char *marker = TelvaneTranscript::markerForError(result.code);
+            return (marker ? marker : "") + TelvaneTranscript::closingLine(0) + "\n";
+        }
         default:
             return "*stopped*\n";
         }
@@ -450,7 +448,8 @@ bool fleetRequested(const Options &options)
     return !options.hosts.empty() || options.hostsFile.has_value();
 }
 
-std::optional<std::string> settlePositionals(Options &options, bool hostGiven, bool scriptGiven, bool scriptRequired)
+std::optional<std::string> settlePositionals(Options &options, bool hostGiven, bool scriptGiven,
+                                             bool scriptRequired)
 {
     if (fleetRequested(options) && !options.host.empty()) {
         if (scriptGiven)
