@@ -7,6 +7,7 @@
 #include <QtCore/QFile>
 
 #include <cstdio>
+#include <cstdlib>
 
 int main(int argc, char **argv)
 {
