@@ -3,6 +3,7 @@
 #include "TelvaneSensorRunner.h"
 #include "TelvaneTranscript.h"
 #include "TelvaneWidgetsTranslations.h"
+#include "TranscriptFormat.h"
 #include "ui_TelvaneDiagnosticsView.h"
 
 #include <Telvane/Telvane.h>
@@ -20,20 +21,11 @@
 #include <QtGui/QTextFrame>
 #include <QtWidgets/QScrollBar>
 
-namespace {
+using TelvaneWidgets::decodeOutput;
+using TelvaneWidgets::MarkedPiece;
+using TelvaneWidgets::markPiece;
 
-/// Script output is ASCII; any other byte is shown as U+FFFD, one character per byte, so that the output
-/// is seen rather than dropped and its marking lines up with what is shown.
-QString decodeOutput(const QByteArray &bytes)
-{
-    QString text(static_cast<qsizetype>(bytes.size()), Qt::Uninitialized);
-    QChar *out = text.data();
-    for (const char byte : bytes) {
-        const auto value = static_cast<unsigned char>(byte);
-        *out++ = value < 0x80 ? QChar(value) : QChar(QChar::ReplacementCharacter);
-    }
-    return text;
-}
+namespace {
 
 /// The whole script file when it is plain ASCII; a null string otherwise, as for a missing file.
 QString readScript(const QString &path)
@@ -52,28 +44,6 @@ QString readScript(const QString &path)
 QString word(const char *key)
 {
     return TelvaneWidgets::localized(key);
-}
-
-struct MarkedPiece
-{
-    QString text;
-    qsizetype redStart = 0;
-    qsizetype redLength = 0;
-};
-
-/// Marks a piece of any text, translations included: the marking works on a stand-in of the piece with one
-/// ASCII character per UTF-16 unit, so that its positions are those of the piece.
-MarkedPiece markPiece(const QString &piece)
-{
-    std::string standIn;
-    standIn.reserve(static_cast<std::size_t>(piece.size()));
-    for (const QChar c : piece)
-        standIn.push_back(c.unicode() < 0x80 ? static_cast<char>(c.unicode()) : '?');
-    const TelvaneTranscriptPiece marked = telvaneMarkTranscriptPiece(standIn);
-    MarkedPiece result{piece, static_cast<qsizetype>(marked.redStart),
-                       static_cast<qsizetype>(marked.redLength)};
-    result.text.remove(QLatin1Char('*'));
-    return result;
 }
 
 } // namespace

@@ -21,6 +21,7 @@ set(TELVANE_WIDGETS_SOURCES
     TelvaneDiagnosticsView.cpp
     TelvaneSensorRunner.cpp
     BackgroundThreads.cpp
+    TranscriptFormat.cpp
     Resources/TelvaneCredentialsAccessoryView.ui
     Resources/TelvaneDiagnosticsView.ui)
 
