@@ -16,8 +16,10 @@ class Telvane;
 /// diagnostics script on the sensor and shows a live transcript: the connection, the script's output, the
 /// end. Text between asterisks is shown in red, without its asterisks.
 ///
-/// The panel makes itself the sensor's delegate. Runs go on in the background: closing the panel does not
-/// stop them, and a panel may be destroyed while one goes on (what arrives afterwards is dropped).
+/// The panel runs the script through a TelvaneSensorRunner, which becomes the sensor's delegate. Runs go on
+/// in the background: closing the panel does not stop them, and a panel may be destroyed while one goes on
+/// (what arrives afterwards is dropped). The transcript is in the system's fixed-width font; Escape closes
+/// the panel as the Close button does.
 class TELVANE_WIDGETS_EXPORT TelvaneDiagnosticsView : public QWidget
 {
     Q_OBJECT
@@ -29,7 +31,7 @@ public:
     TelvaneDiagnosticsView(std::shared_ptr<Telvane> sensor, const QString &script, QWidget *parent = nullptr);
     ~TelvaneDiagnosticsView() override;
 
-    /// The sensor under test; the panel is its delegate.
+    /// The sensor under test.
     std::shared_ptr<Telvane> sensor() const;
     /// The path of the diagnostics script.
     QString script() const;
@@ -47,6 +49,7 @@ public:
 
     /// Credentials to log in with instead of asking the user. Used only when both are set (an empty string
     /// counts as set); otherwise the user is asked with the credentials prompt. The panel never stores them.
+    /// GUI thread, like the preset's setters.
     std::optional<QString> username() const;
     /// Sets the preset username; std::nullopt takes it away.
     void setUsername(std::optional<QString> username);

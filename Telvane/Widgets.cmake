@@ -1,4 +1,4 @@
-# Telvane::Widgets: the credentials prompt and the diagnostics panel (Qt 6 Widgets).
+# Telvane::Widgets: the credentials prompt, the diagnostics panel and the sensor runner (Qt 6 Widgets).
 #
 # Built like the core: one object library, a shared library exporting the public API, and a static
 # "internal" library from the same objects for the tests. To add a widget, add its header to
@@ -11,13 +11,17 @@ set(CMAKE_AUTORCC ON)
 set(TELVANE_WIDGETS_PUBLIC_HEADERS
     TelvaneCredentialsAccessoryView.h
     TelvaneCredentialsPrompt.h
-    TelvaneDiagnosticsView.h)
+    TelvaneDiagnosticsView.h
+    TelvaneSensorRunner.h)
 
 set(TELVANE_WIDGETS_SOURCES
     TelvaneCredentialsAccessoryView.cpp
     TelvaneCredentialsPrompt.cpp
     TelvaneWidgetsTranslations.cpp
     TelvaneDiagnosticsView.cpp
+    TelvaneSensorRunner.cpp
+    BackgroundThreads.cpp
+    TranscriptFormat.cpp
     Resources/TelvaneCredentialsAccessoryView.ui
     Resources/TelvaneDiagnosticsView.ui)
 

@@ -23,3 +23,13 @@ telvane_widget_test(telvane_prompt_lifecycle_test widgets/PromptLifecycleTest.cp
 # Not a test: renders the widgets for the README (scripts/screenshots).
 add_executable(telvane_widgets_screenshot widgets/ScreenshotTool.cpp)
 target_link_libraries(telvane_widgets_screenshot PRIVATE telvane_widgets_internal)
+
+# The sensor runner against the loopback sshd (the harness is built by integration.cmake), and the README's
+# example of it run as a program.
+telvane_widget_test(telvane_sensor_runner_test widgets/SensorRunnerTest.cpp support/Process.cpp)
+target_link_libraries(telvane_sensor_runner_test PRIVATE telvane_sshd_harness)
+set_tests_properties(telvane_sensor_runner_test PROPERTIES
+    ENVIRONMENT "QT_QPA_PLATFORM=offscreen;TELVANE_KEYRING=memory" TIMEOUT 300)
+# examples/ comes after tests/, and builds qt-face whenever the widgets are built.
+target_compile_definitions(telvane_sensor_runner_test PRIVATE TELVANE_QT_FACE="$<TARGET_FILE:qt-face>")
+add_dependencies(telvane_sensor_runner_test qt-face)

@@ -175,13 +175,6 @@ void waitForThreads(const std::shared_ptr<Telvane> &sensor)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
-const char *failureWord(long code)
-{
-    return code == TelvaneErrorNoCredentials    ? "*canceled*\n"
-           : code == TelvaneErrorAuthentication ? "*invalid credentials*\n"
-                                                : "*failed*\n";
-}
-
 // The keyring as the run sees it when the command line names both username and password: those win, so the
 // stored pair of the host is neither read nor, when the given ones are refused, deleted. Keeping a pair
 // (--remember) still reaches the keyring.
@@ -262,8 +255,8 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     sensor->setDelegate(delegate);
 
     if (transcript)
-        transcript->show("Connecting over SSH to " + options.host + " on port " +
-                         std::to_string(options.port) + ": ");
+        transcript->show(TelvaneTranscript::connectingLine(TelvaneTranscript::connectingFormat, options.host,
+                                                           options.port));
     const auto arguments = options.arguments.empty() ? std::nullopt : std::optional(options.arguments);
     sensor->runScript(script, arguments);
     for (int tries = 1;
@@ -282,7 +275,7 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     const auto output = delegate->output();
     if (output) {
         if (transcript)
-            transcript->show("OK\n");
+            transcript->show(TelvaneTranscript::ok);
         copyOutput(*output, *sensor, out, transcript.get());
     }
     // The end is reported before the output closes, so it is known by now if it was reported at all.
@@ -307,8 +300,9 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     if (*result < 0) {
         const long code = -*result;
         if (transcript) {
-            transcript->show(failureWord(code)); // it ends the "Connecting ..." line
-            transcript->close("Diagnostics completed.\n");
+            if (const char *marker = TelvaneTranscript::markerForError(code))
+                transcript->show(marker); // it ends the "Connecting ..." line
+            transcript->close(TelvaneTranscript::closingLine(0) + "\n");
         }
         const auto failure = sensor->lastFailure();
         return reportFailure(code, options, failure ? failure->reason : std::string(),
@@ -316,8 +310,7 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     }
     const long status = *result;
     if (transcript)
-        transcript->close(status != 0 ? "Diagnostics terminated with error: " + std::to_string(status) + "\n"
-                                      : std::string("Diagnostics completed.\n"));
+        transcript->close(TelvaneTranscript::closingLine(status) + "\n");
     if (const auto failed = outputFailure(out))
         return *failed; // the closing line could not be written either
     return status >= 0 && status <= 255 ? static_cast<int>(status) : 1;

@@ -8,6 +8,7 @@
 #include "Terminal.h"
 
 #include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneTranscript.h>
 
 #include <CLI/CLI.hpp>
 
@@ -268,15 +269,15 @@ private:
             ++running_;
         }
         if (diagnose_)
-            output.write("Connecting over SSH to " + host.host + " on port " + std::to_string(host.port) +
-                         ": ");
+            output.write(
+                TelvaneTranscript::connectingLine(TelvaneTranscript::connectingFormat, host.host, host.port));
         currentHost_ = host.label; // names the library's log lines of this thread
         sensor->runScript(script_,
                           options_.arguments.empty() ? std::nullopt : std::optional(options_.arguments));
         currentHost_.clear();
         if (const auto stream = delegate->output()) {
             if (diagnose_)
-                output.write("OK\n");
+                output.write(TelvaneTranscript::ok);
             for (std::string chunk; !(chunk = stream->availableData()).empty();)
                 output.write(chunk);
         }
@@ -317,14 +318,11 @@ private:
     {
         switch (result.end) {
         case HostResult::End::Exited:
-            return result.status != 0
-                       ? "Diagnostics terminated with error: " + std::to_string(result.status) + "\n"
-                       : "Diagnostics completed.\n";
-        case HostResult::End::Failed:
-            return (result.code == TelvaneErrorNoCredentials    ? "*canceled*\n"
-                    : result.code == TelvaneErrorAuthentication ? "*invalid credentials*\n"
-                                                                : "*failed*\n") +
-                   std::string("Diagnostics completed.\n");
+            return TelvaneTranscript::closingLine(result.status) + "\n";
+        case HostResult::End::Failed: {
+            const char *marker = TelvaneTranscript::markerForError(result.code);
+            return (marker ? marker : "") + TelvaneTranscript::closingLine(0) + "\n";
+        }
         default:
             return "*stopped*\n";
         }

@@ -1,0 +1,35 @@
+#include "TranscriptFormat.h"
+
+#include <Telvane/TelvaneTranscript.h>
+
+#include <string>
+
+namespace TelvaneWidgets {
+
+QString decodeOutput(const QByteArray &bytes)
+{
+    QString text(static_cast<qsizetype>(bytes.size()), Qt::Uninitialized);
+    QChar *out = text.data();
+    for (const char byte : bytes) {
+        const auto value = static_cast<unsigned char>(byte);
+        *out++ = value < 0x80 ? QChar(value) : QChar(QChar::ReplacementCharacter);
+    }
+    return text;
+}
+
+// The marking works on a stand-in of the piece with one ASCII character per UTF-16 unit, so that its
+// positions are those of the piece.
+MarkedPiece markPiece(const QString &piece)
+{
+    std::string standIn;
+    standIn.reserve(static_cast<std::size_t>(piece.size()));
+    for (const QChar c : piece)
+        standIn.push_back(c.unicode() < 0x80 ? static_cast<char>(c.unicode()) : '?');
+    const TelvaneTranscriptPiece marked = telvaneMarkTranscriptPiece(standIn);
+    MarkedPiece result{piece, static_cast<qsizetype>(marked.redStart),
+                       static_cast<qsizetype>(marked.redLength)};
+    result.text.remove(QLatin1Char('*'));
+    return result;
+}
+
+} // namespace TelvaneWidgets
