@@ -36,17 +36,7 @@ public:
     {
         ui.setupUi(this);
         const QString host = QString::fromStdString(key.host);
-        ui.sensorLabel->setText(sensorName);
-        ui.hostLabel->setText(host);
-        ui.keyTypeLabel->setText(QString::fromStdString(key.keyType));
-        ui.fingerprintLabel->setText(QString::fromStdString(key.fingerprint));
-        ui.sensorCaption->setText(TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Sensor:")));
-        ui.hostCaption->setText(TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Host:")));
-        ui.keyTypeCaption->setText(TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Key type:")));
-        ui.fingerprintCaption->setText(
-            TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Fingerprint:")));
-        ui.knownEntryCaption->setText(
-            TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Known key:")));
+        showDetails(sensorName, host, key);
         ui.refuseButton->setText(
             TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Don't Connect")));
         connect(ui.acceptButton, &QPushButton::clicked, this, [this] { done(acceptAnswer); });
@@ -61,6 +51,22 @@ public:
     Ui::TelvaneHostKeyDialog ui;
 
 private:
+    void showDetails(const QString &sensorName, const QString &host, const TelvaneHostKey &key)
+    {
+        ui.sensorCaption->setText(TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Sensor:")));
+        ui.hostCaption->setText(TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Host:")));
+        ui.keyTypeCaption->setText(TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Key type:")));
+        ui.fingerprintCaption->setText(
+            TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Fingerprint:")));
+        ui.knownEntryCaption->setText(
+            TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Known key:")));
+        ui.sensorLabel->setText(sensorName);
+        ui.detailsLayout->setRowVisible(ui.sensorLabel, !sensorName.isEmpty());
+        ui.hostLabel->setText(host);
+        ui.keyTypeLabel->setText(QString::fromStdString(key.keyType));
+        ui.fingerprintLabel->setText(QString::fromStdString(key.fingerprint));
+    }
+
     void showUnknown(const QString &host)
     {
         ui.messageLabel->setText(localizedWith(
@@ -89,8 +95,8 @@ private:
                            "connection only.")));
         ui.acceptButton->setText(
             TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Connect This Once")));
-        // A changed key is refused unless the user means otherwise.
-        // Focused as well: a focused button takes Return whichever is the default.
+        // A changed key is refused unless the user means otherwise; focused as well, since a focused
+        // button takes Return whichever is the default.
         ui.refuseButton->setDefault(true);
         ui.refuseButton->setFocus();
         const bool located = !key.knownFile.empty() && key.knownLine > 0;
