@@ -1,12 +1,11 @@
 #include "TelvaneCredentialsPrompt.h"
 
+#include "PromptRelay.h"
 #include "TelvaneCredentialsAccessoryView.h"
 #include "TelvaneWidgetsTranslations.h"
 
-#include <Telvane/Platform/TelvaneLog.h>
 #include <Telvane/Telvane.h>
 
-#include <QtCore/QThread>
 #include <QtWidgets/QApplication>
 #include <QtWidgets/QCheckBox>
 #include <QtWidgets/QDialog>
@@ -18,9 +17,6 @@
 #include <QtWidgets/QVBoxLayout>
 
 #include <algorithm>
-#include <condition_variable>
-#include <mutex>
-#include <vector>
 
 namespace {
 
@@ -138,122 +134,16 @@ std::optional<PromptAnswer> runPrompt(const std::string &sensorName)
     return result;
 }
 
-/// One prompt asked for from another thread. Lives on the asking thread's stack until `finished`.
-struct Request
-{
-    std::string sensorName;             // set before the request is posted
-    std::optional<PromptAnswer> answer; // guarded by relayMutex
-    bool finished = false;              // guarded by relayMutex: answered, or abandoned with the application
-};
-
-class PromptRelay;
-
-// The hand-over between asking threads and the GUI thread runs entirely on this mutex and condition variable
-// rather than on a blocking queued call, so that the relay's end releases every waiter and no waiter can
-// post to a relay that is being destroyed. It also keeps the order visible to ThreadSanitizer, which cannot
-// see into Qt's own semaphores.
-std::mutex relayMutex;
-std::condition_variable relayFinished;
-PromptRelay *relay = nullptr;           // guarded by relayMutex; set and cleared on the GUI thread
-QThread *guiThread = nullptr;           // guarded by relayMutex
-std::vector<Request *> pendingRequests; // guarded by relayMutex
-
-/// Receives the requests of other threads on the GUI thread. A child of the application object, so that it
-/// ends with it and abandons what it has not answered.
-class PromptRelay : public QObject
-{
-    Q_OBJECT
-
-public:
-    explicit PromptRelay(QCoreApplication *app) : QObject(app)
-    {
-        std::lock_guard lock(relayMutex);
-        relay = this;
-        guiThread = app->thread();
-    }
-
-    ~PromptRelay() override
-    {
-        std::lock_guard lock(relayMutex);
-        relay = nullptr;
-        guiThread = nullptr;
-        for (Request *request : pendingRequests)
-            request->finished = true;
-        pendingRequests.clear();
-        relayFinished.notify_all();
-    }
-
-    // Invoked by name, so that Qt copies the argument itself and no functor of ours crosses threads.
-    Q_INVOKABLE void show(void *address)
-    {
-        auto *request = static_cast<Request *>(address);
-        std::string name;
-        {
-            std::lock_guard lock(relayMutex);
-            if (std::find(pendingRequests.begin(), pendingRequests.end(), request) == pendingRequests.end())
-                return;
-            name = request->sensorName;
-        }
-        std::optional<PromptAnswer> answer;
-        if (qobject_cast<QApplication *>(QCoreApplication::instance()))
-            answer = runPrompt(name);
-        else
-            telvaneLog("promptForCredentials: the application has no widgets to show the prompt with\n");
-        std::lock_guard lock(relayMutex);
-        const auto pending = std::find(pendingRequests.begin(), pendingRequests.end(), request);
-        if (pending == pendingRequests.end())
-            return;
-        pendingRequests.erase(pending);
-        request->answer = std::move(answer);
-        request->finished = true;
-        relayFinished.notify_all();
-    }
-};
-
-void createRelay()
-{
-    if (auto *app = QCoreApplication::instance())
-        new PromptRelay(app);
-}
-
 } // namespace
-
-// Every application object gets its relay as it is constructed, on the GUI thread, before any other thread
-// can ask for a prompt.
-Q_COREAPP_STARTUP_FUNCTION(createRelay)
 
 namespace TelvaneCredentials {
 
 std::optional<TelvaneCredentialsDictionary> promptForCredentials(Telvane &sensor, bool *persist)
 {
-    // Read before taking relayMutex: the sensor's own lock may be held by our caller, never the other way.
-    Request request;
-    request.sensorName = sensor.name();
+    // Read on this thread: our caller may hold the sensor's lock while it waits for the GUI thread.
+    const std::string sensorName = sensor.name();
     std::optional<PromptAnswer> answer;
-    std::unique_lock lock(relayMutex);
-    if (!relay) {
-        telvaneLog("promptForCredentials: no application object to show the prompt on\n");
-        return std::nullopt;
-    }
-    if (QThread::currentThread() == guiThread) {
-        lock.unlock();
-        // Asked on the GUI thread itself: waiting for it would wait forever.
-        if (!qobject_cast<QApplication *>(QCoreApplication::instance())) {
-            telvaneLog("promptForCredentials: the application has no widgets to show the prompt with\n");
-            return std::nullopt;
-        }
-        answer = runPrompt(request.sensorName);
-    } else {
-        pendingRequests.push_back(&request);
-        if (!QMetaObject::invokeMethod(relay, "show", Qt::QueuedConnection, Q_ARG(void *, &request))) {
-            pendingRequests.pop_back();
-            telvaneLog("promptForCredentials: could not reach the GUI thread\n");
-            return std::nullopt;
-        }
-        relayFinished.wait(lock, [&request] { return request.finished; });
-        answer = std::move(request.answer);
-    }
-
+    TelvaneWidgets::runPromptOnGuiThread("promptForCredentials", [&] { answer = runPrompt(sensorName); });
     if (!answer)
         return std::nullopt;
     if (persist)
@@ -262,5 +152,3 @@ std::optional<TelvaneCredentialsDictionary> promptForCredentials(Telvane &sensor
 }
 
 } // namespace TelvaneCredentials
-
-#include "TelvaneCredentialsPrompt.moc"

@@ -1,4 +1,5 @@
-# Telvane::Widgets: the credentials prompt, the diagnostics panel and the sensor runner (Qt 6 Widgets).
+# Telvane::Widgets: the credentials and host-key prompts, the diagnostics panel and the sensor runner
+# (Qt 6 Widgets).
 #
 # Built like the core: one object library, a shared library exporting the public API, and a static
 # "internal" library from the same objects for the tests. To add a widget, add its header to
@@ -11,18 +12,22 @@ set(CMAKE_AUTORCC ON)
 set(TELVANE_WIDGETS_PUBLIC_HEADERS
     TelvaneCredentialsAccessoryView.h
     TelvaneCredentialsPrompt.h
+    TelvaneHostKeyPrompt.h
     TelvaneDiagnosticsView.h
     TelvaneSensorRunner.h)
 
 set(TELVANE_WIDGETS_SOURCES
     TelvaneCredentialsAccessoryView.cpp
     TelvaneCredentialsPrompt.cpp
+    TelvaneHostKeyPrompt.cpp
+    PromptRelay.cpp
     TelvaneWidgetsTranslations.cpp
     TelvaneDiagnosticsView.cpp
     TelvaneSensorRunner.cpp
     BackgroundThreads.cpp
     TranscriptFormat.cpp
     Resources/TelvaneCredentialsAccessoryView.ui
+    Resources/TelvaneHostKeyPrompt.ui
     Resources/TelvaneDiagnosticsView.ui)
 
 set(TELVANE_WIDGETS_TRANSLATIONS

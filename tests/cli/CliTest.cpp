@@ -5,7 +5,10 @@
 
 #include <filesystem>
 #include <fstream>
+#include <poll.h>
+#include <pty.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -87,6 +90,65 @@ protected:
             "--password-file", passwordFile};
         all.insert(all.end(), args.begin() + 1, args.end());
         return all;
+    }
+
+    struct Exchange
+    {
+        std::string question;
+        std::string answer; // "FINGERPRINT": the host key's fingerprint as the question showed it
+    };
+
+    // telvane on a terminal of its own, answering each question in turn once it shows. The terminal's
+    // text goes to `out`; `err` counts the questions answered.
+    ProcessResult onTerminal(std::vector<std::string> args, const std::vector<Exchange> &exchanges) const
+    {
+        args.insert(args.begin(), TELVANE_CLI_PATH);
+        int terminal = -1;
+        const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
+        if (pid < 0)
+            return {};
+        if (pid == 0) {
+            setenv("TELVANE_KEYRING", "file", 1);
+            setenv("XDG_DATA_HOME", (home / "data").c_str(), 1);
+            setenv("NO_COLOR", "", 1);
+            setenv("HOME", home.c_str(), 1);
+            std::vector<char *> argv;
+            for (auto &arg : args)
+                argv.push_back(arg.data());
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        ProcessResult result;
+        std::size_t answered = 0, seen = 0;
+        for (char buffer[4096];;) {
+            pollfd fd{terminal, POLLIN, 0};
+            const ssize_t n = poll(&fd, 1, 10000) > 0 ? read(terminal, buffer, sizeof buffer) : 0;
+            if (n <= 0)
+                break; // the end (EIO once telvane has gone), or a question nobody expected
+            result.out.append(buffer, static_cast<std::size_t>(n));
+            if (answered == exchanges.size())
+                continue;
+            const auto at = result.out.find(exchanges[answered].question, seen);
+            if (at == std::string::npos)
+                continue;
+            seen = at + exchanges[answered].question.size();
+            std::string answer = exchanges[answered++].answer;
+            if (answer == "FINGERPRINT") {
+                const auto from = result.out.find("SHA256:");
+                answer = result.out.substr(from, result.out.find('.', from) - from);
+            }
+            answer += "\n";
+            if (::write(terminal, answer.data(), answer.size()) < 0)
+                break;
+        }
+        kill(pid, SIGKILL); // harmless once it has ended; ends it if it waits for an answer that never came
+        int status = 0;
+        waitpid(pid, &status, 0);
+        close(terminal);
+        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        result.err = std::to_string(answered);
+        return result;
     }
 
     fs::path home;
@@ -455,5 +517,59 @@ TEST_F(Cli, TakesSshsSpellingsOfHostsAndHostKeyChecking)
         EXPECT_EQ(c.status, result.status) << c.args[c.args.size() - 2] << ": " << result.err;
         EXPECT_EQ(c.status == 0 ? "in\n" : "", result.out);
         EXPECT_NE(std::string::npos, result.err.find(c.said)) << result.err;
+    }
+}
+
+TEST_F(Cli, OnATerminalAsksAboutANewHostKeyAndAgainForARefusedPasswordAsSshDoes)
+{
+    const std::string port = std::to_string(sshd().port());
+    const std::string echo = script("echo in\n");
+    const std::string keyQuestion = "Are you sure you want to continue connecting (yes/no/[fingerprint])? ";
+    const std::string passwordQuestion = sshd().username() + "@" + sshd().host() + "'s password: ";
+    struct Case
+    {
+        std::string name;
+        bool askKey; // else the password is typed
+        std::vector<Exchange> exchanges;
+        int status;
+    };
+    const std::vector<Case> cases = {
+        {"yes", true, {{keyQuestion, "yes"}}, 0},
+        {"no", true, {{keyQuestion, "no"}}, 255},
+        {"fingerprint", true, {{keyQuestion, "FINGERPRINT"}}, 0},
+        {"another word, then yes",
+         true,
+         {{keyQuestion, "sure"}, {"Please type 'yes', 'no' or the fingerprint: ", "yes"}},
+         0},
+        {"wrong, then right password",
+         false,
+         {{passwordQuestion, "wrong"}, {passwordQuestion, sshd().password()}},
+         0},
+        {"three wrong passwords",
+         false,
+         {{passwordQuestion, "wrong1"}, {passwordQuestion, "wrong2"}, {passwordQuestion, "wrong3"}},
+         253},
+    };
+    for (const auto &c : cases) {
+        const std::string knownHosts = (home / ("known_hosts_" + std::to_string(&c - cases.data()))).string();
+        const auto result = c.askKey
+                                ? onTerminal(login({"run", "-o", "StrictHostKeyChecking=ask", "-o",
+                                                    "UserKnownHostsFile=" + knownHosts, sshd().host(), echo}),
+                                             c.exchanges)
+                                : onTerminal({"run", "-p", port, "-l", sshd().username(), "-o",
+                                              "StrictHostKeyChecking=no", sshd().host(), echo},
+                                             c.exchanges);
+        EXPECT_EQ(std::to_string(c.exchanges.size()), result.err) << c.name << ": answers given\n"
+                                                                  << result.out;
+        EXPECT_EQ(c.status, result.status) << c.name << ":\n" << result.out;
+        EXPECT_EQ(c.status == 0, result.out.find("in\r\n") != std::string::npos) << c.name << result.out;
+        // As ssh: a key accepted on the terminal is remembered, one refused is not.
+        if (c.askKey)
+            EXPECT_EQ(c.status == 0, fs::exists(knownHosts) && fs::file_size(knownHosts) > 0) << c.name;
+        else
+            EXPECT_EQ(c.exchanges.size() > 1,
+                      result.out.find("Permission denied, please try again.") != std::string::npos)
+                << c.name << result.out;
+        EXPECT_EQ(std::string::npos, result.out.find(sshd().password())) << c.name << ": the password echoed";
     }
 }

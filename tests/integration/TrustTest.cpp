@@ -1,5 +1,7 @@
-// Host keys against known-hosts files shared with OpenSSH, and keyboard-interactive logins through PAM.
+// Host keys against known-hosts files shared with OpenSSH, keyboard-interactive logins through PAM, and
+// UTF-8 credentials as the server receives them.
 #include "SensorRun.h"
+#include "support/FaultServer.h"
 #include "support/Process.h"
 
 #include <filesystem>
@@ -175,4 +177,41 @@ TEST_P(KeyboardInteractive, IsTheLoginOfAServerWithoutPassword)
 
 INSTANTIATE_TEST_SUITE_P(Passwords, KeyboardInteractive,
                          ::testing::Values(KbdCase{"Right", true}, KbdCase{"Wrong", false}),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+namespace {
+struct Utf8Case
+{
+    const char *name;
+    const char *password; // the server takes "pässwörd-日本" (composed) from "jörg"
+    bool accepted;
+    friend void PrintTo(const Utf8Case &c, std::ostream *os) { *os << c.name; }
+};
+class Utf8Login : public SensorRunTest, public ::testing::WithParamInterface<Utf8Case>
+{
+};
+} // namespace
+
+// The login sends the bytes as given: telvane-faultd compares them with its own, so a password recoded or
+// normalised on the way would be refused, and a differently composed one must be.
+TEST_P(Utf8Login, SendsTheCredentialsBytesUnchanged)
+{
+    FaultServer::Options options;
+    options.user = "jörg";
+    options.password = "pässwörd-日本";
+    FaultServer server(options);
+    TELVANE_REQUIRE_COMPONENT(server.started(), server.error());
+    delegate->answer = TelvaneCredentialsDictionary{server.user(), GetParam().password};
+    auto sensor = makeSensor(server.host(), server.port());
+    sensor->setHostKeyPolicy(TelvaneHostKeyPolicy::AcceptAny);
+    ASSERT_TRUE(runToEnd(*sensor, "echo in"));
+    if (GetParam().accepted)
+        EXPECT_EQ("in\n", delegate->output()) << log.joined() << server.log();
+    else
+        EXPECT_EQ(3, delegate->failureCode()) << log.joined() << server.log();
+}
+
+INSTANTIATE_TEST_SUITE_P(Passwords, Utf8Login,
+                         ::testing::Values(Utf8Case{"AsTheServerHasIt", "pässwörd-日本", true},
+                                           Utf8Case{"Decomposed", "pa\u0308sswörd-日本", false}),
                          [](const auto &info) { return std::string(info.param.name); });

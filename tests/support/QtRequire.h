@@ -1,4 +1,4 @@
-// What the Qt Test suites share: the credentials prompt as it shows up, and the rule that a missing
+// What the Qt Test suites share: the prompts as they show up, and the rule that a missing
 // component skips the test except under CI (CI=true), which can always provide it.
 #pragma once
 
@@ -18,11 +18,12 @@
 
 namespace telvane::test {
 
-/// The credentials prompt when it is the active modal window, else nullptr.
-inline QDialog *shownPrompt()
+/// The prompt named @p name (the credentials prompt unless said) when it is the active modal window, else
+/// nullptr.
+inline QDialog *shownPrompt(QLatin1String name = QLatin1String("TelvaneCredentialsDialog"))
 {
     auto *dialog = qobject_cast<QDialog *>(QApplication::activeModalWidget());
-    return dialog && dialog->objectName() == QLatin1String("TelvaneCredentialsDialog") ? dialog : nullptr;
+    return dialog && dialog->objectName() == name ? dialog : nullptr;
 }
 
 } // namespace telvane::test

@@ -1,6 +1,8 @@
-// The credentials prompt with real widgets on the offscreen platform, driven by real key and mouse events.
+// The credentials and host-key prompts with real widgets on the offscreen platform, driven by real key and
+// mouse events.
 #include "TelvaneCredentialsAccessoryView.h"
 #include "TelvaneCredentialsPrompt.h"
+#include "TelvaneHostKeyPrompt.h"
 #include "TelvaneWidgetsTranslations.h"
 #include "support/QtRequire.h"
 
@@ -29,7 +31,9 @@ enum class Finish { ClickOk, ClickCancel, ReturnInPassword, Escape };
 class DialogDriver : public QObject
 {
 public:
-    explicit DialogDriver(std::function<void(QDialog *)> action) : action_(std::move(action))
+    explicit DialogDriver(std::function<void(QDialog *)> action,
+                          QLatin1String dialogName = QLatin1String("TelvaneCredentialsDialog"))
+        : action_(std::move(action)), dialogName_(dialogName)
     {
         connect(&timer_, &QTimer::timeout, this, &DialogDriver::poll);
         timer_.start(10);
@@ -40,7 +44,7 @@ public:
 private:
     void poll()
     {
-        QDialog *dialog = telvane::test::shownPrompt();
+        QDialog *dialog = telvane::test::shownPrompt(dialogName_);
         if (!dialog)
             return;
         timer_.stop();
@@ -53,6 +57,7 @@ private:
     }
 
     std::function<void(QDialog *)> action_;
+    QLatin1String dialogName_;
     QTimer timer_;
     bool ran_ = false;
     bool activated_ = false;
@@ -89,6 +94,46 @@ void finish(QDialog *dialog, Finish how)
         QTest::keyClick(QApplication::focusWidget(), Qt::Key_Escape);
         break;
     }
+}
+
+TelvaneHostKey hostKey(bool changed, long knownLine)
+{
+    TelvaneHostKey key;
+    key.host = "[kitchen.local]:2222";
+    key.keyType = "ssh-ed25519";
+    key.fingerprint = "SHA256:uNiVztksCsDhcc0u9e8BujQXVUpKZIDTMczCvj3tD2s";
+    key.changed = changed;
+    if (changed) {
+        key.knownFile = "/home/pi/.ssh/known_hosts";
+        key.knownLine = knownLine;
+    }
+    return key;
+}
+
+/// The host-key prompt's answer, asked on this thread or on a worker while this one runs its events;
+/// nullopt when the worker never got one.
+std::optional<bool> askHostKey(const TelvaneHostKey &key, bool onWorker)
+{
+    auto sensor = Telvane::create("kitchen", "Kitchen sensor", "kitchen.local");
+    if (!onWorker)
+        return TelvaneCredentials::promptForHostKey(*sensor, key);
+    std::atomic<bool> done{false};
+    bool accepted = false;
+    std::thread worker([&] {
+        accepted = TelvaneCredentials::promptForHostKey(*sensor, key);
+        done = true;
+    });
+    const bool finished = QTest::qWaitFor([&] { return done.load(); }, 20000);
+    if (!finished && QApplication::activeModalWidget())
+        QApplication::activeModalWidget()->close();
+    worker.join();
+    return finished ? std::optional<bool>(accepted) : std::nullopt;
+}
+
+QString shownText(QDialog *dialog, const char *label)
+{
+    auto *widget = dialog->findChild<QLabel *>(label);
+    return widget && widget->isVisible() ? widget->text() : QString();
 }
 
 } // namespace
@@ -293,6 +338,143 @@ private slots:
         QVERIFY(credentials.has_value());
         QVERIFY(persist);
         QCOMPARE(credentials->username, std::string("carol"));
+    }
+
+    void hostKeyTexts_data()
+    {
+        QTest::addColumn<bool>("german");
+        QTest::addColumn<bool>("changed");
+        QTest::addColumn<int>("knownLine");
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<QString>("connect");
+        QTest::addColumn<QString>("refuse");
+        QTest::addColumn<QString>("knownEntry"); // empty: the row is hidden
+        QTest::addColumn<QString>("reset");
+
+        const QString command = "ssh-keygen -f '/home/pi/.ssh/known_hosts' -R '[kitchen.local]:2222'";
+        QTest::newRow("unknown") << false << false << 0
+                                 << "The authenticity of host [kitchen.local]:2222 can't be established."
+                                 << "Connect and Remember Key"
+                                 << "Don't Connect"
+                                 << ""
+                                 << "";
+        QTest::newRow("changed") << false << true << 12
+                                 << "WARNING: The host key of [kitchen.local]:2222 has changed!"
+                                 << "Connect This Once"
+                                 << "Don't Connect"
+                                 << "/home/pi/.ssh/known_hosts:12" << command;
+        QTest::newRow("changed, entry not found")
+            << false << true << 0 << "WARNING: The host key of [kitchen.local]:2222 has changed!"
+            << "Connect This Once"
+            << "Don't Connect"
+            << "" << command;
+        QTest::newRow("German, unknown")
+            << true << false << 0
+            << "Die Echtheit des Hosts [kitchen.local]:2222 kann nicht bestätigt "
+               "werden."
+            << "Verbinden und Schlüssel merken"
+            << "Nicht verbinden"
+            << ""
+            << "";
+        QTest::newRow("German, changed")
+            << true << true << 7 << "WARNUNG: Der Host-Schlüssel von [kitchen.local]:2222 hat sich geändert!"
+            << "Nur dieses Mal verbinden"
+            << "Nicht verbinden"
+            << "/home/pi/.ssh/known_hosts:7" << command;
+    }
+
+    void hostKeyTexts()
+    {
+        QFETCH(bool, german);
+        QFETCH(bool, changed);
+        QFETCH(int, knownLine);
+        QFETCH(QString, message);
+        QFETCH(QString, connect);
+        QFETCH(QString, refuse);
+        QFETCH(QString, knownEntry);
+        QFETCH(QString, reset);
+
+        QTranslator translator;
+        if (german) {
+            QVERIFY(TelvaneWidgets::loadTranslation(translator, QLocale(QLocale::German)));
+            QCoreApplication::installTranslator(&translator);
+        }
+        QMap<QString, QString> shown;
+        bool acceptDefault = true;
+        Qt::WindowModality modality = Qt::NonModal;
+        DialogDriver driver(
+            [&](QDialog *dialog) {
+                for (const char *label :
+                     {"messageLabel", "informativeLabel", "sensorLabel", "hostLabel", "keyTypeLabel",
+                      "fingerprintLabel", "knownEntryLabel", "resetCommandLabel"})
+                    shown[label] = shownText(dialog, label);
+                shown["connect"] = dialog->findChild<QPushButton *>("acceptButton")->text();
+                shown["refuse"] = dialog->findChild<QPushButton *>("refuseButton")->text();
+                shown["title"] = dialog->windowTitle();
+                acceptDefault = dialog->findChild<QPushButton *>("acceptButton")->isDefault();
+                modality = dialog->windowModality();
+                dialog->reject();
+            },
+            QLatin1String("TelvaneHostKeyDialog"));
+        QCOMPARE(askHostKey(hostKey(changed, knownLine), false), false);
+
+        REQUIRE_DRIVEN(driver);
+        QCOMPARE(shown["messageLabel"], message);
+        QCOMPARE(shown["title"], message);
+        QVERIFY(!shown["informativeLabel"].isEmpty());
+        QCOMPARE(shown["sensorLabel"], QStringLiteral("Kitchen sensor"));
+        QCOMPARE(shown["hostLabel"], QStringLiteral("[kitchen.local]:2222"));
+        QCOMPARE(shown["keyTypeLabel"], QStringLiteral("ssh-ed25519"));
+        QCOMPARE(shown["fingerprintLabel"],
+                 QStringLiteral("SHA256:uNiVztksCsDhcc0u9e8BujQXVUpKZIDTMczCvj3tD2s"));
+        QCOMPARE(shown["knownEntryLabel"], knownEntry);
+        QCOMPARE(shown["resetCommandLabel"], reset);
+        QCOMPARE(shown["connect"], connect);
+        QCOMPARE(shown["refuse"], refuse);
+        QCOMPARE(acceptDefault, !changed);
+        QCOMPARE(modality, Qt::ApplicationModal);
+    }
+
+    void hostKeyAnswers_data()
+    {
+        QTest::addColumn<bool>("changed");
+        QTest::addColumn<QString>("button"); // empty: the key is pressed on the focused widget
+        QTest::addColumn<int>("key");
+        QTest::addColumn<bool>("onWorker");
+        QTest::addColumn<bool>("accepted");
+
+        QTest::newRow("unknown, connect") << false << "acceptButton" << 0 << false << true;
+        QTest::newRow("unknown, refuse") << false << "refuseButton" << 0 << false << false;
+        QTest::newRow("unknown, return connects") << false << "" << int(Qt::Key_Return) << false << true;
+        QTest::newRow("changed, return refuses") << true << "" << int(Qt::Key_Return) << false << false;
+        QTest::newRow("changed, escape") << true << "" << int(Qt::Key_Escape) << false << false;
+        QTest::newRow("changed, connect from a worker") << true << "acceptButton" << 0 << true << true;
+        QTest::newRow("unknown, refuse from a worker") << false << "refuseButton" << 0 << true << false;
+    }
+
+    void hostKeyAnswers()
+    {
+        QFETCH(bool, changed);
+        QFETCH(QString, button);
+        QFETCH(int, key);
+        QFETCH(bool, onWorker);
+        QFETCH(bool, accepted);
+
+        QThread *shownOn = nullptr;
+        DialogDriver driver(
+            [&](QDialog *dialog) {
+                shownOn = QThread::currentThread();
+                if (button.isEmpty())
+                    QTest::keyClick(QApplication::focusWidget(), Qt::Key(key));
+                else
+                    QTest::mouseClick(dialog->findChild<QPushButton *>(button), Qt::LeftButton);
+            },
+            QLatin1String("TelvaneHostKeyDialog"));
+        const std::optional<bool> answer = askHostKey(hostKey(changed, 3), onWorker);
+
+        REQUIRE_DRIVEN(driver);
+        QCOMPARE(shownOn, qApp->thread());
+        QCOMPARE(answer, std::optional<bool>(accepted));
     }
 
     // No translation is shipped for English: the prompt shows its keys (texts() checks them). The German
