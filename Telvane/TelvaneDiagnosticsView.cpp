@@ -21,23 +21,18 @@
 #include <QtGui/QTextFrame>
 #include <QtWidgets/QScrollBar>
 
-using TelvaneWidgets::decodeOutput;
 using TelvaneWidgets::MarkedPiece;
 using TelvaneWidgets::markPiece;
 
 namespace {
 
-/// The whole script file when it is plain ASCII; a null string otherwise, as for a missing file.
+/// The whole script file when it is UTF-8 text; a null string otherwise, as for a missing file.
 QString readScript(const QString &path)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return {};
-    const QByteArray text = file.readAll();
-    for (const char byte : text)
-        if (static_cast<unsigned char>(byte) > 0x7f)
-            return {};
-    return QString::fromLatin1(text);
+    return TelvaneWidgets::scriptText(file.readAll()).value_or(QString());
 }
 
 /// A text of the transcript's vocabulary in the user's language.
@@ -73,16 +68,20 @@ public:
     Ui::TelvaneDiagnosticsView ui;
     std::optional<QString> username;
     std::optional<QString> password;
-    bool notifiedRunning = false; // the value runningChanged last told
+    bool notifiedRunning = false;          // the value runningChanged last told
+    TelvaneWidgets::OutputDecoder decoder; // the script's output, across chunks
     QSize preferredSize;
 };
 
 void TelvaneDiagnosticsView::Private::listen()
 {
     using namespace TelvaneTranscript;
-    connect(&runner, &TelvaneSensorRunner::started, q, [this] { render(word(ok)); });
+    connect(&runner, &TelvaneSensorRunner::started, q, [this] {
+        decoder.reset();
+        render(word(ok));
+    });
     connect(&runner, &TelvaneSensorRunner::outputReceived, q,
-            [this](const QByteArray &chunk) { render(decodeOutput(chunk)); });
+            [this](const QByteArray &chunk) { render(decoder.decode(chunk)); });
     connect(&runner, &TelvaneSensorRunner::finished, q, [this](long status) {
         finish(QString::fromStdString(closingLine(status, word(completed).toStdString(),
                                                   word(terminatedWithErrorFormat).toStdString())));

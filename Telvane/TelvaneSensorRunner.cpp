@@ -2,6 +2,7 @@
 
 #include "BackgroundThreads.h"
 #include "TelvaneCredentialsPrompt.h"
+#include "TelvaneHostKeyPrompt.h"
 
 #include <Telvane/TelvaneTranscript.h>
 
@@ -17,10 +18,12 @@
 
 namespace {
 
-/// What a failure is called in failed(). One place, so that a fuller reason can take its place.
-QString failureReason(long code)
+/// What failed() says of a failure: the sensor's reason, else the general words for the code.
+QByteArray failureReason(const Telvane &sensor, long code)
 {
-    return QString::fromStdString(TelvaneTranscript::wordsForError(code));
+    const auto failure = sensor.lastFailure();
+    return QByteArray::fromStdString(
+        failure && failure->code == code ? failure->reason : TelvaneTranscript::wordsForError(code));
 }
 
 /// Receives the queued hops to the runner's thread; by name and without arguments, so that Qt alone makes
@@ -47,7 +50,7 @@ struct RunEvent
     {}
     Kind kind;
     long value;       // the status or the code
-    QByteArray chunk; // the output
+    QByteArray chunk; // the output, or the reason of a failure
 };
 
 /// A credentials request of the sensor's connecting thread, waiting for the runner's answer.
@@ -142,7 +145,21 @@ public:
         end(RunEvent(RunEvent::Finished, status));
     }
 
-    void sensorDidFailWithError(Telvane &, long code) override { end(RunEvent(RunEvent::Failed, code)); }
+    void sensorDidFailWithError(Telvane &sensor, long code) override
+    {
+        end(RunEvent(RunEvent::Failed, code, failureReason(sensor, code)));
+    }
+
+    // A key never seen is the policy's to judge; a changed one is the user's.
+    bool shouldTrustHostKey(Telvane &sensor, const TelvaneHostKey &key, bool policyAnswer) override
+    {
+        {
+            std::lock_guard lock(mutex_);
+            if (!relay_ || !key.changed)
+                return policyAnswer;
+        }
+        return TelvaneCredentials::promptForHostKey(sensor, key);
+    }
 
     std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor, bool *persist) override
     {
@@ -267,7 +284,7 @@ bool TelvaneSensorRunner::Private::deliver(RunEvent &event)
         Q_EMIT q->finished(event.value);
         break;
     case RunEvent::Failed:
-        Q_EMIT q->failed(event.value, failureReason(event.value));
+        Q_EMIT q->failed(event.value, QString::fromUtf8(event.chunk));
         break;
     case RunEvent::CredentialsRequested:
         Q_EMIT q->credentialsRequested();

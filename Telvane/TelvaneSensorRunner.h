@@ -15,7 +15,8 @@
 /// then finished or failed, which come after the last chunk). The connection and the reading go on in
 /// background threads; nothing here blocks the caller.
 ///
-/// The runner makes itself the sensor's delegate. It may be destroyed while a run goes on: the run goes on
+/// The runner makes itself the sensor's delegate; a host key that differs from the known one is put to the
+/// user with the host-key prompt, a new one is left to the sensor's policy. It may be destroyed while a run goes on: the run goes on
 /// to its end unheard, and a credentials request that is still waiting is answered with none.
 ///
 /// When the sensor needs credentials, credentialsRequested() is emitted; the run waits until a slot below
@@ -60,7 +61,8 @@ Q_SIGNALS:
     void outputReceived(const QByteArray &chunk);
     /// The script ended with @p status (0 when the server sent none).
     void finished(long status);
-    /// The run failed with a TelvaneError @p code; @p reason says what failed, in words.
+    /// The run failed with a TelvaneError @p code; @p reason says what failed, in words (the sensor's
+    /// lastFailure()).
     void failed(long code, const QString &reason);
     /// The sensor needs credentials: answer with provideCredentials(), declineCredentials() or
     /// askWithPrompt().

@@ -6,14 +6,12 @@
 
 namespace TelvaneWidgets {
 
-QString decodeOutput(const QByteArray &bytes)
+std::optional<QString> scriptText(const QByteArray &bytes)
 {
-    QString text(static_cast<qsizetype>(bytes.size()), Qt::Uninitialized);
-    QChar *out = text.data();
-    for (const char byte : bytes) {
-        const auto value = static_cast<unsigned char>(byte);
-        *out++ = value < 0x80 ? QChar(value) : QChar(QChar::ReplacementCharacter);
-    }
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    const QString text = decoder(bytes);
+    if (decoder.hasError() || bytes.contains('\0'))
+        return std::nullopt;
     return text;
 }
 

@@ -3,6 +3,9 @@
 
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
+#include <QtCore/QStringDecoder>
+
+#include <optional>
 
 namespace TelvaneWidgets {
 
@@ -14,9 +17,21 @@ struct MarkedPiece
     qsizetype redLength = 0; ///< how long it is; 0 when nothing is marked
 };
 
-/// Script output is ASCII; any other byte is shown as U+FFFD, one character per byte, so that the output
-/// is seen rather than dropped and its marking lines up with what is shown.
-QString decodeOutput(const QByteArray &bytes);
+/// Script output as text: UTF-8 read chunk by chunk, so that a character split between two chunks comes out
+/// whole with the second; an invalid byte is shown as U+FFFD, so that the output is seen rather than dropped.
+class OutputDecoder
+{
+public:
+    QString decode(const QByteArray &chunk) { return decoder_(chunk); }
+    /// Forgets a character left unfinished by the previous run.
+    void reset() { decoder_.resetState(); }
+
+private:
+    QStringDecoder decoder_{QStringDecoder::Utf8};
+};
+
+/// The text of a script file: nothing when it is not valid UTF-8 or holds a NUL byte, which is never sent.
+std::optional<QString> scriptText(const QByteArray &bytes);
 
 /// Marks a piece of any text, translations included, as telvaneMarkTranscriptPiece marks ASCII.
 MarkedPiece markPiece(const QString &piece);

@@ -77,11 +77,16 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("expected");
         QTest::newRow("output, then the status")
             << "right" << QStringList{"started", "output:one\ntwo\n", "finished:3"};
-        QTest::newRow("refused credentials") << "wrong" << QStringList{"failed:3:invalid credentials"};
-        QTest::newRow("declined by the slot") << "decline" << QStringList{"failed:2:canceled"};
-        QTest::newRow("stopped while asked") << "stop" << QStringList{"failed:2:canceled"};
-        QTest::newRow("prompt cancelled") << "prompt" << QStringList{"failed:2:canceled"};
-        QTest::newRow("connection refused") << "none" << QStringList{"failed:1:failed"};
+        QTest::newRow("refused credentials")
+            << "wrong" << QStringList{"failed:3:the server refused the username or password"};
+        QTest::newRow("declined by the slot")
+            << "decline" << QStringList{"failed:2:no credentials were given for 127.0.0.1"};
+        QTest::newRow("stopped while asked")
+            << "stop" << QStringList{"failed:2:no credentials were given for 127.0.0.1"};
+        QTest::newRow("prompt cancelled")
+            << "prompt" << QStringList{"failed:2:no credentials were given for 127.0.0.1"};
+        QTest::newRow("connection refused")
+            << "none" << QStringList{"failed:1:connect to 127.0.0.1 port 1: Connection refused"};
     }
 
     void runs()

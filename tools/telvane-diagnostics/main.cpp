@@ -8,6 +8,7 @@
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QSocketNotifier>
+#include <QtCore/QStringDecoder>
 #include <QtWidgets/QApplication>
 
 #include <fcntl.h>
@@ -54,7 +55,7 @@ void configure(QCommandLineParser &parser)
     parser.addPositionalArgument(QStringLiteral("HOST"),
                                  QStringLiteral("the sensor host: a name or an IPv4/IPv6 address"));
     parser.addPositionalArgument(QStringLiteral("SCRIPT"),
-                                 QStringLiteral("the diagnostics script file (plain ASCII)"));
+                                 QStringLiteral("the diagnostics script file (UTF-8 text)"));
     parser.addOptions({
         {{QStringLiteral("p"), QStringLiteral("port")},
          QStringLiteral("port, 1 to 65535 (default 22)"),
@@ -140,12 +141,10 @@ std::optional<Sensor> sensorFromArguments(const QCommandLineParser &parser, QStr
         error = QStringLiteral("the script %1 is empty; nothing to run").arg(sensor.script);
         return std::nullopt;
     }
-    for (const char c : text) {
-        if (static_cast<unsigned char>(c) > 0x7f) {
-            error =
-                QStringLiteral("the script %1 is not plain ASCII text; nothing was sent").arg(sensor.script);
-            return std::nullopt;
-        }
+    if (QStringDecoder decoder(QStringDecoder::Utf8);
+        (void)decoder(text), decoder.hasError() || text.contains('\0')) {
+        error = QStringLiteral("the script %1 is not UTF-8 text; nothing was sent").arg(sensor.script);
+        return std::nullopt;
     }
     // The panel reads the file at every run; an absolute path survives a change of directory.
     sensor.script = QFileInfo(sensor.script).absoluteFilePath();
