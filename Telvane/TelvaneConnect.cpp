@@ -19,6 +19,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <thread>
+#include <type_traits>
 #include <unistd.h>
 
 namespace {
@@ -135,9 +136,10 @@ std::optional<std::string> scriptTooLong(const std::string &host, std::size_t si
 class ConnectAttempt
 {
 public:
-    ConnectAttempt(TelvanePrivate &d, std::shared_ptr<Connection> conn, std::string host, std::string address)
-        : d_(d), q_(d.q), conn_(std::move(conn)), host_(std::move(host)), address_(std::move(address)),
-          timeout_(q_.timeout())
+    ConnectAttempt(TelvanePrivate &d, std::unique_lock<std::recursive_mutex> &monitor,
+                   std::shared_ptr<Connection> conn, std::string host, std::string address)
+        : d_(d), monitor_(monitor), q_(d.q), conn_(std::move(conn)), host_(std::move(host)),
+          address_(std::move(address)), timeout_(q_.timeout())
     {}
 
     // True when the pump runs and the delegate may be told of the start.
@@ -292,9 +294,8 @@ private:
         auto delegate = q_.delegate();
         if (!delegate)
             return policyAnswer;
-        const auto asked = Clock::now();
-        const bool answer = delegate->shouldTrustHostKey(q_, shown, policyAnswer);
-        deadline_ += Clock::now() - asked;
+        const bool answer =
+            askDelegate([&] { return delegate->shouldTrustHostKey(q_, shown, policyAnswer); });
         return answer && !stopped();
     }
 
@@ -326,15 +327,12 @@ private:
     {
         credentials_ = TelvaneCredentials::storedCredentials(keyringHost_);
         if (!credentials_) {
-            // The user's time is not the server's: the deadline moves on by as long as the delegate took.
-            const auto asked = Clock::now();
-            auto delegate = q_.delegate();
-            credentials_ = delegate ? delegate->credentialsForSensor(q_, &persist_) : std::nullopt;
-            deadline_ += Clock::now() - asked;
-            if (!credentials_)
-                return fail(TelvaneErrorNoCredentials, "no credentials were given for " + host_);
+            if (auto delegate = q_.delegate())
+                credentials_ = askDelegate([&] { return delegate->credentialsForSensor(q_, &persist_); });
             if (stopped())
                 return false;
+            if (!credentials_)
+                return fail(TelvaneErrorNoCredentials, "no credentials were given for " + host_);
         }
         if (!telvane::isSendableText(credentials_->username) ||
             !telvane::isSendableText(credentials_->password)) {
@@ -518,6 +516,24 @@ private:
         return true;
     }
 
+    // Puts a question to the delegate without the sensor's lock: the answer may take a user's time, and may
+    // need the thread that would otherwise wait for the lock in close(). A stop meanwhile tears the
+    // connection down; the caller checks stopped() before the session is touched again. The user's time is
+    // not the server's either: the deadline moves on by as long as the question took.
+    template <class Question> std::invoke_result_t<Question> askDelegate(Question question)
+    {
+        const auto asked = Clock::now();
+        monitor_.unlock();
+        const struct Relock
+        {
+            std::unique_lock<std::recursive_mutex> &lock;
+            ~Relock() { lock.lock(); }
+        } relock{monitor_};
+        auto answer = question();
+        deadline_ += Clock::now() - asked;
+        return answer;
+    }
+
     // Repeats a non-blocking libssh call while it answers "try again" (@p again: the login calls have their
     // own value for it), waiting on the socket in between. False when the run ended meanwhile (a stop, or the
     // server's silence, both reported already).
@@ -596,6 +612,7 @@ private:
     }
 
     TelvanePrivate &d_;
+    std::unique_lock<std::recursive_mutex> &monitor_; // held, but for the delegate's questions
     Telvane &q_;
     std::shared_ptr<Connection> conn_;
     const std::string host_;
@@ -677,8 +694,8 @@ void TelvanePrivate::runScript(const std::string &script)
 
     bool started;
     {
-        std::lock_guard lock(monitor);
-        started = ConnectAttempt(*this, conn, host, *address).run(script);
+        std::unique_lock lock(monitor);
+        started = ConnectAttempt(*this, lock, conn, host, *address).run(script);
     }
     if (started) {
         if (auto delegate = q.delegate())

@@ -81,8 +81,9 @@ private Q_SLOTS:
             << "wrong" << QStringList{"failed:3:the server refused the username or password"};
         QTest::newRow("declined by the slot")
             << "decline" << QStringList{"failed:2:no credentials were given for 127.0.0.1"};
+        // A stop while the user is asked ends the run at once, as a stop while connecting does.
         QTest::newRow("stopped while asked")
-            << "stop" << QStringList{"failed:2:no credentials were given for 127.0.0.1"};
+            << "stop" << QStringList{"failed:1:connection to 127.0.0.1 stopped"};
         QTest::newRow("prompt cancelled")
             << "prompt" << QStringList{"failed:2:no credentials were given for 127.0.0.1"};
         QTest::newRow("connection refused")
