@@ -3,7 +3,7 @@
 #include <Telvane/TelvaneExport.h>
 
 extern "C" {
-/// The library's version, 5.0.
+/// The library's version as MAJOR.MINOR (5.0); TelvaneVersion.h has the whole of it.
 TELVANE_EXPORT extern const double TelvaneVersionNumber;
 /// The what(1) string of the library.
 TELVANE_EXPORT extern const unsigned char TelvaneVersionString[];
