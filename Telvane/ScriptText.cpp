@@ -1,8 +1,5 @@
 #include "ScriptText.h"
 
-#include <cstdarg>
-#include <cstdio>
-
 namespace telvane {
 
 std::string replaceAll(std::string_view text, std::string_view from, std::string_view to)
@@ -92,21 +89,6 @@ bool isSendableText(std::string_view text)
         i += length;
     }
     return true;
-}
-
-std::string formatText(const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    va_list again;
-    va_copy(again, arguments);
-    const int size = std::vsnprintf(nullptr, 0, format, arguments);
-    va_end(arguments);
-    std::string text(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
-    if (size > 0)
-        std::vsnprintf(text.data(), text.size() + 1, format, again);
-    va_end(again);
-    return text;
 }
 
 } // namespace telvane

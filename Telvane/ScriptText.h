@@ -19,6 +19,4 @@ std::string normaliseScript(std::string_view script, std::string_view password);
 /// True when @p text is valid UTF-8 (no overlong forms, surrogates or code points past U+10FFFF) without
 /// NUL bytes, and can be sent as a C string.
 bool isSendableText(std::string_view text);
-/// printf into a string.
-std::string formatText(const char *format, ...) __attribute__((format(printf, 1, 2)));
 } // namespace telvane

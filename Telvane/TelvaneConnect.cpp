@@ -2,6 +2,7 @@
 // pump.
 #include "KnownHosts.h"
 #include "Platform/SshLibrary.h"
+#include "Platform/TextFormat.h"
 #include "ScriptText.h"
 #include "TelvanePrivate.h"
 #include <Telvane/Platform/TelvaneLog.h>

@@ -6,6 +6,19 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
+
+/// The accounts of @p service among @p items (each with a service and an account), in their order.
+template <class Items>
+std::vector<TelvaneKeychainAccount> accountsOf(const Items &items, const std::string &service)
+{
+    std::vector<TelvaneKeychainAccount> accounts;
+    for (const auto &item : items)
+        if (item.service == service)
+            accounts.push_back(
+                {{kTelvaneKeychainAccountKey, item.account}, {kTelvaneKeychainServiceKey, item.service}});
+    return accounts;
+}
 
 /// Items of this process only, in the order they were first stored. For unit tests.
 std::shared_ptr<TelvaneKeychainBackend> makeMemoryKeychain();

@@ -126,12 +126,7 @@ public:
         Items items;
         if (!locked(LOCK_SH, [&] { return load(items); }))
             return std::nullopt;
-        std::vector<TelvaneKeychainAccount> accounts;
-        for (const auto &item : items.items)
-            if (item.service == service)
-                accounts.push_back(
-                    {{kTelvaneKeychainAccountKey, item.account}, {kTelvaneKeychainServiceKey, item.service}});
-        return accounts;
+        return accountsOf(items.items, service);
     }
 
     std::optional<std::string> passwordForService(const std::string &service,

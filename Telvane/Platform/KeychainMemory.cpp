@@ -20,15 +20,11 @@ public:
     std::optional<std::vector<TelvaneKeychainAccount>> accountsForService(const std::string &service) override
     {
         std::lock_guard lock(mutex_);
-        std::vector<TelvaneKeychainAccount> accounts;
-        for (const auto &item : items_)
-            if (item.service == service)
-                accounts.push_back({{kTelvaneKeychainAccountKey, item.account},
-                                    {kTelvaneKeychainServiceKey, item.service}});
-        return accounts;
+        return accountsOf(items_, service);
     }
 
-    std::optional<std::string> passwordForService(const std::string &service, const std::string &account) override
+    std::optional<std::string> passwordForService(const std::string &service,
+                                                  const std::string &account) override
     {
         std::lock_guard lock(mutex_);
         const auto it = find(service, account);
@@ -37,7 +33,8 @@ public:
         return it->password;
     }
 
-    bool setPassword(const std::string &password, const std::string &service, const std::string &account) override
+    bool setPassword(const std::string &password, const std::string &service,
+                     const std::string &account) override
     {
         std::lock_guard lock(mutex_);
         const auto it = find(service, account);
@@ -60,7 +57,8 @@ public:
     }
 
 private:
-    struct Item {
+    struct Item
+    {
         std::string service, account, password;
     };
     std::vector<Item>::iterator find(const std::string &service, const std::string &account)

@@ -184,18 +184,39 @@ private:
     GObjectPtr<SecretService> service_;
 };
 
-std::vector<SecretItem *> unlockedItems(const ItemList &items, bool &anyLocked)
+// The items of a pair (or of a service), sorted into those that can be read and whether any could not.
+struct Matches
 {
-    std::vector<SecretItem *> unlocked;
-    anyLocked = false;
-    for (GList *node = items.get(); node; node = node->next) {
+    ItemList items;                     // owns the items
+    std::vector<SecretItem *> unlocked; // those of items that are unlocked
+    bool anyLocked = false;
+};
+
+std::optional<Matches> findItems(Operation &op, const std::string &service, const std::string *account,
+                                 const char *what)
+{
+    auto items = op.search(service, account, what);
+    if (!items)
+        return std::nullopt;
+    Matches matches{std::move(*items), {}, false};
+    for (GList *node = matches.items.get(); node; node = node->next) {
         auto *item = static_cast<SecretItem *>(node->data);
         if (secret_item_get_locked(item))
-            anyLocked = true;
+            matches.anyLocked = true;
         else
-            unlocked.push_back(item);
+            matches.unlocked.push_back(item);
     }
-    return unlocked;
+    return matches;
+}
+
+// True when some item can be used; when none can because of locks, says so.
+bool usable(Operation &op, const Matches &matches, const char *what)
+{
+    if (!matches.unlocked.empty())
+        return true;
+    if (matches.anyLocked)
+        op.failLocked(what);
+    return false;
 }
 
 std::string attribute(SecretItem *item, const char *name)
@@ -215,16 +236,14 @@ public:
     {
         static const char *const what = "list accounts";
         Operation op(limit_);
-        const auto items = op.search(service, nullptr, what);
-        if (!items)
+        const auto found = findItems(op, service, nullptr, what);
+        if (!found)
             return std::nullopt;
-        bool anyLocked = false;
-        const auto unlocked = unlockedItems(*items, anyLocked);
         // Listing a locked item would offer an account whose password cannot be read without a prompt.
-        if (anyLocked)
+        if (found->anyLocked)
             op.failLocked(what);
         std::vector<TelvaneKeychainAccount> accounts;
-        for (SecretItem *item : unlocked)
+        for (SecretItem *item : found->unlocked)
             accounts.push_back({{kTelvaneKeychainAccountKey, attribute(item, "account")},
                                 {kTelvaneKeychainServiceKey, attribute(item, "service")}});
         return accounts;
@@ -235,17 +254,10 @@ public:
     {
         static const char *const what = "read a password";
         Operation op(limit_);
-        const auto items = op.search(service, &account, what);
-        if (!items)
+        const auto found = findItems(op, service, &account, what);
+        if (!found || !usable(op, *found, what))
             return std::nullopt;
-        bool anyLocked = false;
-        const auto unlocked = unlockedItems(*items, anyLocked);
-        if (unlocked.empty()) {
-            if (anyLocked)
-                op.failLocked(what);
-            return std::nullopt;
-        }
-        SecretItem *item = unlocked.front();
+        SecretItem *item = found->unlocked.front();
         ErrorSlot error;
         if (!secret_item_load_secret_sync(item, op.cancellable(), error.out())) {
             op.fail(what, error.get());
@@ -267,16 +279,15 @@ public:
     {
         static const char *const what = "save a password";
         Operation op(limit_);
-        const auto items = op.search(service, &account, what);
-        if (!items)
+        const auto found = findItems(op, service, &account, what);
+        if (!found)
             return false;
-        bool anyLocked = false;
-        const auto unlocked = unlockedItems(*items, anyLocked);
         // A second item for the same pair beside a locked one would leave two passwords that disagree.
-        if (anyLocked) {
+        if (found->anyLocked) {
             op.failLocked(what);
             return false;
         }
+        const auto &unlocked = found->unlocked;
         const SecretValuePtr value(
             secret_value_new(password.data(), static_cast<gssize>(password.size()), "text/plain"));
         ErrorSlot error;
@@ -322,19 +333,12 @@ public:
     {
         static const char *const what = "delete a password";
         Operation op(limit_);
-        const auto items = op.search(service, &account, what);
-        if (!items)
+        const auto found = findItems(op, service, &account, what);
+        if (!found || !usable(op, *found, what))
             return false;
-        bool anyLocked = false;
-        const auto unlocked = unlockedItems(*items, anyLocked);
-        if (unlocked.empty()) {
-            if (anyLocked)
-                op.failLocked(what);
-            return false;
-        }
         // The pair may have been stored twice (in two collections); after a delete it must be gone.
         bool removed = false;
-        for (SecretItem *item : unlocked) {
+        for (SecretItem *item : found->unlocked) {
             ErrorSlot error;
             if (!secret_item_delete_sync(item, op.cancellable(), error.out())) {
                 op.fail(what, error.get());

@@ -50,7 +50,8 @@ void TelvaneKeychain::setBackend(std::shared_ptr<TelvaneKeychainBackend> backend
     currentBackend = std::move(backend);
 }
 
-std::optional<std::vector<TelvaneKeychainAccount>> TelvaneKeychain::accountsForService(const std::string &service)
+std::optional<std::vector<TelvaneKeychainAccount>>
+TelvaneKeychain::accountsForService(const std::string &service)
 {
     return backend()->accountsForService(service);
 }

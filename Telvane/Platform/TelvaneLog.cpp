@@ -1,5 +1,7 @@
 #include <Telvane/Platform/TelvaneLog.h>
 
+#include "TextFormat.h"
+
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
@@ -28,7 +30,8 @@ void writeDefault(std::string_view line)
     out.reserve(line.size() + 64);
     out += stamp;
     char tail[48];
-    std::snprintf(tail, sizeof tail, ".%03d Telvane[%d] ", static_cast<int>(millis), static_cast<int>(getpid()));
+    std::snprintf(tail, sizeof tail, ".%03d Telvane[%d] ", static_cast<int>(millis),
+                  static_cast<int>(getpid()));
     out += tail;
     out += line;
     if (out.empty() || out.back() != '\n')
@@ -49,16 +52,10 @@ void emit(std::string_view line)
 
 void telvaneLog(const char *format, ...)
 {
-    va_list args;
-    va_start(args, format);
-    va_list copy;
-    va_copy(copy, args);
-    const int size = std::vsnprintf(nullptr, 0, format, copy);
-    va_end(copy);
-    std::string line(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
-    if (size > 0)
-        std::vsnprintf(line.data(), line.size() + 1, format, args);
-    va_end(args);
+    va_list arguments;
+    va_start(arguments, format);
+    const std::string line = telvane::formatTextV(format, arguments);
+    va_end(arguments);
     emit(line);
 }
 

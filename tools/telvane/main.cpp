@@ -118,6 +118,17 @@ bool isCommand(const std::string &word)
     return word == "run" || word == "diagnose" || word == "forget";
 }
 
+// A command that runs a script: run and diagnose take the same options and a SCRIPT.
+CLI::App *addRunCommand(CLI::App &app, const char *name, const char *description, const char *scriptHelp,
+                        Options &options, RawOptions &raw)
+{
+    CLI::App *command = app.add_subcommand(name, description);
+    addRunOptions(*command, options, raw);
+    command->add_option("SCRIPT", options.scriptPath, scriptHelp);
+    addFleetOptions(*command, options);
+    return command;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -132,11 +143,10 @@ int main(int argc, char **argv)
     Options options;
     RawOptions raw;
     CLI::App *run =
-        app.add_subcommand("run", "run SCRIPT (a file; \"-\" or none: standard input) on HOST and copy "
-                                  "its standard output to ours, byte for byte, as it arrives");
-    addRunOptions(*run, options, raw);
-    run->add_option("SCRIPT", options.scriptPath, "the script file, or - for standard input");
-    addFleetOptions(*run, options);
+        addRunCommand(app, "run",
+                      "run SCRIPT (a file; \"-\" or none: standard input) on HOST and copy its standard "
+                      "output to ours, byte for byte, as it arrives",
+                      "the script file, or - for standard input", options, raw);
     run->footer(
         "Lines holding \"#\" are removed before sending (a warning names those holding a command).\n"
         "Exit status: the script's own; 255 connection failed, 254 no credentials, 253 authentication "
@@ -147,11 +157,10 @@ int main(int argc, char **argv)
         "130 or 143 interrupted; 141 the reader of standard output went away.");
 
     CLI::App *diagnose =
-        app.add_subcommand("diagnose", "show the diagnostics transcript of SCRIPT on HOST: the "
-                                       "connection, the output with *marked* spans in red, the end");
-    addRunOptions(*diagnose, options, raw);
-    diagnose->add_option("SCRIPT", options.scriptPath, "the diagnostics script file");
-    addFleetOptions(*diagnose, options);
+        addRunCommand(app, "diagnose",
+                      "show the diagnostics transcript of SCRIPT on HOST: the connection, the "
+                      "output with *marked* spans in red, the end",
+                      "the diagnostics script file", options, raw);
     diagnose
         ->add_option(
             "--color", options.colour,
