@@ -7,7 +7,7 @@ if(TELVANE_SANITIZE STREQUAL "")
     if(TARGET TelvaneWidgets)
         add_test(NAME ExportedSymbols.widgets
             COMMAND ${PROJECT_SOURCE_DIR}/scripts/check-symbols $<TARGET_FILE:TelvaneWidgets>
-                    ${PROJECT_SOURCE_DIR}/Telvane/libtelvane-widgets.symbols)
+                    ${PROJECT_SOURCE_DIR}/Telvane/Widgets/libtelvane-widgets.symbols)
     endif()
 endif()
 

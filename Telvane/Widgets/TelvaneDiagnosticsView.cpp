@@ -1,7 +1,7 @@
 #include "TelvaneDiagnosticsView.h"
 
 #include "TelvaneSensorRunner.h"
-#include "TelvaneTranscript.h"
+#include <Telvane/TelvaneTranscript.h>
 #include "TelvaneWidgetsTranslations.h"
 #include "TranscriptFormat.h"
 #include "ui_TelvaneDiagnosticsView.h"
