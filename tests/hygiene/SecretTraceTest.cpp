@@ -3,74 +3,41 @@
 // no file, unless the user chose the file keyring.
 #include "integration/Loopback.h"
 #include "integration/SensorRun.h"
+#include "support/Files.h"
 #include "support/Process.h"
 
 #include <Telvane/Platform/TelvaneKeychain.h>
 
 #include <algorithm>
-#include <dirent.h>
 #include <filesystem>
 #include <fstream>
-#include <sys/stat.h>
 #include <thread>
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using telvane::test::LoopbackSocket;
 using telvane::test::RecordingDelegate;
-using Event = RecordingDelegate::Event;
 
 namespace {
 
 // A password the server never accepts: it is sent, refused, and must vanish like the real one.
 const std::string kWrongPassword = "wrong#Pw-7d1f0c";
+const char *const kUserDirectories[] = {"HOME",           "XDG_DATA_HOME",  "XDG_CONFIG_HOME",
+                                        "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_RUNTIME_DIR"};
 
-bool fileHolds(const fs::path &path, const std::string &needle)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    return text.find(needle) != std::string::npos;
-}
-
-// Regular files under @p root changed since @p since that hold @p needle (bounded: at most 20000 entries,
-// files of at most 4 MiB; nothing is followed through links).
+// Regular files under @p root changed since @p since that hold @p needle (at most 20000 entries, files of at
+// most 4 MiB; nothing is followed through links).
 std::vector<std::string> filesHolding(const fs::path &root, const std::string &needle,
                                       fs::file_time_type since = fs::file_time_type::min())
 {
     std::vector<std::string> hits;
-    std::error_code ec;
+    std::error_code ec, e;
     fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec), end;
-    for (int seen = 0; !ec && it != end && seen < 20000; it.increment(ec), ++seen) {
-        const auto &entry = *it;
-        std::error_code e;
-        if (!entry.is_regular_file(e) || entry.is_symlink(e) || entry.file_size(e) > (4u << 20))
-            continue;
-        if (entry.last_write_time(e) < since)
-            continue;
-        if (fileHolds(entry.path(), needle))
-            hits.push_back(entry.path().string());
-    }
+    for (int seen = 0; !ec && it != end && seen < 20000; it.increment(ec), ++seen)
+        if (it->is_regular_file(e) && !it->is_symlink(e) && it->file_size(e) <= (4u << 20) &&
+            it->last_write_time(e) >= since &&
+            telvane::test::readFile(it->path()).find(needle) != std::string::npos)
+            hits.push_back(it->path().string());
     return hits;
-}
-
-// Every process's argument vector, as one string each (NULs turned into blanks).
-std::vector<std::string> allCommandLines()
-{
-    std::vector<std::string> lines;
-    DIR *proc = opendir("/proc");
-    if (!proc)
-        return lines;
-    while (dirent *entry = readdir(proc)) {
-        if (entry->d_name[0] < '0' || entry->d_name[0] > '9')
-            continue;
-        std::ifstream in(std::string("/proc/") + entry->d_name + "/cmdline", std::ios::binary);
-        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        std::replace(text.begin(), text.end(), '\0', ' ');
-        if (!text.empty())
-            lines.push_back(std::move(text));
-    }
-    closedir(proc);
-    return lines;
 }
 
 class SecretTrace : public telvane::test::SensorRunTest
@@ -84,23 +51,15 @@ protected:
         std::string pattern = (fs::temp_directory_path() / "telvane-hygiene-XXXXXX").string();
         ASSERT_TRUE(mkdtemp(pattern.data()));
         home = pattern;
-        // The library's idea of the user's directories points into the test's own.
-        for (const char *name : {"HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME",
-                                 "XDG_STATE_HOME", "XDG_RUNTIME_DIR"}) {
-            if (const char *old = std::getenv(name))
-                saved.emplace_back(name, old);
-            const fs::path dir = home / (std::string(name) == "HOME" ? "home" : name);
-            fs::create_directories(dir);
-            ::setenv(name, dir.c_str(), 1);
+        // The library's idea of the user's directories points into the test's own (each case is a process
+        // of its own, so nothing is put back).
+        for (const char *name : kUserDirectories) {
+            fs::create_directories(home / name);
+            ::setenv(name, (home / name).c_str(), 1);
         }
     }
     void TearDown() override
     {
-        for (const char *name : {"HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME",
-                                 "XDG_STATE_HOME", "XDG_RUNTIME_DIR"})
-            ::unsetenv(name);
-        for (const auto &[name, value] : saved)
-            ::setenv(name.c_str(), value.c_str(), 1);
         if (!home.empty())
             fs::remove_all(home);
         SensorRunTest::TearDown();
@@ -119,52 +78,38 @@ protected:
         return delegate;
     }
 
-    // Every way a run can end, with the right and the wrong password, from the delegate and the keyring.
-    void runEveryOutcome()
-    {
-        const TelvaneCredentialsDictionary right{sshd().username(), sshd().password()};
-        auto sensor = makeSensor();
-        EXPECT_EQ(0, attempt(*sensor, right, "echo fine", true)->terminationStatus()) << log.joined();
-        // From the keyring now; then a stored pair that the server refuses, which is deleted.
-        const auto stored = attempt(*sensor, std::nullopt, "echo again; exit 4");
-        EXPECT_EQ(4, stored->terminationStatus());
-        EXPECT_EQ(0, stored->count(Event::AskedCredentials));
-        TelvaneKeychain::setPassword(kWrongPassword, sensor->serviceNameForSensor(), sshd().username());
-        EXPECT_EQ(3, attempt(*sensor, std::nullopt, "echo never")->failureCode());
-        // The wrong password from the delegate; a user the server does not allow; a port nobody listens on.
-        EXPECT_EQ(
-            3, attempt(*sensor, TelvaneCredentialsDictionary{sshd().username(), kWrongPassword}, "echo never")
-                   ->failureCode());
-        EXPECT_EQ(3, attempt(*sensor,
-                             TelvaneCredentialsDictionary{"nobody-" + sshd().username(), sshd().password()},
-                             "echo never")
-                         ->failureCode());
-        LoopbackSocket closed;
-        auto refusedPort = makeSensor("127.0.0.1", closed.port());
-        EXPECT_EQ(1, attempt(*refusedPort, right, "echo never")->failureCode());
-    }
-
     fs::path home;
-    std::vector<std::pair<std::string, std::string>> saved;
 };
 
 } // namespace
 
-TEST_F(SecretTrace, NoLogLineHoldsAPasswordWhateverTheRunsOutcome)
-{
-    runEveryOutcome();
-    ASSERT_FALSE(log.lines().empty()) << "the failed runs logged nothing: the check would prove nothing";
-    for (const auto &line : log.lines()) {
-        EXPECT_EQ(std::string::npos, line.find(sshd().password())) << line;
-        EXPECT_EQ(std::string::npos, line.find(kWrongPassword)) << line;
-    }
-}
-
-TEST_F(SecretTrace, NoFileHoldsThePasswordUnlessTheFileKeyringWasChosen)
+TEST_F(SecretTrace, NoLogLineOrFileHoldsAPasswordWhateverTheRunsOutcome)
 {
     const auto since = fs::file_time_type::clock::now() - 1s;
-    runEveryOutcome();
+    // Every way a run can end, with the right and the wrong password, from the delegate and the keyring.
+    const TelvaneCredentialsDictionary right{sshd().username(), sshd().password()};
+    auto sensor = makeSensor();
+    EXPECT_EQ(0, attempt(*sensor, right, "echo fine", true)->terminationStatus()) << log.joined();
+    // From the keyring now; then a stored pair that the server refuses, which is deleted.
+    const auto stored = attempt(*sensor, std::nullopt, "echo again; exit 4");
+    EXPECT_EQ(4, stored->terminationStatus());
+    EXPECT_EQ(0, stored->count(RecordingDelegate::Event::AskedCredentials));
+    TelvaneKeychain::setPassword(kWrongPassword, sensor->serviceNameForSensor(), sshd().username());
+    EXPECT_EQ(3, attempt(*sensor, std::nullopt, "echo never")->failureCode());
+    // The wrong password from the delegate; a user the server does not allow; a port nobody listens on.
+    EXPECT_EQ(3,
+              attempt(*sensor, TelvaneCredentialsDictionary{sshd().username(), kWrongPassword}, "echo never")
+                  ->failureCode());
+    EXPECT_EQ(3,
+              attempt(*sensor, TelvaneCredentialsDictionary{"nobody-" + sshd().username(), sshd().password()},
+                      "echo never")
+                  ->failureCode());
+    telvane::test::LoopbackSocket closed;
+    EXPECT_EQ(1, attempt(*makeSensor("127.0.0.1", closed.port()), right, "echo never")->failureCode());
+
+    ASSERT_FALSE(log.lines().empty()) << "the failed runs logged nothing: the check would prove nothing";
     for (const std::string &secret : {sshd().password(), kWrongPassword}) {
+        EXPECT_FALSE(log.contains(secret)) << log.joined();
         for (const auto &hit : filesHolding(home, secret))
             ADD_FAILURE() << hit << " holds a password";
         for (const auto &hit : filesHolding(fs::temp_directory_path(), secret, since))
@@ -173,97 +118,57 @@ TEST_F(SecretTrace, NoFileHoldsThePasswordUnlessTheFileKeyringWasChosen)
 
     // The one exception, and a proof that the scan finds what is there: the keyring file the user chose.
     TelvaneKeychain::setBackend(TelvaneKeychain::makeBackend("file"));
-    auto sensor = makeSensor();
-    EXPECT_EQ(0, attempt(*sensor, TelvaneCredentialsDictionary{sshd().username(), sshd().password()},
-                         "echo kept", true)
-                     ->terminationStatus());
-    const fs::path keyring = fs::path(std::getenv("XDG_DATA_HOME")) / "telvane" / "keyring";
+    EXPECT_EQ(0, attempt(*sensor, right, "echo kept", true)->terminationStatus());
+    const fs::path keyring = home / "XDG_DATA_HOME" / "telvane" / "keyring";
     EXPECT_EQ(std::vector<std::string>{keyring.string()}, filesHolding(home, sshd().password()));
-    struct stat st
-    {
-    };
-    ASSERT_EQ(0, ::stat(keyring.c_str(), &st));
-    EXPECT_EQ(0600u, st.st_mode & 0777);
-}
-
-TEST_F(SecretTrace, NoProcessArgumentHoldsThePasswordWhileARunGoesOn)
-{
-    auto sensor = makeSensor();
-    std::thread run([&] { sensor->runScript("sleep 2", std::nullopt); });
-    // Scan while the login and the script are under way, sshd's side included.
-    bool sawSshdSession = false;
-    const auto deadline = std::chrono::steady_clock::now() + 2500ms;
-    while (std::chrono::steady_clock::now() < deadline) {
-        for (const auto &line : allCommandLines()) {
-            EXPECT_EQ(std::string::npos, line.find(sshd().password())) << line;
-            sawSshdSession |= line.find("sshd: " + sshd().username()) != std::string::npos;
-        }
-        std::this_thread::sleep_for(50ms);
-    }
-    run.join();
-    ASSERT_TRUE(delegate->waitForEnd(10s));
-    EXPECT_TRUE(sawSshdSession) << "the scan never saw the run's sshd session: it proves nothing";
+    EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::status(keyring).permissions());
 }
 
 #ifdef TELVANE_CLI_PATH
-TEST_F(SecretTrace, TheCommandLineHostKeepsThePasswordFromArgumentsAndOutput)
+TEST_F(SecretTrace, TheCommandLineHostKeepsThePasswordFromEveryProcessesArgumentsAndItsOutput)
 {
-    const fs::path passwordFile = home / "password";
-    {
-        std::ofstream(passwordFile) << sshd().password() << "\n";
-        fs::permissions(passwordFile, fs::perms::owner_read | fs::perms::owner_write);
-    }
-    const fs::path wrongFile = home / "wrong";
-    {
-        std::ofstream(wrongFile) << kWrongPassword << "\n";
-        fs::permissions(wrongFile, fs::perms::owner_read | fs::perms::owner_write);
-    }
-    const fs::path script = home / "script";
-    std::ofstream(script) << "sleep 2\necho done\n";
-
-    const auto cli = [&](const fs::path &password, bool verbose) {
-        std::vector<std::string> args{TELVANE_CLI_PATH,
-                                      "run",
-                                      "-p",
-                                      std::to_string(sshd().port()),
-                                      "-l",
-                                      sshd().username(),
-                                      "--password-file",
-                                      password.string()};
+    const auto file = [&](const std::string &name, const std::string &text) {
+        std::ofstream(home / name) << text;
+        fs::permissions(home / name, fs::perms::owner_read | fs::perms::owner_write);
+        return (home / name).string();
+    };
+    const std::string script = file("script", "sleep 2\necho done\n");
+    const auto cli = [&](const std::string &password, bool verbose) {
+        std::vector<std::string> args{
+            TELVANE_CLI_PATH,  "run",   "-p", std::to_string(sshd().port()), "-l", sshd().username(),
+            "--password-file", password};
         if (verbose)
             args.push_back("-v");
-        args.push_back(sshd().host());
-        args.push_back(script.string());
-        telvane::test::ProcessOptions options;
-        options.environment = {{"TELVANE_KEYRING", "memory"}, {"NO_COLOR", ""}};
-        return telvane::test::runProcess(args, options);
+        args.insert(args.end(), {sshd().host(), script});
+        return telvane::test::runProcess(args,
+                                         {.environment = {{"TELVANE_KEYRING", "memory"}, {"NO_COLOR", ""}}});
     };
 
-    // The argument scan runs beside the host, which takes two seconds for its script.
+    // Every process's arguments, sshd's session included, are scanned while the host runs its script.
     telvane::test::ProcessResult result;
-    std::thread host([&] { result = cli(passwordFile, true); });
-    bool sawHost = false;
-    const auto deadline = std::chrono::steady_clock::now() + 2500ms;
-    while (std::chrono::steady_clock::now() < deadline) {
-        for (const auto &line : allCommandLines()) {
+    std::thread host([&] { result = cli(file("password", sshd().password() + "\n"), true); });
+    bool sawHost = false, sawSshdSession = false;
+    for (const auto deadline = std::chrono::steady_clock::now() + 2500ms;
+         std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(50ms))
+        for (const auto &entry : fs::directory_iterator("/proc")) {
+            std::string line = telvane::test::readFile(entry.path() / "cmdline");
+            std::replace(line.begin(), line.end(), '\0', ' ');
             EXPECT_EQ(std::string::npos, line.find(sshd().password())) << line;
             sawHost |= line.find("--password-file") != std::string::npos;
+            sawSshdSession |= line.find("sshd: " + sshd().username()) != std::string::npos;
         }
-        std::this_thread::sleep_for(50ms);
-    }
     host.join();
-    EXPECT_TRUE(sawHost) << "the scan never saw the host's arguments: it proves nothing";
+    EXPECT_TRUE(sawHost && sawSshdSession)
+        << "the scan never saw the host or its sshd session: it proves nothing";
     EXPECT_EQ(0, result.status) << result.err;
     EXPECT_EQ("done\n", result.out);
-
-    for (const bool verbose : {false, true}) {
-        const auto refused = cli(wrongFile, verbose);
-        EXPECT_EQ(253, refused.status) << refused.err;
-        for (const auto *stream : {&refused.out, &refused.err}) {
-            EXPECT_EQ(std::string::npos, stream->find(kWrongPassword)) << *stream;
-            EXPECT_EQ(std::string::npos, stream->find(sshd().password())) << *stream;
-        }
-    }
     EXPECT_EQ(std::string::npos, result.err.find(sshd().password())) << result.err;
+
+    const std::string wrong = file("wrong", kWrongPassword + "\n");
+    for (const bool verbose : {false, true}) {
+        const auto refused = cli(wrong, verbose);
+        EXPECT_EQ(253, refused.status) << refused.err;
+        EXPECT_EQ(std::string::npos, (refused.out + refused.err).find(kWrongPassword)) << refused.err;
+    }
 }
 #endif

@@ -5,127 +5,27 @@
 #include <libsecret/secret.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <memory>
-#include <poll.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace telvane::test {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-constexpr auto kStartLimit = std::chrono::seconds(20);
 constexpr const char *kPassword = "telvane-test-login";
-
-struct ErrorFree
-{
-    void operator()(GError *error) const { g_error_free(error); }
-};
-struct VariantUnref
-{
-    void operator()(GVariant *variant) const { g_variant_unref(variant); }
-};
-using VariantPtr = std::unique_ptr<GVariant, VariantUnref>;
+constexpr const char *kDefault = "/org/freedesktop/secrets/aliases/default";
 
 std::string message(GError *error)
 {
-    std::unique_ptr<GError, ErrorFree> owned(error);
-    return owned ? owned->message : "unknown error";
-}
-
-// Starts @p argv with exactly @p env. The child dies with this thread (gtest runs tests on the main thread),
-// so a crashing or aborted test leaves no daemon behind.
-pid_t spawn(const std::vector<std::string> &argv, const std::vector<std::string> &env, int in, int out,
-            int err)
-{
-    // Everything the child needs is built before fork: after it only async-signal-safe calls are allowed.
-    std::vector<char *> args, envp;
-    for (const auto &a : argv)
-        args.push_back(const_cast<char *>(a.c_str()));
-    args.push_back(nullptr);
-    for (const auto &e : env)
-        envp.push_back(const_cast<char *>(e.c_str()));
-    envp.push_back(nullptr);
-    const pid_t parent = ::getpid();
-    const pid_t pid = ::fork();
-    if (pid != 0)
-        return pid;
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() != parent)
-        ::_exit(127);
-    ::dup2(in, 0);
-    ::dup2(out, 1);
-    ::dup2(err, 2);
-    ::execve(args[0], args.data(), envp.data());
-    ::_exit(127);
-}
-
-std::string which(const char *program)
-{
-    for (const char *dir : {"/usr/bin", "/usr/local/bin", "/bin"}) {
-        const std::string path = std::string(dir) + "/" + program;
-        if (::access(path.c_str(), X_OK) == 0)
-            return path;
-    }
-    return {};
-}
-
-bool exited(pid_t pid)
-{
-    int status = 0;
-    return ::waitpid(pid, &status, WNOHANG) == pid;
-}
-
-void terminate(pid_t &pid)
-{
-    if (pid <= 0)
-        return;
-    ::kill(pid, SIGTERM);
-    const auto deadline = Clock::now() + std::chrono::seconds(5);
-    int status = 0;
-    while (::waitpid(pid, &status, WNOHANG) == 0) {
-        if (Clock::now() >= deadline) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, &status, 0);
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    pid = -1;
-}
-
-GDBusConnection *connectPrivately(const std::string &address, std::string &error)
-{
-    GError *raw = nullptr;
-    GDBusConnection *connection = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &raw);
-    if (!connection)
-        error = message(raw);
-    return connection;
-}
-
-void closeAndRelease(GDBusConnection *&connection)
-{
-    if (!connection)
-        return;
-    g_dbus_connection_close_sync(connection, nullptr, nullptr);
-    g_object_unref(connection);
-    connection = nullptr;
+    const std::string text = error ? error->message : "unknown error";
+    g_clear_error(&error);
+    return text;
 }
 
 // The bus configuration: a session bus on a socket in our directory, with no service directories, so that
@@ -134,18 +34,11 @@ std::string busConfig(const std::string &dir)
 {
     return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
            " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-           "<busconfig>\n"
-           "  <type>session</type>\n"
-           "  <listen>unix:path=" +
+           "<busconfig><type>session</type><listen>unix:path=" +
            dir +
-           "/bus</listen>\n"
-           "  <auth>EXTERNAL</auth>\n"
-           "  <policy context=\"default\">\n"
-           "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-           "    <allow eavesdrop=\"true\"/>\n"
-           "    <allow own=\"*\"/>\n"
-           "  </policy>\n"
-           "</busconfig>\n";
+           "/bus</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+           "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/>"
+           "</policy></busconfig>\n";
 }
 
 // A plain static rather than data handed to the filter: GLib's hand-over to its worker thread is invisible to
@@ -154,11 +47,9 @@ std::atomic<int> promptsSeenInProcess{0};
 
 GDBusMessage *countPrompts(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer)
 {
-    if (!incoming)
-        return message;
     const GDBusMessageType type = g_dbus_message_get_message_type(message);
     // Replies pass: the one to BecomeMonitor is awaited. Whatever else a monitor receives is only watched.
-    if (type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN || type == G_DBUS_MESSAGE_TYPE_ERROR)
+    if (!incoming || type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN || type == G_DBUS_MESSAGE_TYPE_ERROR)
         return message;
     if (type == G_DBUS_MESSAGE_TYPE_METHOD_CALL)
         ++promptsSeenInProcess;
@@ -175,14 +66,24 @@ void drainDefaultContext()
     g_main_context_release(nullptr);
 }
 
-} // namespace
-
-KeyringDaemon::KeyringDaemon() = default;
-
-KeyringDaemon::~KeyringDaemon()
+void release(GDBusConnection *&connection)
 {
-    stop();
+    if (connection) {
+        g_dbus_connection_close_sync(connection, nullptr, nullptr);
+        g_clear_object(&connection);
+    }
 }
+
+void kill(GSubprocess *&process)
+{
+    if (process) {
+        g_subprocess_force_exit(process);
+        g_subprocess_wait(process, nullptr, nullptr);
+        g_clear_object(&process);
+    }
+}
+
+} // namespace
 
 bool KeyringDaemon::fail(std::string why)
 {
@@ -192,7 +93,39 @@ bool KeyringDaemon::fail(std::string why)
 
 std::string KeyringDaemon::log() const
 {
-    return dir_.empty() ? std::string() : readFile(dir_ + "/daemons.log");
+    return dir_.empty() ? std::string() : readFile(dir_ + "/bus.log") + readFile(dir_ + "/keyring.log");
+}
+
+// Starts @p argv with an environment of its own directory; its output goes to @p logName in it. The child
+// dies with this thread (gtest runs tests on the main thread), so a crashed test leaves no daemon behind.
+GSubprocess *KeyringDaemon::spawn(const char *const *argv, int flags, const std::string &logName)
+{
+    const bool piped = flags & G_SUBPROCESS_FLAGS_STDOUT_PIPE;
+    GSubprocessLauncher *launcher = g_subprocess_launcher_new(
+        static_cast<GSubprocessFlags>(piped ? flags : flags | G_SUBPROCESS_FLAGS_STDERR_MERGE));
+    const std::vector<std::string> env = {"PATH=/usr/bin:/bin",
+                                          "LANG=C",
+                                          "HOME=" + dir_ + "/home",
+                                          "XDG_DATA_HOME=" + dir_ + "/data",
+                                          "XDG_CONFIG_HOME=" + dir_ + "/config",
+                                          "XDG_CACHE_HOME=" + dir_ + "/cache",
+                                          "XDG_RUNTIME_DIR=" + dir_ + "/run",
+                                          "DBUS_SESSION_BUS_ADDRESS=" + address_};
+    std::vector<const char *> envp;
+    for (const auto &e : env)
+        envp.push_back(e.c_str());
+    envp.push_back(nullptr);
+    g_subprocess_launcher_set_environ(launcher, const_cast<gchar **>(envp.data()));
+    (piped ? g_subprocess_launcher_set_stderr_file_path
+           : g_subprocess_launcher_set_stdout_file_path)(launcher, (dir_ + "/" + logName).c_str());
+    g_subprocess_launcher_set_child_setup(
+        launcher, [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
+    GError *error = nullptr;
+    GSubprocess *process = g_subprocess_launcher_spawnv(launcher, argv, &error);
+    g_object_unref(launcher);
+    if (!process)
+        fail(std::string("cannot start ") + argv[0] + ": " + message(error));
+    return process;
 }
 
 bool KeyringDaemon::start(With what)
@@ -213,149 +146,112 @@ bool KeyringDaemon::start(With what)
     ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
     addressSet_ = true;
 
-    if (!startMonitor())
-        return false;
-    if (what == With::Keyring && (!startKeyring() || !waitForDefaultCollection()))
-        return false;
-
     // GLib makes one session connection per process and, by default, raises SIGTERM when its bus goes
     // away. Hold it with that switched off until stop() has closed it.
-    GError *raw = nullptr;
-    sharedBus_ = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &raw);
+    GError *error = nullptr;
+    sharedBus_ = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &error);
     if (!sharedBus_)
-        return fail("cannot connect to the test bus: " + message(raw));
+        return fail("cannot connect to the test bus: " + message(error));
     g_dbus_connection_set_exit_on_close(sharedBus_, FALSE);
     if (g_dbus_connection_is_closed(sharedBus_))
         return fail("this process still holds the session connection of an earlier bus");
-    return true;
+    return startMonitor() && (what == With::BusOnly || (startKeyring() && waitForDefaultCollection()));
 }
 
 bool KeyringDaemon::startBus()
 {
-    const std::string daemon = which("dbus-daemon");
-    if (daemon.empty())
+    gchar *daemon = g_find_program_in_path("dbus-daemon");
+    if (!daemon)
         return fail("dbus-daemon is not installed (Debian package dbus)");
-    {
-        std::ofstream config(dir_ + "/bus.conf");
-        config << busConfig(dir_);
-    }
-    int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0)
-        return fail(std::string("pipe2: ") + std::strerror(errno));
-    Descriptor readEnd(pipeFds[0]), writeEnd(pipeFds[1]);
-    Descriptor null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    Descriptor logFile(
-        ::open((dir_ + "/daemons.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-    busPid_ =
-        spawn({daemon, "--config-file=" + dir_ + "/bus.conf", "--print-address=1", "--nofork", "--nopidfile"},
-              {"PATH=/usr/bin:/bin", "HOME=" + dir_ + "/home"}, null.get(), writeEnd.get(), logFile.get());
-    if (busPid_ < 0)
-        return fail(std::string("fork: ") + std::strerror(errno));
-    writeEnd.reset();
-
+    std::ofstream(dir_ + "/bus.conf") << busConfig(dir_);
+    const std::string config = "--config-file=" + dir_ + "/bus.conf";
+    const char *argv[] = {daemon, config.c_str(), "--print-address=1", "--nofork", "--nopidfile", nullptr};
+    bus_ = spawn(argv, G_SUBPROCESS_FLAGS_STDOUT_PIPE, "bus.log");
+    g_free(daemon);
+    if (!bus_)
+        return false;
     // The daemon prints its address once it listens: that line is the readiness signal.
-    const auto deadline = Clock::now() + kStartLimit;
-    std::string line;
-    while (line.find('\n') == std::string::npos) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        pollfd p{readEnd.get(), POLLIN, 0};
-        if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0)
-            return fail("dbus-daemon printed no address: " + log());
-        char buffer[256];
-        const ssize_t n = ::read(readEnd.get(), buffer, sizeof buffer);
-        if (n <= 0)
-            return fail("dbus-daemon exited before it listened: " + log());
-        line.append(buffer, static_cast<std::size_t>(n));
-    }
-    address_ = line.substr(0, line.find('\n'));
+    GDataInputStream *out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(bus_));
+    g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(out), FALSE);
+    gchar *line = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
+    g_object_unref(out);
+    if (!line)
+        return fail("dbus-daemon exited before it listened: " + log());
+    address_ = line;
+    g_free(line);
     return true;
 }
 
 bool KeyringDaemon::startKeyring()
 {
-    const std::string daemon = which("gnome-keyring-daemon");
-    if (daemon.empty())
+    gchar *daemon = g_find_program_in_path("gnome-keyring-daemon");
+    if (!daemon)
         return fail("gnome-keyring-daemon is not installed (Debian package gnome-keyring)");
-    int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0)
-        return fail(std::string("pipe2: ") + std::strerror(errno));
-    Descriptor readEnd(pipeFds[0]), writeEnd(pipeFds[1]);
-    Descriptor logFile(
-        ::open((dir_ + "/daemons.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     // With --unlock the daemon reads the login password from standard input and creates the login keyring
     // with it, unlocked and aliased "default": no prompt is ever needed to store an item.
-    keyringPid_ =
-        spawn({daemon, "--unlock", "--components=secrets", "--foreground"},
-              {"PATH=/usr/bin:/bin", "LANG=C", "HOME=" + dir_ + "/home", "XDG_DATA_HOME=" + dir_ + "/data",
-               "XDG_CONFIG_HOME=" + dir_ + "/config", "XDG_CACHE_HOME=" + dir_ + "/cache",
-               "XDG_RUNTIME_DIR=" + dir_ + "/run", "DBUS_SESSION_BUS_ADDRESS=" + address_},
-              readEnd.get(), logFile.get(), logFile.get());
-    if (keyringPid_ < 0)
-        return fail(std::string("fork: ") + std::strerror(errno));
-    readEnd.reset();
-    const std::size_t length = std::strlen(kPassword);
-    if (::write(writeEnd.get(), kPassword, length) != static_cast<ssize_t>(length))
-        return fail(std::string("cannot hand the login password to gnome-keyring-daemon: ") +
-                    std::strerror(errno));
+    const char *argv[] = {daemon, "--unlock", "--components=secrets", "--foreground", nullptr};
+    keyring_ = spawn(argv, G_SUBPROCESS_FLAGS_STDIN_PIPE, "keyring.log");
+    g_free(daemon);
+    if (!keyring_)
+        return false;
+    GOutputStream *in = g_subprocess_get_stdin_pipe(keyring_);
+    GError *error = nullptr;
+    if (!g_output_stream_write_all(in, kPassword, std::strlen(kPassword), nullptr, nullptr, &error) ||
+        !g_output_stream_close(in, nullptr, &error))
+        return fail("cannot hand the login password to gnome-keyring-daemon: " + message(error));
     return true;
 }
 
 bool KeyringDaemon::waitForDefaultCollection()
 {
     std::string why;
-    GDBusConnection *probe = connectPrivately(address_, why);
-    if (!probe)
-        return fail("cannot connect to the test bus: " + why);
-    const auto deadline = Clock::now() + kStartLimit;
-    bool ready = false;
-    while (!ready) {
-        if (exited(keyringPid_)) {
-            keyringPid_ = -1;
-            why = "gnome-keyring-daemon exited";
-            break;
+    for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+         std::chrono::steady_clock::now() < deadline;
+         std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+        GError *error = nullptr;
+        GVariant *reply = g_dbus_connection_call_sync(
+            sharedBus_, "org.freedesktop.secrets", "/org/freedesktop/secrets",
+            "org.freedesktop.Secret.Service", "ReadAlias", g_variant_new("(s)", "default"),
+            G_VARIANT_TYPE("(o)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, 2000, nullptr, &error);
+        if (!reply) {
+            why = message(error);
+            continue;
         }
-        if (Clock::now() >= deadline) {
-            why = "no default collection within 20 s (last answer: " + why + ")";
-            break;
-        }
-        GError *raw = nullptr;
-        VariantPtr reply(g_dbus_connection_call_sync(
-            probe, "org.freedesktop.secrets", "/org/freedesktop/secrets", "org.freedesktop.Secret.Service",
-            "ReadAlias", g_variant_new("(s)", "default"), G_VARIANT_TYPE("(o)"),
-            G_DBUS_CALL_FLAGS_NO_AUTO_START, 2000, nullptr, &raw));
-        if (reply) {
-            const char *path = nullptr;
-            g_variant_get(reply.get(), "(&o)", &path);
-            ready = std::strcmp(path, "/") != 0;
-            why = std::string("default alias is ") + path;
-        } else {
-            why = message(raw);
-        }
-        if (!ready)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        const char *path = nullptr;
+        g_variant_get(reply, "(&o)", &path);
+        why = std::string("default alias is ") + path;
+        const bool ready = why != "default alias is /";
+        g_variant_unref(reply);
+        if (ready)
+            return true;
     }
-    closeAndRelease(probe);
-    return ready || fail(why + ": " + log());
+    return fail("no default collection within 20 s (last answer: " + why + "): " + log());
 }
 
 bool KeyringDaemon::startMonitor()
 {
-    std::string why;
-    monitor_ = connectPrivately(address_, why);
+    GError *error = nullptr;
+    monitor_ = g_dbus_connection_new_for_address_sync(
+        address_.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
     if (!monitor_)
-        return fail("cannot connect to the test bus: " + why);
+        return fail("cannot connect to the test bus: " + message(error));
     promptsBefore_ = promptsSeenInProcess.load();
     g_dbus_connection_add_filter(monitor_, countPrompts, nullptr, nullptr);
     const char *rules[] = {
         "type='method_call',interface='org.freedesktop.Secret.Service',member='Unlock'",
         "type='method_call',interface='org.freedesktop.Secret.Service',member='CreateCollection'",
         "type='method_call',interface='org.freedesktop.Secret.Prompt'", nullptr};
-    GError *raw = nullptr;
-    VariantPtr reply(g_dbus_connection_call_sync(monitor_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                 "org.freedesktop.DBus.Monitoring", "BecomeMonitor",
-                                                 g_variant_new("(^asu)", rules, 0u), nullptr,
-                                                 G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &raw));
-    return reply || fail("cannot monitor the test bus: " + message(raw));
+    GVariant *reply = g_dbus_connection_call_sync(monitor_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                  "org.freedesktop.DBus.Monitoring", "BecomeMonitor",
+                                                  g_variant_new("(^asu)", rules, 0u), nullptr,
+                                                  G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+    if (!reply)
+        return fail("cannot monitor the test bus: " + message(error));
+    g_variant_unref(reply);
+    return true;
 }
 
 int KeyringDaemon::promptsSeen() const
@@ -363,49 +259,23 @@ int KeyringDaemon::promptsSeen() const
     return promptsSeenInProcess.load() - promptsBefore_;
 }
 
-// One call to the keyring over a connection of its own; false, with error() set, when it fails.
-bool KeyringDaemon::callService(const char *interface, const char *method, GVariant *parameters,
-                                const GVariantType *replyType, GVariant **reply)
+void KeyringDaemon::freeze()
 {
-    std::string why;
-    GDBusConnection *connection = connectPrivately(address_, why);
-    if (!connection) {
-        g_variant_unref(g_variant_ref_sink(parameters));
-        return fail("cannot connect to the test bus: " + why);
-    }
-    GError *raw = nullptr;
-    GVariant *answer = g_dbus_connection_call_sync(connection, "org.freedesktop.secrets",
-                                                   "/org/freedesktop/secrets", interface, method, parameters,
-                                                   replyType, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &raw);
-    closeAndRelease(connection);
-    if (!answer)
-        return fail(std::string(method) + " on the keyring failed: " + message(raw));
-    if (reply)
-        *reply = answer;
-    else
-        g_variant_unref(answer);
+    g_subprocess_send_signal(keyring_, SIGSTOP);
+}
+
+bool KeyringDaemon::callService(const char *method)
+{
+    const char *paths[] = {kDefault, nullptr};
+    GError *error = nullptr;
+    GVariant *reply =
+        g_dbus_connection_call_sync(sharedBus_, "org.freedesktop.secrets", "/org/freedesktop/secrets",
+                                    "org.freedesktop.Secret.Service", method, g_variant_new("(^ao)", paths),
+                                    G_VARIANT_TYPE("(aoo)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+    if (!reply)
+        return fail(std::string(method) + " on the keyring failed: " + message(error));
+    g_variant_unref(reply);
     return true;
-}
-
-bool KeyringDaemon::lockAll()
-{
-    GVariant *raw = nullptr;
-    if (!callService("org.freedesktop.DBus.Properties", "Get",
-                     g_variant_new("(ss)", "org.freedesktop.Secret.Service", "Collections"),
-                     G_VARIANT_TYPE("(v)"), &raw))
-        return false;
-    VariantPtr collections(raw);
-    VariantPtr paths(g_variant_get_child_value(collections.get(), 0));
-    VariantPtr list(g_variant_get_variant(paths.get()));
-    return callService("org.freedesktop.Secret.Service", "Lock", g_variant_new("(@ao)", list.get()),
-                       G_VARIANT_TYPE("(aoo)"));
-}
-
-bool KeyringDaemon::requestUnlock()
-{
-    const char *paths[] = {"/org/freedesktop/secrets/aliases/default", nullptr};
-    return callService("org.freedesktop.Secret.Service", "Unlock", g_variant_new("(^ao)", paths),
-                       G_VARIANT_TYPE("(aoo)"));
 }
 
 void KeyringDaemon::stop()
@@ -417,16 +287,14 @@ void KeyringDaemon::stop()
     // main context, which nothing runs in a test; until they run, the closed connection stays GLib's
     // session connection and every later test would get it.
     drainDefaultContext();
-    closeAndRelease(sharedBus_);
+    release(sharedBus_);
     drainDefaultContext();
-    closeAndRelease(monitor_);
-    terminate(keyringPid_);
-    terminate(busPid_);
+    release(monitor_);
+    kill(keyring_);
+    kill(bus_);
     if (addressSet_) {
-        if (hadAddress_)
-            ::setenv("DBUS_SESSION_BUS_ADDRESS", savedAddress_.c_str(), 1);
-        else
-            ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
+        hadAddress_ ? ::setenv("DBUS_SESSION_BUS_ADDRESS", savedAddress_.c_str(), 1)
+                    : ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
         addressSet_ = false;
     }
     if (!dir_.empty()) {

@@ -1,0 +1,145 @@
+// The command-line host as a user runs it: the real binary against the real loopback sshd, with a home,
+// keyring and password file of the test's own.
+#pragma once
+#include "integration/Loopback.h"
+#include "support/Process.h"
+#include "support/SshdFixture.h"
+
+#include <filesystem>
+#include <fstream>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+
+namespace fs = std::filesystem;
+using telvane::test::ProcessOptions;
+using telvane::test::ProcessResult;
+using telvane::test::runProcess;
+
+inline std::size_t occurrences(const std::string &text, const std::string &word)
+{
+    std::size_t n = 0;
+    for (auto at = text.find(word); at != std::string::npos; at = text.find(word, at + 1))
+        ++n;
+    return n;
+}
+
+class CliTest : public telvane::test::SshdTest
+{
+protected:
+    void SetUp() override
+    {
+        SshdTest::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
+        std::string pattern = (fs::temp_directory_path() / "telvane-cli-XXXXXX").string();
+        home = mkdtemp(pattern.data());
+        passwordFile = write("password", sshd().password() + "\n");
+        port = std::to_string(sshd().port());
+    }
+    void TearDown() override
+    {
+        SshdTest::TearDown();
+        if (!home.empty())
+            fs::remove_all(home);
+    }
+
+    // A file only its owner may read, in the test's directory.
+    std::string write(const std::string &name, const std::string &text) const
+    {
+        const std::string path = (home / name).string();
+        std::ofstream(path) << text;
+        fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write);
+        return path;
+    }
+    std::string script(const std::string &text) const
+    {
+        return write("script" + std::to_string(scripts++), text);
+    }
+
+    std::map<std::string, std::string> environment() const
+    {
+        return {{"TELVANE_KEYRING", "file"},
+                {"XDG_DATA_HOME", (home / "data").string()},
+                {"NO_COLOR", ""},
+                {"HOME", home.string()}};
+    }
+
+    // telvane with @p args in the test's environment (what @p options sets wins).
+    ProcessResult telvane(std::vector<std::string> args, ProcessOptions options = {}) const
+    {
+        args.insert(args.begin(), TELVANE_CLI_PATH);
+        options.environment.merge(environment());
+        return runProcess(args, options);
+    }
+
+    // The command, then the harness's port, account and password file, then the rest of @p args.
+    std::vector<std::string> login(std::vector<std::string> args) const
+    {
+        args.insert(args.begin() + 1, {"-p", port, "-l", sshd().username(), "--password-file", passwordFile});
+        return args;
+    }
+
+    struct Exchange
+    {
+        std::string question;
+        std::string answer; // "FINGERPRINT": the host key's fingerprint as the question showed it
+    };
+
+    // telvane on a terminal of its own, answering each question once it shows, in whatever order they come.
+    // The terminal's text goes to `out`; `err` counts the questions answered.
+    ProcessResult onTerminal(std::vector<std::string> args, std::vector<Exchange> exchanges) const
+    {
+        args.insert(args.begin(), TELVANE_CLI_PATH);
+        int terminal = -1;
+        const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
+        if (pid < 0)
+            return {};
+        if (pid == 0) {
+            for (const auto &[name, value] : environment())
+                setenv(name.c_str(), value.c_str(), 1);
+            std::vector<char *> argv;
+            for (auto &arg : args)
+                argv.push_back(arg.data());
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        ProcessResult result;
+        std::size_t answered = 0, seen = 0;
+        for (char buffer[4096];;) {
+            pollfd fd{terminal, POLLIN, 0};
+            const ssize_t n = poll(&fd, 1, 10000) > 0 ? read(terminal, buffer, sizeof buffer) : 0;
+            if (n <= 0)
+                break; // the end (EIO once telvane has gone), or a question nobody expected
+            result.out.append(buffer, static_cast<std::size_t>(n));
+            for (auto it = exchanges.begin(); it != exchanges.end(); ++it) {
+                const auto at = result.out.find(it->question, seen);
+                if (at == std::string::npos)
+                    continue;
+                seen = at + it->question.size();
+                std::string answer = it->answer;
+                if (answer == "FINGERPRINT") {
+                    const auto from = result.out.find("SHA256:");
+                    answer = result.out.substr(from, result.out.find('.', from) - from);
+                }
+                answer += "\n";
+                ++answered;
+                exchanges.erase(it);
+                [[maybe_unused]] const auto written = ::write(terminal, answer.data(), answer.size());
+                break;
+            }
+        }
+        kill(pid, SIGKILL); // harmless once it has ended; ends it if it waits for an answer that never came
+        int status = 0;
+        waitpid(pid, &status, 0);
+        close(terminal);
+        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        result.err = std::to_string(answered);
+        return result;
+    }
+
+    fs::path home;
+    std::string passwordFile, port;
+    mutable int scripts = 0;
+};
