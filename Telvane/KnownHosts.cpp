@@ -1,5 +1,7 @@
 #include "KnownHosts.h"
 
+#include "Platform/HomeDirectory.h"
+
 #include <cstdlib>
 #include <fstream>
 #include <pwd.h>
@@ -8,19 +10,6 @@
 
 namespace telvane {
 namespace {
-
-std::string homeDirectory()
-{
-    if (const char *home = std::getenv("HOME"); home && *home)
-        return home;
-    long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
-    std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
-    passwd entry{};
-    passwd *found = nullptr;
-    if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found)
-        return found->pw_dir;
-    return {};
-}
 
 // One parsed known-hosts line, freed with its scope.
 struct Entry
@@ -33,7 +22,8 @@ struct Entry
 
 std::string defaultKnownHostsFile()
 {
-    return homeDirectory() + "/.ssh/known_hosts";
+    const std::string home = homeDirectory();
+    return home.empty() ? std::string() : home + "/.ssh/known_hosts";
 }
 
 std::string knownHostsName(const std::string &host, long port)

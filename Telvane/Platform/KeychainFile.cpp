@@ -2,6 +2,7 @@
 // read-modify-write under an exclusive lock, written to a temporary file beside it and renamed over it, so a
 // crash at any moment leaves either the old or the new file whole.
 #include "KeychainBackends.h"
+#include "HomeDirectory.h"
 
 #include <Telvane/Platform/TelvaneLog.h>
 #include <Telvane/Platform/TelvaneSecret.h>
@@ -365,19 +366,9 @@ std::string defaultFileKeychainPath()
     const char *data = std::getenv("XDG_DATA_HOME");
     if (data && *data == '/')
         return std::string(data) + "/telvane/keyring";
-    // Without $HOME, the password database's home: never a shared directory such as /tmp, where another user
-    // could create the keyring's directory first.
-    const char *home = std::getenv("HOME");
-    std::string base = home && *home == '/' ? home : "";
-    if (base.empty()) {
-        std::vector<char> buffer(16384);
-        passwd entry{};
-        passwd *found = nullptr;
-        if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
-            found->pw_dir && *found->pw_dir == '/')
-            base = found->pw_dir;
-    }
-    return base.empty() ? std::string() : base + "/.local/share/telvane/keyring";
+    // Never a shared directory such as /tmp, where another user could create the keyring's directory first.
+    const std::string home = telvane::homeDirectory();
+    return home.empty() ? std::string() : home + "/.local/share/telvane/keyring";
 }
 
 std::shared_ptr<TelvaneKeychainBackend> makeFileKeychain(std::string path)

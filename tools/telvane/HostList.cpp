@@ -27,17 +27,17 @@ std::string trimmed(const std::string &line)
 
 } // namespace
 
-std::optional<FleetHost> parseHostSpec(const std::string &spec, long defaultPort, std::string &error)
+std::optional<FleetHost> parseHostSpec(const std::string &text, long defaultPort, std::string &error)
 {
     FleetHost host;
-    host.label = spec;
+    host.label = text;
     host.port = defaultPort;
-    std::string rest = spec;
+    std::string rest = text;
     if (const auto at = rest.find('@'); at != std::string::npos) {
         host.user = rest.substr(0, at);
         rest.erase(0, at + 1);
         if (host.user->empty()) {
-            error = "the host " + spec + " has an empty username";
+            error = "the host " + text + " has an empty username";
             return std::nullopt;
         }
     }
@@ -45,7 +45,7 @@ std::optional<FleetHost> parseHostSpec(const std::string &spec, long defaultPort
     if (!rest.empty() && rest.front() == '[') {
         const auto close = rest.find(']');
         if (close == std::string::npos || (close + 1 < rest.size() && rest[close + 1] != ':')) {
-            error = "the host " + spec + " is not [IPV6] or [IPV6]:PORT";
+            error = "the host " + text + " is not [IPV6] or [IPV6]:PORT";
             return std::nullopt;
         }
         if (close + 1 < rest.size())
@@ -59,27 +59,27 @@ std::optional<FleetHost> parseHostSpec(const std::string &spec, long defaultPort
     if (portText) {
         const auto port = parsePort(*portText);
         if (!port) {
-            error = "the host " + spec + " has a bad port \"" + *portText + "\" (1 to 65535)";
+            error = "the host " + text + " has a bad port \"" + *portText + "\" (1 to 65535)";
             return std::nullopt;
         }
         host.port = *port;
     }
     if (rest.empty() || rest.find_first_of(" \t/") != std::string::npos) {
-        error = "\"" + spec + "\" is not a host";
+        error = "\"" + text + "\" is not a host";
         return std::nullopt;
     }
     host.host = std::move(rest);
     return host;
 }
 
-std::optional<std::vector<FleetHost>> collectHosts(const std::vector<std::string> &specs,
+std::optional<std::vector<FleetHost>> collectHosts(const std::vector<std::string> &written,
                                                    const std::optional<std::string> &hostsFile,
                                                    long defaultPort, std::string &error)
 {
     std::vector<FleetHost> hosts;
     std::unordered_map<std::string, int> seen;
-    const auto add = [&](const std::string &spec) {
-        auto host = parseHostSpec(spec, defaultPort, error);
+    const auto add = [&](const std::string &text) {
+        auto host = parseHostSpec(text, defaultPort, error);
         if (!host)
             return false;
         if (const int repeat = ++seen[host->label]; repeat > 1)
@@ -87,8 +87,8 @@ std::optional<std::vector<FleetHost>> collectHosts(const std::vector<std::string
         hosts.push_back(std::move(*host));
         return true;
     };
-    for (const auto &spec : specs)
-        if (!add(spec))
+    for (const auto &text : written)
+        if (!add(text))
             return std::nullopt;
     if (hostsFile) {
         std::ifstream in(*hostsFile);

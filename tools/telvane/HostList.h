@@ -15,10 +15,10 @@ struct FleetHost
 
 /// Reads one host written as HOST, USER@HOST, HOST:PORT or [IPV6]:PORT (a bare IPv6 address takes
 /// @p defaultPort). Nothing, with @p error saying why, when it is not one of those.
-std::optional<FleetHost> parseHostSpec(const std::string &spec, long defaultPort, std::string &error);
+std::optional<FleetHost> parseHostSpec(const std::string &text, long defaultPort, std::string &error);
 
 /// Every host of -H and of the hosts file (one a line; blank lines and "#" comments skipped), labels made
 /// unique by a "#N" suffix on repeats. Nothing, with @p error, at the first bad one.
-std::optional<std::vector<FleetHost>> collectHosts(const std::vector<std::string> &specs,
+std::optional<std::vector<FleetHost>> collectHosts(const std::vector<std::string> &written,
                                                    const std::optional<std::string> &hostsFile,
                                                    long defaultPort, std::string &error);
