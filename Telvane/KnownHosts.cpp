@@ -1,6 +1,6 @@
-#include "KnownHosts.h"
+#include "KnownHosts_p.h"
 
-#include "Platform/HomeDirectory.h"
+#include "Platform/HomeDirectory_p.h"
 
 #include <cstdlib>
 #include <fstream>

@@ -1,6 +1,6 @@
-#include "SshConnection.h"
+#include "SshConnection_p.h"
 
-#include "Platform/SshLibrary.h"
+#include "Platform/SshLibrary_p.h"
 
 #include <sys/eventfd.h>
 #include <sys/socket.h>

@@ -1,8 +1,8 @@
 #include <Telvane/Telvane.h>
 
-#include "Platform/SshLibrary.h"
-#include "ScriptText.h"
-#include "TelvanePrivate.h"
+#include "Platform/SshLibrary_p.h"
+#include "ScriptText_p.h"
+#include "Telvane_p.h"
 #include <Telvane/Platform/TelvaneLog.h>
 
 TelvaneDelegate::~TelvaneDelegate() = default;

@@ -1,10 +1,10 @@
 // The connecting half of a run: resolve, connect, handshake, credentials, login, channel, exec, start the
 // pump.
-#include "KnownHosts.h"
-#include "Platform/SshLibrary.h"
-#include "Platform/TextFormat.h"
-#include "ScriptText.h"
-#include "TelvanePrivate.h"
+#include "KnownHosts_p.h"
+#include "Platform/SshLibrary_p.h"
+#include "Platform/TextFormat_p.h"
+#include "ScriptText_p.h"
+#include "Telvane_p.h"
 #include <Telvane/Platform/TelvaneLog.h>
 #include <Telvane/TelvaneCredentials.h>
 

@@ -1,5 +1,5 @@
 // The output pump: copies the script's standard output from the channel into the sensor's pipe.
-#include "TelvanePrivate.h"
+#include "Telvane_p.h"
 #include <Telvane/Platform/TelvaneLog.h>
 
 #include <csignal>

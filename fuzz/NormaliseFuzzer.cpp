@@ -1,7 +1,7 @@
 // Script normalisation: the invariants that make a script safe to send, and, for short inputs, agreement
 // with the regular expressions the rules are written in.
 #include "FuzzCheck.h"
-#include "ScriptText.h"
+#include "ScriptText_p.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 

@@ -1,7 +1,7 @@
 // Placeholder substitution against a naive model: whatever the keys, values and template, the result is the
 // one that replacing each "__KEY__" in turn, left to right, gives.
 #include "FuzzCheck.h"
-#include "ScriptText.h"
+#include "ScriptText_p.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 

@@ -1,4 +1,4 @@
-#include "HomeDirectory.h"
+#include "HomeDirectory_p.h"
 
 #include <cstdlib>
 #include <pwd.h>
@@ -14,8 +14,8 @@ std::string homeDirectory()
     std::vector<char> buffer(16384);
     passwd entry{};
     passwd *found = nullptr;
-    if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found && found->pw_dir &&
-        *found->pw_dir == '/')
+    if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
+        found->pw_dir && *found->pw_dir == '/')
         return found->pw_dir;
     return {};
 }

@@ -1,8 +1,8 @@
 // The file keyring: one text file, 0600, that the user chose with TELVANE_KEYRING=file. Every change is a
 // read-modify-write under an exclusive lock, written to a temporary file beside it and renamed over it, so a
 // crash at any moment leaves either the old or the new file whole.
-#include "KeychainBackends.h"
-#include "HomeDirectory.h"
+#include "HomeDirectory_p.h"
+#include "KeychainBackends_p.h"
 
 #include <Telvane/Platform/TelvaneLog.h>
 #include <Telvane/Platform/TelvaneSecret.h>

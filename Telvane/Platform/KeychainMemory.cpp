@@ -1,4 +1,4 @@
-#include "KeychainBackends.h"
+#include "KeychainBackends_p.h"
 
 #include <Telvane/Platform/TelvaneSecret.h>
 

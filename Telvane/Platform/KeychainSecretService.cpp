@@ -7,7 +7,7 @@
 // Nothing here ever asks the keyring to unlock or to create a collection. Both may show a password prompt,
 // and on a headless host or in a service nobody will ever answer it. A locked keyring therefore reads as
 // empty and refuses writes, with a log line that says why.
-#include "KeychainBackends.h"
+#include "KeychainBackends_p.h"
 
 #include <Telvane/Platform/TelvaneLog.h>
 

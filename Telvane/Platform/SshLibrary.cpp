@@ -1,4 +1,4 @@
-#include "SshLibrary.h"
+#include "SshLibrary_p.h"
 
 #include <libssh/libssh.h>
 #include <mutex>

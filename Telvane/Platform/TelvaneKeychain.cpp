@@ -1,6 +1,6 @@
 #include <Telvane/Platform/TelvaneKeychain.h>
 
-#include "KeychainBackends.h"
+#include "KeychainBackends_p.h"
 #include <Telvane/Platform/TelvaneLog.h>
 
 #include <cstdlib>

@@ -1,6 +1,6 @@
 #include <Telvane/Platform/TelvaneLog.h>
 
-#include "TextFormat.h"
+#include "TextFormat_p.h"
 
 #include <cerrno>
 #include <chrono>

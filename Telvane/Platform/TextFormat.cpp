@@ -1,4 +1,4 @@
-#include "TextFormat.h"
+#include "TextFormat_p.h"
 
 #include <cstdio>
 

@@ -1,4 +1,4 @@
-#include "BackgroundThreads.h"
+#include "BackgroundThreads_p.h"
 
 #include <chrono>
 #include <condition_variable>

@@ -1,4 +1,4 @@
-#include "PromptRelay.h"
+#include "PromptRelay_p.h"
 
 #include <Telvane/Platform/TelvaneLog.h>
 

@@ -1,8 +1,8 @@
 #include "TelvaneCredentialsPrompt.h"
 
-#include "PromptRelay.h"
+#include "PromptRelay_p.h"
 #include "TelvaneCredentialsAccessoryView.h"
-#include "TelvaneWidgetsTranslations.h"
+#include "TelvaneWidgetsTranslations_p.h"
 
 #include <Telvane/Telvane.h>
 

@@ -1,10 +1,10 @@
 #include "TelvaneDiagnosticsView.h"
 
 #include "TelvaneSensorRunner.h"
-#include <Telvane/TelvaneTranscript.h>
-#include "TelvaneWidgetsTranslations.h"
-#include "TranscriptFormat.h"
+#include "TelvaneWidgetsTranslations_p.h"
+#include "TranscriptFormat_p.h"
 #include "ui_TelvaneDiagnosticsView.h"
+#include <Telvane/TelvaneTranscript.h>
 
 #include <Telvane/Telvane.h>
 

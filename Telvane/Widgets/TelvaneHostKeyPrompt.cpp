@@ -1,7 +1,7 @@
 #include "TelvaneHostKeyPrompt.h"
 
-#include "PromptRelay.h"
-#include "TelvaneWidgetsTranslations.h"
+#include "PromptRelay_p.h"
+#include "TelvaneWidgetsTranslations_p.h"
 #include "ui_TelvaneHostKeyPrompt.h"
 
 #include <Telvane/Telvane.h>

@@ -1,6 +1,6 @@
 #include "TelvaneSensorRunner.h"
 
-#include "BackgroundThreads.h"
+#include "BackgroundThreads_p.h"
 #include "TelvaneCredentialsPrompt.h"
 #include "TelvaneHostKeyPrompt.h"
 

@@ -1,4 +1,4 @@
-#include "TelvaneWidgetsTranslations.h"
+#include "TelvaneWidgetsTranslations_p.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QLocale>

@@ -1,4 +1,4 @@
-#include "TranscriptFormat.h"
+#include "TranscriptFormat_p.h"
 
 #include <Telvane/TelvaneTranscript.h>
 

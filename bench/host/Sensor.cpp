@@ -2,7 +2,7 @@
 #include "Modes.h"
 
 #include "../common/SessionMethods.h"
-#include "TelvanePrivate.h"
+#include "Telvane_p.h"
 
 #include <fstream>
 #include <sstream>

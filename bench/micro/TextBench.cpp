@@ -1,5 +1,5 @@
 // In-process costs of the text rules: script normalisation, placeholder substitution and transcript marking.
-#include "ScriptText.h"
+#include "ScriptText_p.h"
 
 #include <Telvane/TelvaneTranscript.h>
 

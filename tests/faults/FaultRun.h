@@ -3,7 +3,7 @@
 // descriptor or libssh reference left once the run is over.
 #pragma once
 
-#include "Platform/SshLibrary.h"
+#include "Platform/SshLibrary_p.h"
 #include "support/FaultServer.h"
 #include "support/TestEnvironment.h"
 

@@ -2,7 +2,7 @@
 // block as it is freed: no freed block may still hold the password, be it the library's own strings or
 // libssh's buffers. Without a sanitizer it replaces free() itself, which libssh calls too; a sanitizer owns
 // free(), and there the replaced operator delete sees the library's own blocks.
-#include "Platform/SshLibrary.h"
+#include "Platform/SshLibrary_p.h"
 #include "integration/SensorRun.h"
 
 #include <Telvane/Platform/TelvaneKeychain.h>

@@ -1,7 +1,7 @@
 // The file keyring under a writer that is killed at any moment: the file always parses and holds either the
 // pair from before the save or the one from after it, keeps mode 0600, and no temporary copy of a password is
 // left beside it once the next save has run.
-#include "Platform/KeychainBackends.h"
+#include "Platform/KeychainBackends_p.h"
 #include "support/TestEnvironment.h"
 
 #include <chrono>

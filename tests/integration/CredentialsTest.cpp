@@ -1,5 +1,5 @@
 // Where a run's credentials come from, what the server's answer does to the keyring, and what is never sent.
-#include "Platform/SshLibrary.h"
+#include "Platform/SshLibrary_p.h"
 #include "integration/SensorRun.h"
 
 using telvane::test::RecordingDelegate;

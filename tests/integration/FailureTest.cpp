@@ -1,6 +1,6 @@
 // Runs that cannot get going: each ends once, with its code and its log line, and holds nothing afterwards.
 // A host that does not resolve, or resolves to no address, needs no server: the unit suite covers those.
-#include "Platform/SshLibrary.h"
+#include "Platform/SshLibrary_p.h"
 #include "integration/Loopback.h"
 #include "integration/SensorRun.h"
 

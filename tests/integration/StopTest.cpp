@@ -1,6 +1,6 @@
 // Stopping a run from outside, at any moment, and readers that walk away: the run always ends, promptly,
 // reports at most once, and leaves no thread, descriptor or library reference behind.
-#include "Platform/SshLibrary.h"
+#include "Platform/SshLibrary_p.h"
 #include "integration/Loopback.h"
 #include "integration/SensorRun.h"
 

@@ -1,6 +1,6 @@
 // The Secret Service keyring against a real gnome-keyring-daemon on a private bus, and against keyrings
 // that are missing, silent or locked.
-#include "Platform/KeychainBackends.h"
+#include "Platform/KeychainBackends_p.h"
 #include "support/KeychainBehaviour.h"
 #include "support/KeyringDaemon.h"
 

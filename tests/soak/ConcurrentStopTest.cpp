@@ -1,6 +1,6 @@
 // Sixty-four sensors at once against one sshd, most of them stopped from other threads at random moments:
 // nothing crashes or hangs, each sensor ends in one of the ways a stop allows, and nothing is left behind.
-#include "Platform/SshLibrary.h"
+#include "Platform/SshLibrary_p.h"
 #include "support/SshdFixture.h"
 
 #include <atomic>

@@ -1,5 +1,5 @@
 // Many runs in a row in one process: every run ends as it should, and neither descriptors nor memory creep.
-#include "Platform/SshLibrary.h"
+#include "Platform/SshLibrary_p.h"
 #include "support/SshdFixture.h"
 
 #include <cstdlib>

@@ -1,6 +1,6 @@
 #include "support/TestEnvironment.h"
 
-#include "TelvanePrivate.h"
+#include "Telvane_p.h"
 
 #include <cstdlib>
 #include <dirent.h>

@@ -1,6 +1,6 @@
 // The credential store over each backend that needs no daemon; the Secret Service runs the same
 // behaviour in its own suite against a real keyring daemon.
-#include "Platform/KeychainBackends.h"
+#include "Platform/KeychainBackends_p.h"
 #include "support/KeychainBehaviour.h"
 #include "support/TestEnvironment.h"
 
@@ -51,7 +51,9 @@ TELVANE_KEYCHAIN_BEHAVIOUR_TESTS(FileKeychainTest)
 TEST_F(FileKeychainTest, FileIsPrivateAndHoldsEverythingVerbatim)
 {
     ASSERT_TRUE(backend->setPassword("p\tw\nd\\", "svc (h)", "tab\tuser"));
-    struct stat st {};
+    struct stat st
+    {
+    };
     ASSERT_EQ(0, stat(file.c_str(), &st));
     EXPECT_EQ(0600u, st.st_mode & 0777);
     ASSERT_EQ(0, stat(file.parent_path().c_str(), &st));

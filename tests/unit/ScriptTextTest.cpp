@@ -1,4 +1,4 @@
-#include "ScriptText.h"
+#include "ScriptText_p.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // The sensor object without a network: the connecting half is replaced through the internal seam.
-#include "Platform/SshLibrary.h"
-#include "TelvanePrivate.h"
+#include "Platform/SshLibrary_p.h"
+#include "Telvane_p.h"
 #include "support/TestEnvironment.h"
 
 #include <cmath>

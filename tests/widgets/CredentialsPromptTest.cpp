@@ -3,7 +3,7 @@
 #include "TelvaneCredentialsAccessoryView.h"
 #include "TelvaneCredentialsPrompt.h"
 #include "TelvaneHostKeyPrompt.h"
-#include "TelvaneWidgetsTranslations.h"
+#include "TelvaneWidgetsTranslations_p.h"
 #include "support/QtRequire.h"
 
 #include <Telvane/Telvane.h>

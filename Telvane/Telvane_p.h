@@ -3,7 +3,7 @@
 
 #include <Telvane/Telvane.h>
 
-#include "SshConnection.h"
+#include "SshConnection_p.h"
 
 #include <atomic>
 #include <functional>
