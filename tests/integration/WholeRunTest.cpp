@@ -24,6 +24,7 @@ TEST_P(WholeRun, DeliversEveryByteInOrderAndTheExitStatusAfterTheEnd)
 {
     const auto [size, status] = GetParam();
     auto sensor = makeSensor();
+    delegate->endDelay = std::chrono::milliseconds(50);
     ASSERT_TRUE(runToEnd(*sensor, "seq 1 20000000 | head -c " + std::to_string(size) + "\nexit " +
                                       std::to_string(status)));
     ASSERT_EQ(std::nullopt, delegate->failureCode()) << log.joined();

@@ -123,6 +123,7 @@ void RecordingDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneF
 
 void RecordingDelegate::sensorScriptDidTerminate(Telvane &, long status)
 {
+    std::this_thread::sleep_for(endDelay);
     record({Event::Terminated, status});
 }
 

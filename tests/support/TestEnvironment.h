@@ -68,6 +68,8 @@ public:
     bool answerPersist = false;
     /// When false, nobody reads the output: the test does.
     bool drainOutput = true;
+    /// How long hearing the end takes: a reader that meets end of file before it has been heard shows then.
+    std::chrono::milliseconds endDelay{0};
 
     void sensorScriptDidStart(Telvane &sensor, std::shared_ptr<TelvaneFileHandle> output) override;
     void sensorScriptDidTerminate(Telvane &sensor, long status) override;

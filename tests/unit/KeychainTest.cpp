@@ -68,10 +68,10 @@ TEST_F(FileKeychainTest, RefusesACorruptOrExposedFileAndNeverOverwritesIt)
 
     fs::remove(file);
     ASSERT_TRUE(backend->setPassword("pw", "svc", "user"));
-    chmod(file.c_str(), 0644);
+    chmod(file.c_str(), 0640);
     EXPECT_FALSE(backend->passwordForService("svc", "user").has_value());
     EXPECT_FALSE(backend->deletePasswordForService("svc", "user"));
-    EXPECT_TRUE(log.contains("mode 0644")) << log.joined();
+    EXPECT_TRUE(log.contains("mode 0640")) << log.joined();
     chmod(file.c_str(), 0600);
     EXPECT_EQ("pw", backend->passwordForService("svc", "user"));
 }
