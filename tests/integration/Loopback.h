@@ -1,66 +1,54 @@
 // Plain TCP endpoints on 127.0.0.1 for the failure cases that a well-behaved sshd never produces.
 #pragma once
 
+#include "support/Files.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <vector>
 
 namespace telvane::test {
 
-/// A socket bound to a free loopback port. With listen(), connections are accepted (or queued); without,
-/// every connection to the port is refused, and the port stays ours so nobody else can take it meanwhile.
+/// A socket bound to a free loopback port. Without a @p backlog every connection to it is refused; with one,
+/// connections queue, unanswered. deafen() fills that queue: from then on a connect neither succeeds nor
+/// fails.
 class LoopbackSocket
 {
 public:
-    explicit LoopbackSocket(int backlog = -1) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    explicit LoopbackSocket(int backlog = -1)
     {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address = loopback(0);
         socklen_t length = sizeof address;
-        if (::bind(fd_, reinterpret_cast<sockaddr *>(&address), length) == 0 &&
-            ::getsockname(fd_, reinterpret_cast<sockaddr *>(&address), &length) == 0)
-            port_ = ntohs(address.sin_port);
+        ::bind(fd_.get(), reinterpret_cast<sockaddr *>(&address), length);
+        ::getsockname(fd_.get(), reinterpret_cast<sockaddr *>(&address), &length);
+        port_ = ntohs(address.sin_port);
         if (backlog >= 0)
-            ::listen(fd_, backlog);
+            ::listen(fd_.get(), backlog);
     }
-    ~LoopbackSocket()
-    {
-        for (int fd : others_)
-            ::close(fd);
-        ::close(fd_);
-    }
-    LoopbackSocket(const LoopbackSocket &) = delete;
-    LoopbackSocket &operator=(const LoopbackSocket &) = delete;
-
     int port() const { return port_; }
-    int fd() const { return fd_; }
-
-    /// Fills a listener's queue with connections nobody accepts; from then on the kernel drops new SYNs,
-    /// so a connect to the port neither succeeds nor fails until its time-out.
-    void fillBacklog()
+    void deafen()
     {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<uint16_t>(port_));
-        for (int i = 0; i < 4; ++i) {
-            const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-            ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-            others_.push_back(fd);
+        const sockaddr_in address = loopback(port_);
+        for (auto &queued : queue_) {
+            queued.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+            ::connect(queued.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
         }
     }
 
-    /// Keeps an accepted connection open (and silent) until this object goes.
-    void keep(int fd) { others_.push_back(fd); }
-
 private:
-    int fd_;
+    static sockaddr_in loopback(int port)
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        return address;
+    }
+    Descriptor fd_{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    Descriptor queue_[4];
     int port_ = 0;
-    std::vector<int> others_;
 };
 
 } // namespace telvane::test

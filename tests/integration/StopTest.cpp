@@ -4,31 +4,21 @@
 #include "integration/Loopback.h"
 #include "integration/SensorRun.h"
 
-#include <chrono>
-#include <cstdlib>
 #include <random>
 #include <thread>
 
 using namespace std::chrono_literals;
-using telvane::test::LoopbackSocket;
-using telvane::test::openDescriptorCount;
-using telvane::test::readToEnd;
-using telvane::test::RecordingDelegate;
-using telvane::test::SensorRunTest;
-using telvane::test::threadCount;
-using telvane::test::waitUntil;
+using namespace telvane::test;
 using Event = RecordingDelegate::Event;
 
 namespace {
-
 class Stop : public SensorRunTest
 {
 protected:
     void SetUp() override
     {
         SensorRunTest::SetUp();
-        if (delegate)
-            delegate->drainOutput = false; // the tests read, or refuse to read, themselves
+        delegate->drainOutput = false; // the tests read, or refuse to read, themselves
     }
     std::shared_ptr<TelvaneFileHandle> startedOutput(Telvane &sensor, const std::string &script)
     {
@@ -36,21 +26,27 @@ protected:
         sensor.runScript(script, std::nullopt);
         return delegate->count(Event::Started) == before + 1 ? delegate->handle() : nullptr;
     }
-    // Baselines: what the process has with no sensor and no run, once a first run has set up whatever
-    // lives on for good.
-    void warmUp(int *threads, int *descriptors)
+    // What the process has with no run, once a first run has set up whatever lives on for good.
+    void warmUp()
     {
-        // ThreadSanitizer starts a thread of its own with the first thread: have it started before counting.
-        std::thread([] {}).join();
-        *threads = threadCount();
+        std::thread([] {}).join(); // ThreadSanitizer starts a thread of its own with the first one
+        threads = threadCount();
         delegate->drainOutput = true;
         ASSERT_TRUE(runToEnd(*makeSensor(), "echo warm"));
-        ASSERT_TRUE(waitUntil([&] { return threadCount() == *threads; }, 5s));
+        ASSERT_TRUE(waitUntil([&] { return threadCount() == threads; }, 5s));
         freshDelegate();
-        *descriptors = openDescriptorCount();
+        descriptors = openDescriptorCount();
     }
+    void expectNothingLeft()
+    {
+        freshDelegate();
+        EXPECT_TRUE(waitUntil([&] { return threadCount() == threads; })) << threadCount() << " threads";
+        EXPECT_TRUE(waitUntil([&] { return openDescriptorCount() == descriptors; }, 5s))
+            << openDescriptorCount() << " descriptors open, " << descriptors << " before";
+        EXPECT_EQ(0, telvane::sshLibraryReferences());
+    }
+    int threads = 0, descriptors = 0;
 };
-
 } // namespace
 
 TEST_F(Stop, WhileOutputFlowsTheEndIsReportedAsATermination)
@@ -59,12 +55,10 @@ TEST_F(Stop, WhileOutputFlowsTheEndIsReportedAsATermination)
     const auto output = startedOutput(*sensor, "yes flowing");
     ASSERT_TRUE(output) << log.joined();
     std::this_thread::sleep_for(300ms); // nobody reads: the pipe fills and the pump blocks writing
-
     const auto before = std::chrono::steady_clock::now();
     sensor->stopScript();
     EXPECT_LT(std::chrono::steady_clock::now() - before, 1s) << "the stop waited for the reader";
     EXPECT_FALSE(sensor->running());
-
     std::string data;
     ASSERT_TRUE(readToEnd(*output, 10s, &data)) << "the pipe never reached end of file";
     EXPECT_EQ(0u, data.find("flowing\nflowing\n"));
@@ -76,13 +70,9 @@ TEST_F(Stop, WhileOutputFlowsTheEndIsReportedAsATermination)
 TEST_F(Stop, WhileThePumpWaitsOnAQuietScriptNothingIsReported)
 {
     auto sensor = makeSensor(30.0); // a wait that only a wake can cut short
-    const auto remoteSleepRuns = [] {
-        return std::system("pgrep -f '^sleep 3713' >/dev/null") == 0;
-    };
     const auto output = startedOutput(*sensor, "sleep 3713");
     ASSERT_TRUE(output) << log.joined();
     std::this_thread::sleep_for(200ms);
-
     const auto before = std::chrono::steady_clock::now();
     sensor->stopScript();
     std::string data;
@@ -90,10 +80,22 @@ TEST_F(Stop, WhileThePumpWaitsOnAQuietScriptNothingIsReported)
     EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
     EXPECT_EQ("", data);
     EXPECT_TRUE(waitUntil([&] { return telvane::sshLibraryReferences() == 0; }, 5s));
-    EXPECT_EQ(0, delegate->count(Event::Terminated) + delegate->count(Event::Failed))
-        << "a stop during a wait is reported to nobody";
+    EXPECT_EQ(0, delegate->count(Event::Terminated) + delegate->count(Event::Failed));
     // The server was asked to end the script, not only to close its channel.
-    EXPECT_TRUE(waitUntil([&] { return !remoteSleepRuns(); }, 3s)) << "the remote script outlived the stop";
+    EXPECT_TRUE(waitUntil([] { return std::system("pgrep -f '^sleep 3713' >/dev/null") != 0; }, 3s));
+}
+
+// Disabled: the disconnect message never reaches sshd today (it logs "Connection closed by" instead), after
+// a stop as after a normal end. Enable it with the fix in Connection::teardown().
+TEST_F(Stop, DISABLED_CloseEndsTheChannelThenTheSessionWithTheApplicationsWords)
+{
+    auto sensor = makeSensor(30.0);
+    ASSERT_TRUE(startedOutput(*sensor, "sleep 20")) << log.joined();
+    sensor->close();
+    const std::string disconnect = ":11: Normal shutdown, thank you for playing!";
+    ASSERT_TRUE(waitUntil([&] { return sshd().log(logStart_).find(disconnect) != std::string::npos; }, 5s));
+    const std::string daemon = sshd().log(logStart_);
+    EXPECT_LT(daemon.find("Close session: user " + sshd().username()), daemon.find(disconnect)) << daemon;
 }
 
 TEST_F(Stop, AReaderThatClosesItsEndEndsTheRunWithoutKillingTheHost)
@@ -107,7 +109,6 @@ TEST_F(Stop, AReaderThatClosesItsEndEndsTheRunWithoutKillingTheHost)
     EXPECT_TRUE(waitUntil([&] { return !sensor->running() && telvane::sshLibraryReferences() == 0; }, 5s));
 }
 
-// Two runs of one sensor at once: the older run's end leaves the newer one running, and a close ends both.
 TEST_F(Stop, TwoRunsOfOneSensorEndEachOnItsOwnAndCloseEndsBoth)
 {
     auto sensor = makeSensor(30.0);
@@ -118,25 +119,22 @@ TEST_F(Stop, TwoRunsOfOneSensorEndEachOnItsOwnAndCloseEndsBoth)
     ASSERT_TRUE(readToEnd(*older, 10s, &data));
     EXPECT_EQ("older\n", data);
     EXPECT_TRUE(sensor->running()) << "the older run's end stopped the newer one";
-    data.clear();
     ASSERT_TRUE(readToEnd(*newer, 10s, &data));
-    EXPECT_EQ("newer\n", data);
+    EXPECT_EQ("older\nnewer\n", data);
 
     const auto quiet = startedOutput(*sensor, "sleep 20");
     const auto quieter = startedOutput(*sensor, "sleep 21");
     ASSERT_TRUE(quiet && quieter) << log.joined();
     std::this_thread::sleep_for(200ms);
     sensor->close();
-    EXPECT_TRUE(readToEnd(*quiet, 2s, &data)) << "close() left the older run's pump asleep";
-    EXPECT_TRUE(readToEnd(*quieter, 2s, &data));
+    EXPECT_TRUE(readToEnd(*quiet, 2s)) << "close() left the older run's pump asleep";
+    EXPECT_TRUE(readToEnd(*quieter, 2s));
 }
 
 TEST_F(Stop, FromAnotherThreadAtAnyMomentTwoHundredTimes)
 {
-    int threads = 0, descriptors = 0;
-    warmUp(&threads, &descriptors);
+    warmUp();
     auto sensor = makeSensor();
-
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
@@ -149,48 +147,35 @@ TEST_F(Stop, FromAnotherThreadAtAnyMomentTwoHundredTimes)
         std::this_thread::sleep_for(std::chrono::milliseconds(delay(random)));
         sensor->stopScript();
         run.join();
+        SCOPED_TRACE("iteration " + std::to_string(i));
         // A stop that came before the run took hold leaves the run to end by itself.
-        ASSERT_TRUE(waitUntil([&] { return threadCount() == threads; }, 10s))
-            << "iteration " << i << ": a pump or reader thread is still there";
-        EXPECT_FALSE(sensor->running()) << "iteration " << i;
-        EXPECT_LE(delegate->count(Event::Terminated) + delegate->count(Event::Failed), 1)
-            << "iteration " << i;
-        EXPECT_NE(std::optional<long>(2), delegate->failureCode()) << "iteration " << i;
-        EXPECT_NE(std::optional<long>(3), delegate->failureCode()) << "iteration " << i;
+        ASSERT_TRUE(waitUntil([&] { return threadCount() == threads; })) << "a pump thread is still there";
+        EXPECT_FALSE(sensor->running());
+        EXPECT_LE(delegate->count(Event::Terminated) + delegate->count(Event::Failed), 1);
+        const long code = delegate->failureCode().value_or(0);
+        EXPECT_TRUE(code != 2 && code != 3) << "a stop was taken for a credentials failure: " << code;
     }
-    // A stop is never mistaken for a broken channel.
-    EXPECT_FALSE(log.contains("libssh2_channel_read failed")) << log.joined();
+    EXPECT_FALSE(log.contains("libssh2_channel_read failed")) << "a stop was taken for a broken channel";
     sensor.reset();
-    freshDelegate();
-    EXPECT_EQ(0, telvane::sshLibraryReferences());
-    EXPECT_TRUE(waitUntil([&] { return openDescriptorCount() == descriptors; }, 5s))
-        << openDescriptorCount() << " descriptors open, " << descriptors << " before";
+    expectNothingLeft();
 }
 
 TEST_F(Stop, NothingIsLeftBehindAfterRunsThatEndInEveryWay)
 {
-    int threads = 0, descriptors = 0;
-    warmUp(&threads, &descriptors);
+    warmUp();
     {
         auto sensor = makeSensor();
         ASSERT_TRUE(runToEnd(*sensor, "seq 1 100000"));
         delegate->drainOutput = false;
         auto stopped = makeSensor();
-        const auto output = startedOutput(*stopped, "sleep 3");
-        ASSERT_TRUE(output);
+        ASSERT_TRUE(startedOutput(*stopped, "sleep 3"));
         stopped->stopScript();
         LoopbackSocket closedPort;
-        auto refused = makeSensor("127.0.0.1", closedPort.port());
-        refused->runScript("echo never", std::nullopt);
-        auto wrongPassword = makeSensor();
+        makeSensor("127.0.0.1", closedPort.port())->runScript("echo never", std::nullopt);
         delegate->answer->password = "wrong";
-        wrongPassword->runScript("echo never", std::nullopt);
+        makeSensor()->runScript("echo never", std::nullopt);
     }
-    freshDelegate();
-    EXPECT_TRUE(waitUntil([&] { return threadCount() == threads; }, 10s)) << threadCount() << " threads";
-    EXPECT_TRUE(waitUntil([&] { return openDescriptorCount() == descriptors; }, 5s))
-        << openDescriptorCount() << " descriptors open, " << descriptors << " before";
-    EXPECT_EQ(0, telvane::sshLibraryReferences());
+    expectNothingLeft();
 }
 
 // The delegate is asked without the sensor's lock: a close() meanwhile returns at once (a host program's

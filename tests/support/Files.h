@@ -19,7 +19,7 @@ inline std::string readFile(const std::string &path, std::size_t from = 0)
     return text.str();
 }
 
-/// Closes its descriptor when it goes, or on reset().
+/// Closes its descriptor when it goes, or on reset() (which may take a new one).
 class Descriptor
 {
 public:
@@ -28,11 +28,11 @@ public:
     Descriptor(const Descriptor &) = delete;
     Descriptor &operator=(const Descriptor &) = delete;
     int get() const { return fd_; }
-    void reset()
+    void reset(int fd = -1)
     {
         if (fd_ >= 0)
             ::close(fd_);
-        fd_ = -1;
+        fd_ = fd;
     }
 
 private:

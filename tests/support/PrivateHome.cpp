@@ -1,11 +1,9 @@
 // Compiled into every program that uses the sshd harness: before main, HOME points at a directory of this
 // process's own. Sensors trust a host's first key by adding it to ~/.ssh/known_hosts, and every harness makes
-// fresh host keys, at ports that other test processes reuse later: in the real ~/.ssh/known_hosts that would
+// fresh host keys at ports that other test processes reuse later: in the real ~/.ssh/known_hosts that would
 // be a "changed" host, and a test would write into the user's trust besides.
 #include <cstdlib>
 #include <filesystem>
-#include <string>
-#include <system_error>
 #include <unistd.h>
 
 namespace {
@@ -15,17 +13,14 @@ struct PrivateHome
     PrivateHome()
     {
         const char *tmp = std::getenv("TMPDIR");
-        std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/telvane-home-XXXXXX";
-        if (!::mkdtemp(pattern.data()))
-            return;
-        directory = pattern;
-        ::setenv("HOME", directory.c_str(), 1);
+        directory = std::string(tmp && *tmp ? tmp : "/tmp") + "/telvane-home-XXXXXX";
+        if (::mkdtemp(directory.data()))
+            ::setenv("HOME", directory.c_str(), 1);
     }
     ~PrivateHome()
     {
-        // A forked child that ends through exit() must not take the parent's directory with it.
-        std::error_code ignored;
-        if (!directory.empty() && ::getpid() == owner)
+        std::error_code ignored; // a forked child that ends through exit() must leave the parent's directory
+        if (::getpid() == owner)
             std::filesystem::remove_all(directory, ignored);
     }
     std::string directory;

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 extern char **environ;
 
@@ -16,23 +17,20 @@ ProcessResult runProcess(const std::vector<std::string> &argv, const ProcessOpti
     int in[2], out[2], err[2];
     if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC) || pipe2(err, O_CLOEXEC))
         return result;
-
     std::vector<std::string> env;
-    for (char **e = environ; *e; ++e) {
-        const std::string entry = *e;
-        if (!options.environment.count(entry.substr(0, entry.find('='))))
-            env.push_back(entry);
-    }
+    for (char **e = environ; *e; ++e)
+        if (!options.environment.count(std::string(*e).substr(0, std::string(*e).find('='))))
+            env.push_back(*e);
     for (const auto &[key, value] : options.environment)
         env.push_back(key + "=" + value);
-    std::vector<char *> argp, envp;
-    for (const auto &a : argv)
-        argp.push_back(const_cast<char *>(a.c_str()));
-    argp.push_back(nullptr);
-    for (const auto &e : env)
-        envp.push_back(const_cast<char *>(e.c_str()));
-    envp.push_back(nullptr);
-
+    const auto pointers = [](const std::vector<std::string> &list) {
+        std::vector<char *> result;
+        for (const auto &s : list)
+            result.push_back(const_cast<char *>(s.c_str()));
+        result.push_back(nullptr);
+        return result;
+    };
+    auto argp = pointers(argv), envp = pointers(env);
     if (options.nonBlockingOutput)
         fcntl(out[1], F_SETFL, O_NONBLOCK);
     const auto start = std::chrono::steady_clock::now();
@@ -48,59 +46,45 @@ ProcessResult runProcess(const std::vector<std::string> &argv, const ProcessOpti
     close(in[0]);
     close(out[1]);
     close(err[1]);
+    fcntl(in[1], F_SETFL, O_NONBLOCK);
 
     // Feed standard input and collect both outputs without blocking on any one of them.
+    int fds[3] = {out[0], err[0], in[1]};
     std::size_t written = 0;
-    int inFd = in[1];
-    if (options.input.empty()) {
-        close(inFd);
-        inFd = -1;
-    } else {
-        fcntl(inFd, F_SETFL, O_NONBLOCK);
-    }
     bool interrupted = false;
-    const auto deadline = start + options.timeout;
-    int open = 2;
-    while (open > 0) {
+    while (fds[0] >= 0 || fds[1] >= 0) {
         const auto now = std::chrono::steady_clock::now();
-        if (now >= deadline) {
+        if (now - start >= options.timeout) {
             kill(pid, SIGKILL);
             break;
         }
-        if (options.interruptAfter && !interrupted && now - start >= *options.interruptAfter) {
-            kill(pid, options.interruptSignal);
-            interrupted = true;
+        if (options.interruptAfter && !interrupted && now - start >= *options.interruptAfter)
+            interrupted = kill(pid, options.interruptSignal) == 0;
+        if (fds[2] >= 0 && written == options.input.size()) {
+            close(fds[2]);
+            fds[2] = -1;
         }
-        // A reader that does not read yet: standard output waits until the delay, or until standard error
-        // closes with the child's end.
-        const bool reading = now - start >= options.readDelay || err[0] < 0;
-        pollfd fds[3] = {{reading ? out[0] : -1, POLLIN, 0}, {err[0], POLLIN, 0}, {inFd, POLLOUT, 0}};
-        if (poll(fds, 3, 10) < 0 && errno != EINTR)
+        // A reader that does not read yet: standard output waits until the delay, or the child's end.
+        const bool reading = now - start >= options.readDelay || fds[1] < 0;
+        pollfd p[3] = {{reading ? fds[0] : -1, POLLIN, 0}, {fds[1], POLLIN, 0}, {fds[2], POLLOUT, 0}};
+        if (poll(p, 3, 10) < 0 && errno != EINTR)
             break;
         for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP)))
+            if (!(p[i].revents & (POLLIN | POLLHUP)))
                 continue;
             char buffer[65536];
-            const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-            if (n > 0) {
-                (i == 0 ? result.out : result.err).append(buffer, static_cast<std::size_t>(n));
-            } else {
-                close(fds[i].fd);
-                (i == 0 ? out[0] : err[0]) = -1;
-                --open;
-            }
-        }
-        if (inFd >= 0 && (fds[2].revents & (POLLOUT | POLLERR | POLLHUP))) {
-            const ssize_t n = write(inFd, options.input.data() + written, options.input.size() - written);
+            const ssize_t n = read(fds[i], buffer, sizeof buffer);
             if (n > 0)
-                written += static_cast<std::size_t>(n);
-            if (n < 0 || written == options.input.size()) {
-                close(inFd);
-                inFd = -1;
-            }
+                (i == 0 ? result.out : result.err).append(buffer, static_cast<std::size_t>(n));
+            else
+                close(std::exchange(fds[i], -1));
+        }
+        if (p[2].revents & (POLLOUT | POLLERR | POLLHUP)) {
+            const ssize_t n = write(fds[2], options.input.data() + written, options.input.size() - written);
+            written = n < 0 ? options.input.size() : written + static_cast<std::size_t>(n);
         }
     }
-    for (int fd : {inFd, out[0], err[0]})
+    for (int fd : fds)
         if (fd >= 0)
             close(fd);
     int status = 0;

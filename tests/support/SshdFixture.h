@@ -7,8 +7,6 @@
 
 #include <Telvane/Platform/TelvaneKeychain.h>
 
-#include <gtest/gtest.h>
-
 #include <iostream>
 #include <memory>
 
@@ -17,7 +15,7 @@ namespace telvane::test {
 class SshdTest : public ::testing::Test
 {
 public:
-    /// The suite's daemon; started on first use, so that it also serves parameterised and typed suites.
+    /// The suite's daemon; started on first use, so that it also serves parameterised suites.
     static SshdHarness &sshd()
     {
         if (!harness_) {
@@ -28,29 +26,24 @@ public:
     }
 
 protected:
-    static void SetUpTestSuite() { sshd(); }
     static void TearDownTestSuite() { harness_.reset(); }
-
     void SetUp() override
     {
         TELVANE_REQUIRE_COMPONENT(sshd().running(), "no sshd for this test: " + sshd().reason());
-        logStart_ = sshd().logSize();
+        logStart_ = sshd().log().size();
     }
-
     void TearDown() override
     {
         if (HasFailure() && harness_)
-            std::cerr << "---- sshd log of this test ----\n"
-                      << harness_->log(logStart_) << "---- end of sshd log ----\n";
+            std::cerr << "---- sshd log of this test ----\n" << harness_->log(logStart_) << "---- end ----\n";
     }
+    std::size_t logStart_ = 0;
 
 private:
     static inline std::unique_ptr<SshdHarness> harness_;
-    std::size_t logStart_ = 0;
 };
 
-/// For suites that run sensors against the daemon: never the user's real keyring, and nothing left over
-/// from an earlier test.
+/// For suites that run sensors against the daemon: an in-memory keyring, fresh for every test.
 class SshdSensorTest : public SshdTest
 {
 protected:
@@ -64,7 +57,6 @@ protected:
         TelvaneKeychain::setBackend(nullptr);
         SshdTest::TearDown();
     }
-
     /// A delegate that answers with the daemon's account.
     static std::shared_ptr<RecordingDelegate> accountDelegate()
     {

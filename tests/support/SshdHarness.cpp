@@ -5,13 +5,14 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <netinet/in.h>
-#include <poll.h>
 #include <pwd.h>
+#include <random>
 #include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -19,158 +20,51 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 namespace telvane::test {
 namespace {
 
 constexpr const char *kSshd = "/usr/sbin/sshd";
-constexpr const char *kKeygen = "/usr/bin/ssh-keygen";
-constexpr const char *kUseradd = "/usr/sbin/useradd";
-constexpr const char *kChpasswd = "/usr/sbin/chpasswd";
 // The account's password lives here so that every harness on the machine (ctest runs tests in parallel
-// processes) logs in with the same one; a fresh random one per process would lock the others out.
+// processes) logs in with the same one; a fresh one per process would lock the others out.
 constexpr const char *kStateDir = "/var/lib/telvane-test";
 
-// Runs @p argv to its end with @p input on its standard input (never on its command line: it may be a
-// password); its output goes to @p output. Answers the exit status, or -1 when it could not run.
-int runTool(const std::vector<std::string> &argv, const std::string &input, std::string *output = nullptr)
+// Runs @p command with @p input on its standard input, never on its command line: it may be a password.
+bool runTool(const std::string &command, const std::string &input = {})
 {
-    int in[2], out[2];
-    if (::pipe2(in, O_CLOEXEC) != 0)
-        return -1;
-    if (::pipe2(out, O_CLOEXEC) != 0) {
-        ::close(in[0]);
-        ::close(in[1]);
-        return -1;
-    }
-    std::vector<char *> args;
-    for (const auto &a : argv)
-        args.push_back(const_cast<char *>(a.c_str()));
-    args.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(in[0], 0);
-        ::dup2(out[1], 1);
-        ::dup2(out[1], 2);
-        ::execv(args[0], args.data());
-        ::_exit(127);
-    }
-    ::close(in[0]);
-    ::close(out[1]);
-    Descriptor readEnd(out[0]);
-    if (pid < 0) {
-        ::close(in[1]);
-        return -1;
-    }
-    {
-        // A tool that leaves without reading must not kill us with SIGPIPE, and the process-wide disposition
-        // is not ours to change (tests check that the library never raises it): block it on this thread and
-        // swallow a pending one.
-        sigset_t pipeSignal, previous;
-        sigemptyset(&pipeSignal);
-        sigaddset(&pipeSignal, SIGPIPE);
-        ::pthread_sigmask(SIG_BLOCK, &pipeSignal, &previous);
-        [[maybe_unused]] ssize_t written = ::write(in[1], input.data(), input.size());
-        const timespec now{0, 0};
-        ::sigtimedwait(&pipeSignal, nullptr, &now);
-        ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-        ::close(in[1]);
-    }
-    char buffer[4096];
-    for (ssize_t n; (n = ::read(readEnd.get(), buffer, sizeof buffer)) != 0;) {
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            break;
-        if (output)
-            output->append(buffer, static_cast<std::size_t>(n));
-    }
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    FILE *tool = ::popen((command + " >/dev/null 2>&1").c_str(), "w");
+    if (!tool)
+        return false;
+    std::fwrite(input.data(), 1, input.size(), tool);
+    const int status = ::pclose(tool);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 std::string randomPassword()
 {
     static const char alphabet[] = "ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz23456789";
-    unsigned char bytes[20] = {};
-    std::ifstream("/dev/urandom", std::ios::binary).read(reinterpret_cast<char *>(bytes), sizeof bytes);
+    std::random_device random;
     std::string text = "tv";
-    for (unsigned char b : bytes)
-        text += alphabet[b % (sizeof alphabet - 1)];
-    text.insert(8, "#"); // a number sign, as the header promises
-    return text;
+    while (text.size() < 22)
+        text += alphabet[random() % (sizeof alphabet - 1)];
+    return text.insert(8, "#");
 }
 
-// A port that is free on both loopback addresses right now. Another process may take it before sshd
-// binds it; start() then tries again with a new one.
+// A port free on 127.0.0.1 now; one taken meanwhile (or busy on ::1) makes start() try another.
 int freePort()
 {
-    for (int attempt = 0; attempt < 20; ++attempt) {
-        Descriptor v4(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in a4{};
-        a4.sin_family = AF_INET;
-        a4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof a4;
-        if (::bind(v4.get(), reinterpret_cast<sockaddr *>(&a4), sizeof a4) != 0 ||
-            ::getsockname(v4.get(), reinterpret_cast<sockaddr *>(&a4), &length) != 0)
-            continue;
-        Descriptor v6(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in6 a6{};
-        a6.sin6_family = AF_INET6;
-        a6.sin6_addr = in6addr_loopback;
-        a6.sin6_port = a4.sin_port;
-        if (::bind(v6.get(), reinterpret_cast<sockaddr *>(&a6), sizeof a6) == 0)
-            return ntohs(a4.sin_port);
-    }
-    return 0;
-}
-
-// Connects to @p host at @p port and reads until the server's identification line has begun.
-bool answersWithBanner(const char *host, int port, std::chrono::steady_clock::time_point deadline)
-{
-    sockaddr_storage storage{};
-    socklen_t length;
-    int family;
-    if (auto *a4 = reinterpret_cast<sockaddr_in *>(&storage);
-        ::inet_pton(AF_INET, host, &a4->sin_addr) == 1) {
-        family = a4->sin_family = AF_INET;
-        a4->sin_port = htons(static_cast<uint16_t>(port));
-        length = sizeof *a4;
-    } else {
-        auto *a6 = reinterpret_cast<sockaddr_in6 *>(&storage);
-        ::inet_pton(AF_INET6, host, &a6->sin6_addr);
-        family = a6->sin6_family = AF_INET6;
-        a6->sin6_port = htons(static_cast<uint16_t>(port));
-        length = sizeof *a6;
-    }
-    Descriptor fd(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (::connect(fd.get(), reinterpret_cast<sockaddr *>(&storage), length) != 0)
-        return false;
-    std::string seen;
-    while (seen.size() < 7) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        pollfd p{fd.get(), POLLIN, 0};
-        if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0)
-            return false;
-        char buffer[64];
-        const ssize_t n = ::recv(fd.get(), buffer, sizeof buffer, 0);
-        if (n <= 0)
-            return false;
-        seen.append(buffer, static_cast<std::size_t>(n));
-    }
-    return seen.compare(0, 7, "SSH-2.0") == 0;
+    Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(socket.get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+        ::getsockname(socket.get(), reinterpret_cast<sockaddr *>(&address), &length) != 0)
+        return 0;
+    return ntohs(address.sin_port);
 }
 
 } // namespace
-
-SshdHarness::~SshdHarness()
-{
-    stop();
-}
 
 bool SshdHarness::fail(std::string why)
 {
@@ -182,46 +76,31 @@ bool SshdHarness::start()
 {
     if (running())
         return true;
-    stop(); // what a failed start left behind
+    stop();
     if (::geteuid() != 0)
         return fail("sshd tests need root, to create the test account and to run sshd");
-    for (const char *tool : {kSshd, kKeygen, kUseradd, kChpasswd})
-        if (::access(tool, X_OK) != 0)
-            return fail(std::string(tool) + " is missing (install openssh-server and passwd)");
-    // sshd refuses to start without its privilege-separation directory.
-    if (::mkdir("/run/sshd", 0755) != 0 && errno != EEXIST)
-        return fail(std::string("cannot create /run/sshd: ") + std::strerror(errno));
+    if (::access(kSshd, X_OK) != 0)
+        return fail(std::string(kSshd) + " is missing (install openssh-server)");
+    ::mkdir("/run/sshd", 0755); // sshd refuses to start without its privilege-separation directory
     if (!prepareAccount())
         return false;
-
     char pattern[] = "/tmp/telvane-sshd-XXXXXX";
     if (!::mkdtemp(pattern))
         return fail(std::string("mkdtemp: ") + std::strerror(errno));
     directory_ = pattern;
-    // The test account reads the scripts that tests leave here.
-    ::chmod(directory_.c_str(), 0755);
-    for (const char *type : {"ed25519", "ecdsa"}) {
-        std::string out;
-        const std::string key = directory_ + "/ssh_host_" + type + "_key";
-        if (runTool({kKeygen, "-q", "-t", type, "-N", "", "-C", "telvane-test-host", "-f", key}, "", &out) !=
-            0)
-            return fail("ssh-keygen -t " + std::string(type) + " failed: " + out);
-    }
-
-    // Another process may take the chosen port before sshd binds it; a few tries get past that.
+    ::chmod(directory_.c_str(), 0755); // the test account reads the scripts that tests leave here
+    for (const std::string type : {"ed25519", "ecdsa"})
+        if (!runTool("/usr/bin/ssh-keygen -q -t " + type + " -N '' -f " + directory_ + "/ssh_host_" + type +
+                     "_key"))
+            return fail("ssh-keygen -t " + type + " failed");
     for (int attempt = 0; attempt < 5; ++attempt) {
-        port_ = freePort();
-        if (port_ == 0)
-            return fail("no free port on loopback");
-        if (!writeConfig() || !spawn())
+        if (!spawn())
             return false;
-        if (waitUntilReady()) {
-            reason_.clear();
+        if (waitUntilReady())
             return true;
-        }
         killDaemon();
-        if (reason_.find("address already in use") == std::string::npos)
-            break;
+        if (reason_.find("already in use") == std::string::npos)
+            return false;
     }
     return false;
 }
@@ -229,146 +108,92 @@ bool SshdHarness::start()
 bool SshdHarness::prepareAccount()
 {
     ::mkdir(kStateDir, 0700);
-    const std::string lockPath = std::string(kStateDir) + "/lock";
-    Descriptor lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    if (lock.get() < 0 || ::flock(lock.get(), LOCK_EX) != 0)
-        return fail("cannot lock " + lockPath + ": " + std::strerror(errno));
-
+    Descriptor lock(::open((std::string(kStateDir) + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (::flock(lock.get(), LOCK_EX) != 0)
+        return fail(std::string("cannot lock the test account's state: ") + std::strerror(errno));
     const std::string passwordPath = std::string(kStateDir) + "/password";
     password_.clear();
     std::getline(std::ifstream(passwordPath), password_);
     if (password_.find('#') == std::string::npos) {
         password_ = randomPassword();
-        const std::string temporary = passwordPath + ".new";
-        {
-            std::ofstream file(temporary, std::ios::trunc);
-            file << password_ << '\n';
-            if (!file)
-                return fail("cannot write " + temporary);
-        }
-        ::chmod(temporary.c_str(), 0600);
-        if (::rename(temporary.c_str(), passwordPath.c_str()) != 0)
+        std::ofstream(passwordPath + ".new") << password_ << '\n';
+        ::chmod((passwordPath + ".new").c_str(), 0600);
+        if (::rename((passwordPath + ".new").c_str(), passwordPath.c_str()) != 0)
             return fail("cannot write " + passwordPath);
     }
-
-    std::string out;
-    if (!::getpwnam(kAccount) && runTool({kUseradd, "-m", "-s", "/bin/sh", kAccount}, "", &out) != 0)
-        return fail("useradd " + std::string(kAccount) + " failed: " + out);
-    // Reset every time: someone may have changed it, and the stored one is the one everybody uses.
-    if (runTool({kChpasswd}, std::string(kAccount) + ":" + password_ + "\n", &out) != 0)
-        return fail("chpasswd failed: " + out);
+    if (!::getpwnam(kAccount) && !runTool(std::string("/usr/sbin/useradd -m -s /bin/sh ") + kAccount))
+        return fail(std::string("useradd ") + kAccount + " failed");
+    // Reset every time: the stored password is the one everybody uses.
+    if (!runTool("/usr/sbin/chpasswd", std::string(kAccount) + ":" + password_ + "\n"))
+        return fail("chpasswd failed");
     return true;
-}
-
-bool SshdHarness::writeConfig()
-{
-    std::string extra = extraConfig_;
-    for (auto at = extra.find("%PORT%"); at != std::string::npos; at = extra.find("%PORT%", at))
-        extra.replace(at, 6, std::to_string(port_));
-    std::ofstream config(directory_ + "/sshd_config", std::ios::trunc);
-    config << extra; // first: for most keywords sshd keeps the first value it reads
-    config
-        << "ListenAddress 127.0.0.1:" << port_ << "\n"
-        << "ListenAddress [::1]:" << port_ << "\n"
-        << "HostKey " << directory_ << "/ssh_host_ed25519_key\n"
-        << "HostKey " << directory_ << "/ssh_host_ecdsa_key\n"
-        << "PidFile none\n"
-        << "LogLevel VERBOSE\n"
-        // Password logins against the shadow file; PAM would add nothing here but its own session noise.
-        << "UsePAM no\n"
-        << "PasswordAuthentication yes\n"
-        << "KbdInteractiveAuthentication no\n"
-        << "PubkeyAuthentication no\n"
-        << "AuthorizedKeysFile none\n"
-        << "PermitRootLogin no\n"
-        << "AllowUsers " << kAccount << "\n"
-        << "StrictModes no\n"
-        << "UseDNS no\n"
-        << "PrintMotd no\n"
-        << "PrintLastLog no\n"
-        << "X11Forwarding no\n"
-        << "AllowTcpForwarding no\n"
-        // Stress tests abandon many connections mid-handshake; the default limit would start dropping them.
-        << "MaxStartups 500\n"
-        << "LoginGraceTime 60\n";
-    return config ? true : fail("cannot write the sshd configuration");
 }
 
 bool SshdHarness::spawn()
 {
-    const std::string config = directory_ + "/sshd_config";
-    const std::string logPath = directory_ + "/sshd.log";
+    if ((port_ = freePort()) == 0)
+        return fail("no free port on loopback");
+    std::string extra = extraConfig_;
+    for (auto at = extra.find("%PORT%"); at != std::string::npos; at = extra.find("%PORT%", at))
+        extra.replace(at, 6, std::to_string(port_));
+    const std::string config = writeFile("sshd_config", extra); // first: sshd keeps the first value it reads
+    std::ofstream(config, std::ios::app)
+        << "ListenAddress 127.0.0.1:" << port_ << "\nListenAddress [::1]:" << port_ << "\n"
+        << "HostKey " << directory_ << "/ssh_host_ed25519_key\nHostKey " << directory_
+        << "/ssh_host_ecdsa_key\n"
+        << "PidFile none\nLogLevel VERBOSE\nUsePAM no\nPasswordAuthentication yes\n"
+        << "KbdInteractiveAuthentication no\nPubkeyAuthentication no\nAuthorizedKeysFile none\n"
+        << "PermitRootLogin no\nAllowUsers " << kAccount << "\nStrictModes no\nUseDNS no\nPrintMotd no\n"
+        << "PrintLastLog no\nX11Forwarding no\nAllowTcpForwarding no\n"
+        // Stress tests abandon many connections mid-handshake; the default limit would drop them.
+        << "MaxStartups 500\nLoginGraceTime 60\n";
+    const std::string logPath = writeFile("sshd.log", "");
     // Everything the child needs is made before fork: after it only async-signal-safe calls are allowed.
-    std::vector<std::string> argv{kSshd, "-D", "-f", config, "-E", logPath};
-    std::vector<char *> args;
-    for (auto &a : argv)
-        args.push_back(a.data());
-    args.push_back(nullptr);
-    const int logFd = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    const int nullFd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const char *argv[] = {kSshd, "-D", "-f", config.c_str(), "-E", logPath.c_str(), nullptr};
+    const int logFd = ::open(logPath.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
     const pid_t parent = ::getpid();
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        // Dies with us, however we end (a crash or a time-out kill included).
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL); // dies with us, however we end
         if (::getppid() != parent)
             ::_exit(1);
         sigset_t none;
         sigemptyset(&none);
         ::sigprocmask(SIG_SETMASK, &none, nullptr);
-        ::dup2(nullFd, 0);
         ::dup2(logFd, 1);
         ::dup2(logFd, 2);
-        ::execv(kSshd, args.data()); // sshd re-executes itself, so it must be started by absolute path
+        ::execv(kSshd, const_cast<char **>(argv)); // sshd re-executes itself: it needs its absolute path
         ::_exit(127);
     }
     ::close(logFd);
-    ::close(nullFd);
-    if (pid < 0)
-        return fail(std::string("fork: ") + std::strerror(errno));
-    pid_ = pid;
-    return true;
+    return pid_ > 0 || fail(std::string("fork: ") + std::strerror(errno));
 }
 
+// Ready once it listens on both addresses; a bind that failed on one leaves it running on the other.
 bool SshdHarness::waitUntilReady()
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    while (std::chrono::steady_clock::now() < deadline) {
-        int status;
-        if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            std::string why = "sshd exited before it was ready";
-            const std::string text = log();
-            if (text.find("Address already in use") != std::string::npos)
-                why += " (address already in use)";
-            return fail(why + ":\n" + text);
-        }
-        if (answersWithBanner(host().c_str(), port_, deadline) &&
-            answersWithBanner(host6().c_str(), port_, deadline))
-            return true;
-        // A bind that failed on one address leaves sshd running on the other: that one never gets ready.
-        if (log().find("Address already in use") != std::string::npos)
+    const std::string listening = " port " + std::to_string(port_) + ".";
+    for (int i = 0; i < 1500; ++i) {
+        const std::string text = log();
+        if (text.find("already in use") != std::string::npos)
             return fail("sshd could not bind its port (address already in use)");
+        if (text.find("listening on 127.0.0.1" + listening) != std::string::npos &&
+            text.find("listening on ::1" + listening) != std::string::npos)
+            return true;
+        if (int status; ::waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            return fail("sshd exited before it was ready:\n" + text);
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return fail("sshd did not answer with a banner within 15 seconds:\n" + log());
+    return fail("sshd did not listen within 15 seconds:\n" + log());
 }
 
 void SshdHarness::killDaemon()
 {
-    if (pid_ <= 0)
-        return;
-    ::kill(pid_, SIGTERM);
-    int status;
-    bool gone = false;
-    for (int i = 0; i < 200 && !gone; ++i) {
-        gone = ::waitpid(pid_, &status, WNOHANG) == pid_;
-        if (!gone)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (!gone) {
+    if (pid_ > 0) {
         ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, &status, 0);
+        ::waitpid(pid_, nullptr, 0);
     }
     pid_ = -1;
 }
@@ -394,15 +219,6 @@ std::string SshdHarness::writeFile(const std::string &name, const std::string &t
 std::string SshdHarness::log(std::size_t from) const
 {
     return readFile(directory_ + "/sshd.log", from);
-}
-
-std::size_t SshdHarness::logSize() const
-{
-    struct stat info
-    {
-    };
-    return ::stat((directory_ + "/sshd.log").c_str(), &info) == 0 ? static_cast<std::size_t>(info.st_size)
-                                                                  : 0;
 }
 
 } // namespace telvane::test

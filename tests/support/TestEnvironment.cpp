@@ -2,8 +2,9 @@
 
 #include "Telvane_p.h"
 
+#include <algorithm>
 #include <cstdlib>
-#include <dirent.h>
+#include <filesystem>
 #include <poll.h>
 #include <thread>
 
@@ -34,20 +35,10 @@ std::vector<std::string> LogCapture::lines() const
     return lines_;
 }
 
-bool LogCapture::contains(const std::string &text) const
-{
-    std::lock_guard lock(mutex_);
-    for (const auto &line : lines_)
-        if (line.find(text) != std::string::npos)
-            return true;
-    return false;
-}
-
 std::string LogCapture::joined() const
 {
-    std::lock_guard lock(mutex_);
     std::string all;
-    for (const auto &line : lines_)
+    for (const auto &line : lines())
         all += line + (line.empty() || line.back() != '\n' ? "\n" : "");
     return all;
 }
@@ -67,8 +58,8 @@ bool readToEnd(TelvaneFileHandle &output, std::chrono::milliseconds limit, std::
 {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         pollfd ready{output.fileDescriptor(), POLLIN, 0};
         if (left.count() <= 0 || ::poll(&ready, 1, static_cast<int>(left.count())) <= 0)
             return false;
@@ -82,15 +73,8 @@ bool readToEnd(TelvaneFileHandle &output, std::chrono::milliseconds limit, std::
 
 static int countEntries(const char *path)
 {
-    DIR *dir = opendir(path);
-    if (!dir)
-        return -1;
-    int n = 0;
-    while (dirent *entry = readdir(dir))
-        if (entry->d_name[0] != '.')
-            ++n;
-    closedir(dir);
-    return n;
+    const auto entries = std::filesystem::directory_iterator(path);
+    return static_cast<int>(std::distance(begin(entries), end(entries)));
 }
 
 int threadCount()
@@ -103,70 +87,63 @@ int openDescriptorCount()
     return countEntries("/proc/self/fd") - 1; // the directory stream's own descriptor
 }
 
+void RecordingDelegate::record(Event event)
+{
+    std::lock_guard lock(mutex_);
+    events_.push_back(event);
+    changed_.notify_all();
+}
+
 void RecordingDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle> output)
 {
     {
         std::lock_guard lock(mutex_);
-        events_.push_back({Event::Started, 0});
         handle_ = output;
-        if (!drainOutput)
-            outputEnded_ = true;
+        outputEnded_ = !drainOutput;
     }
-    changed_.notify_all();
-    if (drainOutput) {
-        std::thread([this, self = shared_from_this(), output] {
-            for (;;) {
-                std::string chunk = output->availableData();
-                std::lock_guard lock(mutex_);
-                if (chunk.empty()) {
-                    outputEnded_ = true;
-                    changed_.notify_all();
-                    return;
-                }
-                output_ += chunk;
+    record({Event::Started});
+    if (!drainOutput)
+        return;
+    std::thread([this, self = shared_from_this(), output] {
+        for (;;) {
+            std::string chunk = output->availableData();
+            std::lock_guard lock(mutex_);
+            if (chunk.empty()) {
+                endBeforeEndOfFile_ = std::any_of(events_.begin(), events_.end(), [](const Event &e) {
+                    return e.kind == Event::Terminated || e.kind == Event::Failed;
+                });
+                outputEnded_ = true;
+                changed_.notify_all();
+                return;
             }
-        }).detach();
-    }
+            output_ += chunk;
+        }
+    }).detach();
 }
 
 void RecordingDelegate::sensorScriptDidTerminate(Telvane &, long status)
 {
-    std::lock_guard lock(mutex_);
-    events_.push_back({Event::Terminated, status});
-    changed_.notify_all();
+    std::this_thread::sleep_for(endDelay);
+    record({Event::Terminated, status});
 }
 
 void RecordingDelegate::sensorDidFailWithError(Telvane &sensor, long code)
 {
     auto &d = TelvanePrivate::get(sensor);
-    bool closed;
+    std::unique_lock connections(d.connectionMutex);
+    const bool closed = d.connections.empty();
+    connections.unlock();
     {
-        std::lock_guard connections(d.connectionMutex);
-        closed = d.connections.empty();
+        std::lock_guard lock(mutex_);
+        closedBeforeReport_ = closed;
+        reportedFailure_ = sensor.lastFailure();
     }
-    std::lock_guard lock(mutex_);
-    events_.push_back({Event::Failed, code});
-    reportedFailure_ = sensor.lastFailure();
-    closedBeforeReport_ = closed;
-    changed_.notify_all();
-}
-
-std::optional<TelvaneFailure> RecordingDelegate::reportedFailure() const
-{
-    std::lock_guard lock(mutex_);
-    return reportedFailure_;
-}
-
-bool RecordingDelegate::closedBeforeReport() const
-{
-    std::lock_guard lock(mutex_);
-    return closedBeforeReport_;
+    record({Event::Failed, code});
 }
 
 std::optional<TelvaneCredentialsDictionary> RecordingDelegate::credentialsForSensor(Telvane &, bool *persist)
 {
-    std::lock_guard lock(mutex_);
-    events_.push_back({Event::AskedCredentials, 0});
+    record({Event::AskedCredentials});
     if (answer && answerPersist)
         *persist = true;
     return answer;
@@ -182,12 +159,10 @@ bool RecordingDelegate::waitForEnd(std::chrono::milliseconds timeout)
 {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] {
-        bool ended = false, started = false;
-        for (const auto &e : events_) {
-            ended |= e.kind == Event::Terminated || e.kind == Event::Failed;
-            started |= e.kind == Event::Started;
-        }
-        return ended && (!started || outputEnded_);
+        const bool ended = std::any_of(events_.begin(), events_.end(), [](const Event &e) {
+            return e.kind == Event::Terminated || e.kind == Event::Failed;
+        });
+        return ended && (outputEnded_ || handle_ == nullptr);
     });
 }
 
@@ -205,20 +180,35 @@ std::shared_ptr<TelvaneFileHandle> RecordingDelegate::handle() const
 
 int RecordingDelegate::count(Event::Kind kind) const
 {
-    std::lock_guard lock(mutex_);
-    int n = 0;
-    for (const auto &e : events_)
-        n += e.kind == kind;
-    return n;
+    const auto all = events();
+    return static_cast<int>(
+        std::count_if(all.begin(), all.end(), [&](const Event &e) { return e.kind == kind; }));
 }
 
 std::optional<long> RecordingDelegate::firstValue(Event::Kind kind) const
 {
-    std::lock_guard lock(mutex_);
-    for (const auto &e : events_)
+    for (const auto &e : events())
         if (e.kind == kind)
             return e.value;
     return std::nullopt;
+}
+
+std::optional<TelvaneFailure> RecordingDelegate::reportedFailure() const
+{
+    std::lock_guard lock(mutex_);
+    return reportedFailure_;
+}
+
+bool RecordingDelegate::closedBeforeReport() const
+{
+    std::lock_guard lock(mutex_);
+    return closedBeforeReport_;
+}
+
+bool RecordingDelegate::endHeardBeforeEndOfFile() const
+{
+    std::lock_guard lock(mutex_);
+    return endBeforeEndOfFile_;
 }
 
 } // namespace telvane::test

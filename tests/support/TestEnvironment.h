@@ -16,11 +16,10 @@
 
 namespace telvane::test {
 
-/// True when running under CI (CI=true): a component that cannot be started is then a failure.
 bool inCI();
 
-/// Skips the test when @p available is false, naming @p why; under CI the skip becomes a failure, because
-/// CI can start every component.
+/// Skips the test when @p available is false, naming @p why; under CI (CI=true), which can start every
+/// component, the skip becomes a failure.
 #define TELVANE_REQUIRE_COMPONENT(available, why)                                                            \
     do {                                                                                                     \
         if (!(available)) {                                                                                  \
@@ -38,7 +37,7 @@ public:
     LogCapture();
     ~LogCapture();
     std::vector<std::string> lines() const;
-    bool contains(const std::string &text) const;
+    bool contains(const std::string &text) const { return joined().find(text) != std::string::npos; }
     std::string joined() const;
 
 private:
@@ -49,18 +48,13 @@ private:
 /// Polls @p condition until it holds or @p timeout passes.
 bool waitUntil(const std::function<bool()> &condition,
                std::chrono::milliseconds timeout = std::chrono::seconds(10));
-
-/// Reads @p output until end of file, appending to @p data when given; false when the end has not come
-/// within @p limit.
+/// Reads @p output to end of file into @p data; false when the end has not come within @p limit.
 bool readToEnd(TelvaneFileHandle &output, std::chrono::milliseconds limit, std::string *data = nullptr);
-
-/// The number of threads of this process.
 int threadCount();
-/// The number of open descriptors of this process.
 int openDescriptorCount();
 
-/// A delegate that records what it hears (own it in a shared_ptr), answers credentials as configured, and can
-/// drain the output.
+/// A delegate that records what it hears (own it in a shared_ptr), answers credentials as configured, and
+/// reads the output on a thread of its own.
 class RecordingDelegate : public TelvaneDelegate, public std::enable_shared_from_this<RecordingDelegate>
 {
 public:
@@ -70,11 +64,12 @@ public:
         long value = 0;
     };
 
-    /// Credentials to answer with (nullopt: none), and the persist flag to set.
     std::optional<TelvaneCredentialsDictionary> answer;
     bool answerPersist = false;
-    /// When true, the output is read on a thread of its own from sensorScriptDidStart until end of file.
+    /// When false, nobody reads the output: the test does.
     bool drainOutput = true;
+    /// How long hearing the end takes: a reader that meets end of file before it has been heard shows then.
+    std::chrono::milliseconds endDelay{0};
 
     void sensorScriptDidStart(Telvane &sensor, std::shared_ptr<TelvaneFileHandle> output) override;
     void sensorScriptDidTerminate(Telvane &sensor, long status) override;
@@ -82,26 +77,28 @@ public:
     std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor, bool *persist) override;
 
     std::vector<Event> events() const;
-    /// Waits until the run has ended (terminated or failed) and, when draining, the output has reached
-    /// end of file.
+    /// Waits until the run has ended and, when draining, its output has reached end of file.
     bool waitForEnd(std::chrono::milliseconds timeout = std::chrono::seconds(30));
     std::string output() const;
     std::shared_ptr<TelvaneFileHandle> handle() const;
     int count(Event::Kind kind) const;
     std::optional<long> terminationStatus() const { return firstValue(Event::Terminated); }
     std::optional<long> failureCode() const { return firstValue(Event::Failed); }
-    /// What the sensor's lastFailure() said when the failure was reported, and whether every run of the
-    /// sensor was closed by then.
+    /// The sensor's lastFailure() when the failure was reported, and whether every run was closed by then.
     std::optional<TelvaneFailure> reportedFailure() const;
     bool closedBeforeReport() const;
+    /// Whether the end had been reported when the reader first met end of file.
+    bool endHeardBeforeEndOfFile() const;
 
 private:
     std::optional<long> firstValue(Event::Kind kind) const;
+    void record(Event event);
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<Event> events_;                     // guarded by mutex_
     std::string output_;                            // guarded by mutex_
     bool outputEnded_ = false;                      // guarded by mutex_
+    bool endBeforeEndOfFile_ = false;               // guarded by mutex_
     std::shared_ptr<TelvaneFileHandle> handle_;     // guarded by mutex_
     std::optional<TelvaneFailure> reportedFailure_; // guarded by mutex_
     bool closedBeforeReport_ = false;               // guarded by mutex_

@@ -1,25 +1,17 @@
 // The credential store over each backend that needs no daemon; the Secret Service runs the same
 // behaviour in its own suite against a real keyring daemon.
 #include "Platform/KeychainBackends_p.h"
+#include "support/Files.h"
 #include "support/KeychainBehaviour.h"
-#include "support/TestEnvironment.h"
 
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <pwd.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
 namespace {
-fs::path makeTemporaryDirectory()
-{
-    std::string pattern = (fs::temp_directory_path() / "telvane-keyring-XXXXXX").string();
-    return mkdtemp(pattern.data());
-}
-
 class MemoryKeychainTest : public telvane::test::KeychainBehaviour
 {
 protected:
@@ -29,18 +21,23 @@ protected:
 class FileKeychainTest : public telvane::test::KeychainBehaviour
 {
 protected:
-    fs::path dir = makeTemporaryDirectory();
-    fs::path file = dir / "nested" / "telvane" / "keyring";
+    std::string dir = [] {
+        std::string pattern = (fs::temp_directory_path() / "telvane-keyring-XXXXXX").string();
+        return std::string(mkdtemp(pattern.data()));
+    }();
+    fs::path file = fs::path(dir) / "nested" / "telvane" / "keyring";
     std::shared_ptr<TelvaneKeychainBackend> makeBackend() override { return makeFileKeychain(file.string()); }
     void TearDown() override
     {
         KeychainBehaviour::TearDown();
         fs::remove_all(dir);
     }
-    std::string contents() const
+    mode_t mode(const fs::path &path) const
     {
-        std::ifstream in(file, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
+        struct stat st
+        {
+        };
+        return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 0;
     }
 };
 } // namespace
@@ -51,51 +48,38 @@ TELVANE_KEYCHAIN_BEHAVIOUR_TESTS(FileKeychainTest)
 TEST_F(FileKeychainTest, FileIsPrivateAndHoldsEverythingVerbatim)
 {
     ASSERT_TRUE(backend->setPassword("p\tw\nd\\", "svc (h)", "tab\tuser"));
-    struct stat st
-    {
-    };
-    ASSERT_EQ(0, stat(file.c_str(), &st));
-    EXPECT_EQ(0600u, st.st_mode & 0777);
-    ASSERT_EQ(0, stat(file.parent_path().c_str(), &st));
-    EXPECT_EQ(0700u, st.st_mode & 0777);
-    // A fresh backend on the same file reads back exactly what was stored.
-    auto again = makeFileKeychain(file.string());
-    EXPECT_EQ("p\tw\nd\\", again->passwordForService("svc (h)", "tab\tuser"));
-    // No temporary file is left beside it.
-    int entries = 0;
-    for ([[maybe_unused]] const auto &entry : fs::directory_iterator(file.parent_path()))
-        ++entries;
-    EXPECT_EQ(2, entries); // the keyring and its lock file
+    EXPECT_EQ(0600u, mode(file));
+    EXPECT_EQ(0700u, mode(file.parent_path()));
+    EXPECT_EQ("p\tw\nd\\", makeFileKeychain(file.string())->passwordForService("svc (h)", "tab\tuser"));
+    // The keyring and its lock file, and no temporary file beside them.
+    const auto entries = fs::directory_iterator(file.parent_path());
+    EXPECT_EQ(2, std::distance(begin(entries), end(entries)));
 }
 
 TEST_F(FileKeychainTest, RefusesACorruptOrExposedFileAndNeverOverwritesIt)
 {
     ASSERT_TRUE(backend->setPassword("pw", "svc", "user"));
-    {
-        std::ofstream out(file, std::ios::trunc);
-        out << "not a keyring\n";
-    }
+    std::ofstream(file, std::ios::trunc) << "not a keyring\n";
     telvane::test::LogCapture log;
     EXPECT_FALSE(backend->accountsForService("svc").has_value());
     EXPECT_FALSE(backend->setPassword("pw2", "svc", "user"));
-    EXPECT_EQ("not a keyring\n", contents());
+    EXPECT_EQ("not a keyring\n", telvane::test::readFile(file));
     EXPECT_TRUE(log.contains("file keyring: refusing")) << log.joined();
 
     fs::remove(file);
     ASSERT_TRUE(backend->setPassword("pw", "svc", "user"));
-    chmod(file.c_str(), 0644);
+    chmod(file.c_str(), 0640);
     EXPECT_FALSE(backend->passwordForService("svc", "user").has_value());
     EXPECT_FALSE(backend->deletePasswordForService("svc", "user"));
-    EXPECT_TRUE(log.contains("mode 0644")) << log.joined();
+    EXPECT_TRUE(log.contains("mode 0640")) << log.joined();
     chmod(file.c_str(), 0600);
     EXPECT_EQ("pw", backend->passwordForService("svc", "user"));
 }
 
 TEST(KeychainSelection, EnvironmentPicksTheBackendAndUnknownNamesStoreNothingOnDisk)
 {
-    EXPECT_EQ("memory", TelvaneKeychain::makeBackend("memory")->name());
-    EXPECT_EQ("file", TelvaneKeychain::makeBackend("file")->name());
-    EXPECT_EQ("secret-service", TelvaneKeychain::makeBackend("secret-service")->name());
+    for (const std::string name : {"memory", "file", "secret-service"})
+        EXPECT_EQ(name, TelvaneKeychain::makeBackend(name)->name());
     telvane::test::LogCapture log;
     EXPECT_EQ(nullptr, TelvaneKeychain::makeBackend("plaintext"));
     EXPECT_TRUE(log.contains("unknown backend \"plaintext\""));
@@ -103,18 +87,14 @@ TEST(KeychainSelection, EnvironmentPicksTheBackendAndUnknownNamesStoreNothingOnD
 
 TEST(FileKeychainPath, WithoutXdgDataHomeAndHomeItIsInThePasswordDatabasesHomeNeverTmp)
 {
-    const auto saved = [](const char *name) {
-        const char *value = std::getenv(name);
-        return value ? std::optional<std::string>(value) : std::nullopt;
-    };
-    const auto xdg = saved("XDG_DATA_HOME"), home = saved("HOME");
+    const std::string home = std::getenv("HOME") ? std::getenv("HOME") : "";
+    const char *xdg = std::getenv("XDG_DATA_HOME");
+    const std::string savedXdg = xdg ? xdg : "";
     unsetenv("XDG_DATA_HOME");
     unsetenv("HOME");
     const std::string path = defaultFileKeychainPath();
-    for (const auto &[name, value] : {std::pair{"XDG_DATA_HOME", xdg}, std::pair{"HOME", home}})
-        if (value)
-            setenv(name, value->c_str(), 1);
-    const passwd *entry = getpwuid(geteuid());
-    ASSERT_NE(nullptr, entry);
-    EXPECT_EQ(std::string(entry->pw_dir) + "/.local/share/telvane/keyring", path);
+    setenv("HOME", home.c_str(), 1);
+    if (xdg)
+        setenv("XDG_DATA_HOME", savedXdg.c_str(), 1);
+    EXPECT_EQ(std::string(getpwuid(geteuid())->pw_dir) + "/.local/share/telvane/keyring", path);
 }

@@ -1,57 +1,42 @@
 #include "ScriptText_p.h"
+#include "support/TestEnvironment.h"
 
-#include <gtest/gtest.h>
+#include <cerrno>
 
 using telvane::isSendableText;
 using telvane::normaliseScript;
 using telvane::substitutePlaceholders;
 
-TEST(Substitution, VisitsArgumentsInOrderSoLaterPlaceholdersInValuesAreReplaced)
+TEST(Substitution, VisitsArgumentsInOrderReplacesEveryOccurrenceAndLeavesUnknownKeys)
 {
-    // A's value holds B's placeholder: B comes later, so it is replaced too.
+    // A's value holds B's placeholder: replaced when B comes later, kept when B was visited before.
     EXPECT_EQ("x=one-two", substitutePlaceholders("x=__A__", {{"A", "one-__B__"}, {"B", "two"}}));
-    // The other order: B was visited before A brought its placeholder in, so it stays.
     EXPECT_EQ("x=one-__B__", substitutePlaceholders("x=__A__", {{"B", "two"}, {"A", "one-__B__"}}));
-}
-
-TEST(Substitution, ReplacesEveryOccurrenceAndLeavesUnknownKeys)
-{
     EXPECT_EQ("ping h; ping h; __OTHER__",
               substitutePlaceholders("ping __HOST__; ping __HOST__; __OTHER__", {{"HOST", "h"}}));
-    EXPECT_EQ("__HOST__", substitutePlaceholders("__HOST__", {}));
-    // A value holding its own placeholder does not loop.
-    EXPECT_EQ("__K__!", substitutePlaceholders("__K__", {{"K", "__K__!"}}));
-    // Non-ASCII text survives substitution untouched; whether it can be sent is decided at launch.
-    EXPECT_EQ("echo Grüße", substitutePlaceholders("echo __G__", {{"G", "Grüße"}}));
-    // An empty key makes the placeholder "____", an ordinary text.
+    EXPECT_EQ("__K__!", substitutePlaceholders("__K__", {{"K", "__K__!"}})); // does not loop
     EXPECT_EQ("a=b", substitutePlaceholders("a=____", {{"", "b"}}));
 }
 
-TEST(Normalisation, DropsEveryLineWithANumberSignKeepingItsBreak)
+TEST(Normalisation, DropsLinesWithANumberSignFoldsLineFeedsAndPutsThePasswordInLast)
 {
-    EXPECT_EQ("\necho hi\n", normaliseScript("#!/bin/sh\necho hi\n", ""));
-    // A trailing comment takes its command with it; so does any other use of "#".
-    EXPECT_EQ("\na\n", normaliseScript("echo x # note\na\necho ${#v}\n", ""));
-    // Comments only: at most one line break is left, and that is still a script to send.
-    EXPECT_EQ("\n", normaliseScript("# one\n# two\n\n# three\n", ""));
-    EXPECT_EQ("", normaliseScript("# no line end", ""));
-}
-
-TEST(Normalisation, FoldsRunsOfLineFeedsButKeepsBlankishLines)
-{
-    EXPECT_EQ("a\nb", normaliseScript("a\n\n\n\nb", ""));
-    EXPECT_EQ("\na\n", normaliseScript("\n\na\n\n", ""));
-    EXPECT_EQ("a\n \n\t\nb", normaliseScript("a\n \n\t\nb", ""));
-    // A carriage return ends a line for the "#" rule, and is neither removed nor folded.
-    EXPECT_EQ("a\r\n\r\nb\r\n", normaliseScript("a\r\n# c\r\nb\r\n", ""));
-}
-
-TEST(Normalisation, PutsThePasswordInLastSoItsNumberSignSurvives)
-{
-    EXPECT_EQ("echo p#ss | sudo -S true\n", normaliseScript("echo __PASSWORD__ | sudo -S true\n", "p#ss"));
-    // On a line with a "#" the placeholder goes with the line.
-    EXPECT_EQ("\n", normaliseScript("echo __PASSWORD__ # sudo\n", "secret"));
-    EXPECT_EQ("x=\n", normaliseScript("x=__PASSWORD__\n", ""));
+    const std::tuple<std::string, std::string, std::string> rows[] = {
+        {"#!/bin/sh\necho hi\n", "", "\necho hi\n"},
+        // A trailing comment takes its command with it; so does any other use of "#".
+        {"echo x # note\na\necho ${#v}\n", "", "\na\n"},
+        // Comments only: at most one line break is left, and that is still a script to send.
+        {"# one\n# two\n\n# three\n", "", "\n"},
+        {"# no line end", "", ""},
+        {"\n\na\n\n\n\nb", "", "\na\nb"},
+        {"a\n \n\t\nb", "", "a\n \n\t\nb"},
+        // A carriage return ends a line for the "#" rule, and is neither removed nor folded.
+        {"a\r\n# c\r\nb\r\n", "", "a\r\n\r\nb\r\n"},
+        {"echo __PASSWORD__ | sudo -S true\n", "p#ss", "echo p#ss | sudo -S true\n"},
+        {"echo __PASSWORD__ # sudo\n", "secret", "\n"}, // the placeholder goes with its line
+        {"x=__PASSWORD__\n", "", "x=\n"},
+    };
+    for (const auto &[script, password, expected] : rows)
+        EXPECT_EQ(expected, normaliseScript(script, password)) << ::testing::PrintToString(script);
 }
 
 TEST(Normalisation, SendableTextIsValidUtf8WithoutNul)
@@ -72,4 +57,15 @@ TEST(Normalisation, SendableTextIsValidUtf8WithoutNul)
     };
     for (const auto &[text, valid] : rows)
         EXPECT_EQ(valid, isSendableText(text)) << ::testing::PrintToString(text);
+}
+
+TEST(Log, SinkReceivesFormattedLinesAndPerrorText)
+{
+    telvane::test::LogCapture log;
+    telvaneLog("libssh2_channel_read failed(): %d\n", -7);
+    errno = ECONNREFUSED;
+    telvanePerror("socket");
+    EXPECT_EQ((std::vector<std::string>{"libssh2_channel_read failed(): -7\n", "socket: Connection refused"}),
+              log.lines());
+    EXPECT_EQ(ECONNREFUSED, errno);
 }
