@@ -27,6 +27,21 @@ int dropStandardError(ssh_session, ssh_channel, void *, uint32_t length, int isS
     return isStderr ? static_cast<int>(length) : 0;
 }
 
+// A non-blocking libssh session writes at once only after a poll has seen the socket writable with nothing
+// left to send; otherwise it queues, and the disconnect message would be dropped with the session. So what
+// is queued (the TERM and the channel's close) goes out first, within a moment, and one more poll follows.
+void sayGoodbyeAtOnce(ssh_session session)
+{
+    ssh_blocking_flush(session, 100);
+    ssh_event event = ssh_event_new();
+    if (event && ssh_event_add_session(event, session) == SSH_OK) {
+        ssh_event_dopoll(event, 0);
+        ssh_event_remove_session(event, session);
+    }
+    if (event)
+        ssh_event_free(event);
+}
+
 } // namespace
 
 Connection::Connection() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
@@ -94,6 +109,7 @@ bool Connection::teardown()
         channel = nullptr;
     }
     if (session) {
+        sayGoodbyeAtOnce(session);
         ssh_session_set_disconnect_message(session, "Normal shutdown, thank you for playing!");
         ssh_disconnect(session);
         ssh_free(session);
