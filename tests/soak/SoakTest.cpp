@@ -8,6 +8,7 @@
 #include <fstream>
 #include <random>
 #include <thread>
+#include <unistd.h>
 
 using namespace std::chrono_literals;
 using namespace telvane::test;
@@ -24,11 +25,9 @@ constexpr bool kSanitized = false;
 
 long residentKiB()
 {
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::atol(line.c_str() + 6);
-    return -1;
+    long size = 0, pages = 0;
+    std::ifstream("/proc/self/statm") >> size >> pages;
+    return pages * sysconf(_SC_PAGESIZE) / 1024;
 }
 
 class Soak : public SshdSensorTest
@@ -83,10 +82,11 @@ TEST_F(Soak, RunsInARowLeaveDescriptorsAndMemoryFlat)
         delegate->answerPersist = true;
         sensor->setDelegate(delegate);
         sensor->runScript("echo run __N__\nexit 3", TelvaneArguments{{"N", std::to_string(i)}});
-        ASSERT_TRUE(delegate->waitForEnd(30s)) << "run " << i << "\n" << log.joined();
-        ASSERT_EQ(std::optional<long>(3), delegate->terminationStatus()) << "run " << i << "\n"
-                                                                         << log.joined();
-        ASSERT_EQ("run " + std::to_string(i) + "\n", delegate->output());
+        const std::string expected = "run " + std::to_string(i) + "\n";
+        ASSERT_TRUE(delegate->waitForEnd(30s) && delegate->terminationStatus() == 3 &&
+                    delegate->output() == expected)
+            << "run " << i << ": \"" << delegate->output() << "\"\n"
+            << log.joined();
         ASSERT_EQ(i == 0, delegate->count(Event::AskedCredentials) == 1) << "run " << i;
         if (i % 100 != 0 && i != runs)
             continue;
@@ -155,9 +155,8 @@ TEST_F(Soak, SixtyFourSensorsStoppedAtRandomMomentsEndCleanly)
         const int started = d.count(Event::Started),
                   ended = d.count(Event::Terminated) + d.count(Event::Failed);
         EXPECT_FALSE(sensors[i]->running());
-        EXPECT_LE(d.count(Event::AskedCredentials), 1);
-        EXPECT_LE(started, 1);
-        EXPECT_LE(ended, 1) << "a notice came twice";
+        EXPECT_TRUE(d.count(Event::AskedCredentials) <= 1 && started <= 1 && ended <= 1)
+            << "a notice came twice";
         EXPECT_TRUE(!d.count(Event::Failed) || (!started && d.failureCode() == TelvaneErrorConnection))
             << "a failure after the start";
         EXPECT_TRUE(!d.count(Event::Terminated) || started) << "a termination without a start";

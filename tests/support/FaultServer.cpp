@@ -23,18 +23,6 @@ namespace telvane::test {
 
 FaultServer::FaultServer(Options options) : options_(std::move(options))
 {
-    start();
-}
-
-FaultServer::~FaultServer()
-{
-    stop();
-    if (!directory_.empty())
-        std::filesystem::remove_all(directory_);
-}
-
-void FaultServer::start()
-{
     const char *path = TELVANE_FAULTD_PATH;
     if (access(path, X_OK) != 0) {
         error_ = std::string("cannot run telvane-faultd (built only with libssh's development files) at \"") +
@@ -75,6 +63,13 @@ void FaultServer::start()
         error_ = "telvane-faultd did not start; its log:\n" + log();
         stop();
     }
+}
+
+FaultServer::~FaultServer()
+{
+    stop();
+    if (!directory_.empty())
+        std::filesystem::remove_all(directory_);
 }
 
 bool FaultServer::setFault(std::string_view fault)

@@ -7,8 +7,11 @@
 
 namespace telvane::test {
 
-/// One telvane-faultd on a loopback port the system picks. It ends with this object, and by itself when this
-/// process dies. Knows nothing of gtest.
+/// One telvane-faultd on a loopback port the system picks, until this object or this process ends. Its
+/// faults: stall-banner, dribble-banner (never finished), stall-kex, stall-auth, refuse-password,
+/// refuse-channel, refuse-exec, slow (40 ms a reply, output in 16-byte packets), drop-after=N and
+/// reset-after=N (a FIN or RST once N bytes of output are out, or at the command's end), flood-stderr=N,
+/// late-status (3 s after EOF) and no-status.
 class FaultServer
 {
 public:
@@ -23,7 +26,6 @@ public:
     FaultServer(const FaultServer &) = delete;
     FaultServer &operator=(const FaultServer &) = delete;
 
-    /// False when the server could not be started; error() then says why.
     bool started() const { return port_ > 0; }
     const std::string &error() const { return error_; }
 
@@ -41,15 +43,13 @@ public:
     /// Sets the fault of the connections accepted from now on; "" for none.
     bool setFault(std::string_view fault);
 
-    /// What the server logged so far, one line per event of every connection.
+    /// What the server logged so far, one line per event.
     std::string log() const;
 
     /// Ends the server with every connection it serves. Idempotent.
     void stop();
 
 private:
-    void start();
-
     Options options_;
     std::string directory_; // temporary: log and control file
     std::string error_;

@@ -1,21 +1,14 @@
-// telvane-faultd USER PASSWORD CONTROL-FILE: an SSH server for the tests that misbehaves on demand.
-//
-// It listens on 127.0.0.1, prints its port as the first line of standard output and serves every connection
-// in a process of its own, so a stalled connection never holds up another. The fault of a connection is the
-// first line of CONTROL-FILE when it is accepted ("normal" when there is none), or the one a login as
-// USER+FAULT names. Faults: stall-banner, dribble-banner, stall-kex (before any login), stall-auth,
-// refuse-password, refuse-channel, refuse-exec, slow (40 ms before each reply, output in 16-byte packets),
-// drop-after=N and reset-after=N (cut with a FIN or a RST once N bytes of output are out, or when the command
-// ends), flood-stderr=N (N bytes on standard error between "begin" and "end"), late-status (the status 3 s
-// after EOF), no-status. Everything it started dies with it when standard input reaches end of file.
+// telvane-faultd USER PASSWORD CONTROL-FILE: an SSH server for the tests that misbehaves on demand. It prints
+// its port on 127.0.0.1, serves each connection in a process of its own with the fault named on the first
+// line of CONTROL-FILE or by a login as USER+FAULT (FaultServer.h), and ends with all it started when its
+// standard input closes. The faults and what they do are the checks in serveConnection, serveRequests and
+// serveExec.
 #include <libssh/libssh.h>
 #include <libssh/server.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <fcntl.h>
 #include <fstream>
@@ -55,14 +48,9 @@ Fault parseFault(const std::string &text)
 }
 
 // Connections run in processes of their own and share the log: one write per line keeps lines whole.
-[[gnu::format(printf, 1, 2)]] void logLine(const char *format, ...)
+template <class... Values> void logLine(const char *format, Values... values)
 {
-    char text[1024];
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    dprintf(STDERR_FILENO, "faultd[%d] %s\n", getpid(), text);
+    dprintf(STDERR_FILENO, ("faultd[%d] " + std::string(format) + "\n").c_str(), getpid(), values...);
 }
 
 // Reads and drops what arrives until the peer closes or stays silent for @p ms (-1: forever).
@@ -72,15 +60,6 @@ void drain(int fd, int ms)
     pollfd entry{fd, POLLIN, 0};
     while (poll(&entry, 1, ms) > 0 && read(fd, buffer, sizeof buffer) > 0) {
     }
-}
-
-// A cut must not take bytes with it that were written before it: a reading client gets them first.
-void letWrittenBytesArrive(int fd)
-{
-    int queued = 0;
-    for (int i = 0; i < 400 && ioctl(fd, SIOCOUTQ, &queued) == 0 && queued > 0; ++i)
-        std::this_thread::sleep_for(5ms);
-    std::this_thread::sleep_for(100ms);
 }
 
 struct Connection
@@ -124,8 +103,12 @@ bool writeAll(const Connection &c, int stream, const char *data, std::size_t len
 
 [[noreturn]] void cutConnection(const Connection &c, std::uint64_t sent)
 {
+    // What was written must arrive first, and a reading client have it, or the cut would take bytes with it.
     ssh_blocking_flush(c.session, 5000);
-    letWrittenBytesArrive(c.fd);
+    int queued = 0;
+    for (int i = 0; i < 400 && ioctl(c.fd, SIOCOUTQ, &queued) == 0 && queued > 0; ++i)
+        std::this_thread::sleep_for(5ms);
+    std::this_thread::sleep_for(100ms);
     const bool reset = c.fault.is("reset-after");
     logLine("%s the connection after %llu bytes of stdout", reset ? "resetting" : "closing",
             static_cast<unsigned long long>(sent));
@@ -162,18 +145,9 @@ void endChannel(const Connection &c, int status)
 
 void flood(const Connection &c)
 {
-    std::string lines(kChunk, 'x');
-    for (std::size_t i = 63; i < lines.size(); i += 64)
-        lines[i] = '\n';
-    if (!writeAll(c, 0, "begin\n", 6))
-        return;
-    for (std::uint64_t left = c.fault.bytes; left > 0;) {
-        const auto piece = static_cast<std::size_t>(std::min<std::uint64_t>(left, lines.size()));
-        if (!writeAll(c, 1, lines.data(), piece))
-            return;
-        left -= piece;
-    }
-    if (writeAll(c, 0, "end\n", 4))
+    const std::string junk(c.fault.bytes, 'x');
+    if (writeAll(c, 0, "begin\n", 6) && writeAll(c, 1, junk.data(), junk.size()) &&
+        writeAll(c, 0, "end\n", 4))
         endChannel(c, 0);
 }
 
@@ -219,16 +193,6 @@ void serveExec(const Connection &c, const std::string &command)
     endChannel(c, WIFEXITED(status) ? WEXITSTATUS(status) : 255);
 }
 
-// libssh deprecates this accessor for its server callbacks, but a session with callbacks answers every
-// request they leave out by itself, and this server walks the requests in order.
-const char *passwordOf(ssh_message message)
-{
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    return ssh_message_auth_password(message);
-#pragma GCC diagnostic pop
-}
-
 bool acceptLogin(Connection &c, const std::string &user, const char *password, const char *const *account)
 {
     const auto plus = user.find('+');
@@ -261,7 +225,7 @@ void serveRequests(Connection &c, const char *const *account)
         const int type = ssh_message_type(m);
         const int subtype = ssh_message_subtype(m);
         if (type == SSH_REQUEST_AUTH && subtype == SSH_AUTH_METHOD_PASSWORD && !authenticated &&
-            acceptLogin(c, ssh_message_auth_user(m), passwordOf(m), account)) {
+            acceptLogin(c, ssh_message_auth_user(m), ssh_message_auth_password(m), account)) {
             authenticated = true;
             ssh_message_auth_reply_success(m, 0);
         } else if (type == SSH_REQUEST_AUTH) {
@@ -318,29 +282,12 @@ void serveRequests(Connection &c, const char *const *account)
     _exit(0); // a cut connection leaves libssh's state behind on purpose: no cleanup
 }
 
-int listenOnLoopback()
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&address), length) != 0 || listen(fd, 64) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) != 0)
-        return -1;
-    std::printf("%d\n", ntohs(address.sin_port));
-    std::fflush(stdout);
-    return fd;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
 {
-    if (argc != 4) {
-        std::fprintf(stderr, "usage: telvane-faultd USER PASSWORD CONTROL-FILE\n");
+    if (argc != 4)
         return 2;
-    }
     // A group of its own, so that the end of the server is the end of every connection and command it runs.
     setpgid(0, 0);
     std::signal(SIGPIPE, SIG_IGN); // a client that vanishes is a failed write
@@ -348,17 +295,19 @@ int main(int argc, char **argv)
     ssh_bind bind = ssh_bind_new();
     ssh_key key = nullptr;
     const bool no = false; // the machine's libssh server configuration has no place in a test server
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t length = sizeof address;
     if (ssh_bind_options_set(bind, SSH_BIND_OPTIONS_PROCESS_CONFIG, &no) != SSH_OK ||
         ssh_pki_generate(SSH_KEYTYPE_ED25519, 0, &key) != SSH_OK ||
-        ssh_bind_options_set(bind, SSH_BIND_OPTIONS_IMPORT_KEY, key) != SSH_OK) {
-        logLine("cannot set up a host key: %s", ssh_get_error(bind));
+        ssh_bind_options_set(bind, SSH_BIND_OPTIONS_IMPORT_KEY, key) != SSH_OK ||
+        ::bind(listener, reinterpret_cast<sockaddr *>(&address), length) != 0 || listen(listener, 64) != 0 ||
+        getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+        logLine("cannot set up a host key or listen on 127.0.0.1: %s", ssh_get_error(bind));
         return 1;
     }
-    const int listener = listenOnLoopback();
-    if (listener < 0) {
-        logLine("cannot listen on 127.0.0.1");
-        return 1;
-    }
+    std::printf("%d\n", ntohs(address.sin_port));
+    std::fflush(stdout);
     std::signal(SIGCHLD, SIG_IGN); // connection processes reap themselves
     for (;;) {
         pollfd entries[2] = {{listener, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
