@@ -1,0 +1,331 @@
+// telvane-faultd USER PASSWORD CONTROL-FILE: an SSH server for the tests that misbehaves on demand. It prints
+// its port on 127.0.0.1, serves each connection in a process of its own with the fault named on the first
+// line of CONTROL-FILE or by a login as USER+FAULT (FaultServer.h), and ends with all it started when its
+// standard input closes. The faults and what they do are the checks in serveConnection, serveRequests and
+// serveExec.
+#include <libssh/libssh.h>
+#include <libssh/server.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <fstream>
+#include <linux/sockios.h>
+#include <memory>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kSlowDelay = 40ms;
+constexpr std::size_t kChunk = 32768;
+constexpr std::size_t kSlowPacket = 16; // even a short line crosses several packets
+
+struct Fault
+{
+    std::string name = "normal";
+    std::uint64_t bytes = 0;
+    bool is(const char *other) const { return name == other; }
+};
+
+Fault parseFault(const std::string &text)
+{
+    const auto equals = text.find('=');
+    if (text.empty())
+        return {};
+    return {text.substr(0, equals), equals == std::string::npos ? 0 : std::stoull(text.substr(equals + 1))};
+}
+
+// Connections run in processes of their own and share the log: one write per line keeps lines whole.
+template <class... Values> void logLine(const char *format, Values... values)
+{
+    dprintf(STDERR_FILENO, ("faultd[%d] " + std::string(format) + "\n").c_str(), getpid(), values...);
+}
+
+// Reads and drops what arrives until the peer closes or stays silent for @p ms (-1: forever).
+void drain(int fd, int ms)
+{
+    char buffer[16384];
+    pollfd entry{fd, POLLIN, 0};
+    while (poll(&entry, 1, ms) > 0 && read(fd, buffer, sizeof buffer) > 0) {
+    }
+}
+
+struct Connection
+{
+    Fault fault;
+    int fd;
+    ssh_session session = nullptr;
+    ssh_channel channel = nullptr;
+};
+
+void pauseIfSlow(const Connection &c)
+{
+    if (c.fault.is("slow"))
+        std::this_thread::sleep_for(kSlowDelay);
+}
+
+bool peerGone(const Connection &c)
+{
+    return ssh_is_connected(c.session) == 0 || ssh_channel_is_closed(c.channel) != 0;
+}
+
+// Writes all of @p data on standard output (@p stream 0) or error (1); false once the client is gone.
+bool writeAll(const Connection &c, int stream, const char *data, std::size_t length)
+{
+    const bool slow = c.fault.is("slow");
+    while (length > 0) {
+        const auto piece = static_cast<std::uint32_t>(std::min(length, slow ? kSlowPacket : kChunk));
+        const int written = stream == 0 ? ssh_channel_write(c.channel, data, piece)
+                                        : ssh_channel_write_stderr(c.channel, data, piece);
+        if (written < 0 || (written == 0 && peerGone(c)))
+            return false;
+        data += written;
+        length -= static_cast<std::size_t>(written);
+        if (slow && length > 0) {
+            ssh_blocking_flush(c.session, -1);
+            std::this_thread::sleep_for(kSlowDelay / 10);
+        }
+    }
+    return true;
+}
+
+[[noreturn]] void cutConnection(const Connection &c, std::uint64_t sent)
+{
+    // What was written must arrive first, and a reading client have it, or the cut would take bytes with it.
+    ssh_blocking_flush(c.session, 5000);
+    int queued = 0;
+    for (int i = 0; i < 400 && ioctl(c.fd, SIOCOUTQ, &queued) == 0 && queued > 0; ++i)
+        std::this_thread::sleep_for(5ms);
+    std::this_thread::sleep_for(100ms);
+    const bool reset = c.fault.is("reset-after");
+    logLine("%s the connection after %llu bytes of stdout", reset ? "resetting" : "closing",
+            static_cast<unsigned long long>(sent));
+    if (reset) {
+        const linger abort{1, 0};
+        setsockopt(c.fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+    } else {
+        shutdown(c.fd, SHUT_WR);
+        drain(c.fd, 5000); // bytes the client still sends would turn the close into a reset
+    }
+    close(c.fd);
+    _exit(0);
+}
+
+// Status, EOF and close in the order a server that breaks this way sends them; then the client closes first.
+void endChannel(const Connection &c, int status)
+{
+    if (c.fault.is("late-status") || c.fault.is("no-status")) {
+        ssh_channel_send_eof(c.channel);
+        ssh_blocking_flush(c.session, 5000);
+        if (c.fault.is("late-status")) {
+            std::this_thread::sleep_for(3s);
+            ssh_channel_request_send_exit_status(c.channel, status);
+        }
+    } else {
+        pauseIfSlow(c);
+        ssh_channel_request_send_exit_status(c.channel, status);
+        ssh_channel_send_eof(c.channel);
+    }
+    ssh_channel_close(c.channel);
+    ssh_blocking_flush(c.session, 5000);
+    drain(c.fd, 10000);
+}
+
+void flood(const Connection &c)
+{
+    const std::string junk(c.fault.bytes, 'x');
+    if (writeAll(c, 0, "begin\n", 6) && writeAll(c, 1, junk.data(), junk.size()) &&
+        writeAll(c, 0, "end\n", 4))
+        endChannel(c, 0);
+}
+
+// Runs @p command with sh (its standard error goes to the log) and relays its output under the fault.
+void serveExec(const Connection &c, const std::string &command)
+{
+    const bool cuts = c.fault.is("drop-after") || c.fault.is("reset-after");
+    if (c.fault.is("flood-stderr"))
+        return flood(c);
+    if (cuts && c.fault.bytes == 0)
+        cutConnection(c, 0);
+    FILE *shell = popen(command.c_str(), "r");
+    if (!shell)
+        return endChannel(c, 127);
+    std::uint64_t sent = 0;
+    char buffer[kChunk];
+    for (;;) {
+        pollfd entries[2] = {{fileno(shell), POLLIN, 0}, {c.fd, POLLIN, 0}};
+        if (poll(entries, 2, -1) < 0)
+            continue;
+        // Input from the client tells that it closed the channel or left; its data has nowhere to go.
+        if (entries[1].revents != 0) {
+            ssh_channel_read_nonblocking(c.channel, buffer, sizeof buffer, 0);
+            if (peerGone(c))
+                return logLine("the client left while the command ran");
+        }
+        if (entries[0].revents == 0)
+            continue;
+        const auto wanted =
+            cuts ? std::min<std::uint64_t>(sizeof buffer, c.fault.bytes - sent) : sizeof buffer;
+        const ssize_t got = read(fileno(shell), buffer, wanted);
+        if (got <= 0)
+            break;
+        if (!writeAll(c, 0, buffer, static_cast<std::size_t>(got)))
+            return;
+        sent += static_cast<std::uint64_t>(got);
+        if (cuts && sent >= c.fault.bytes)
+            cutConnection(c, sent);
+    }
+    const int status = pclose(shell);
+    if (cuts) // the fault promises a cut, so a command that wrote less than N bytes still gets one
+        cutConnection(c, sent);
+    endChannel(c, WIFEXITED(status) ? WEXITSTATUS(status) : 255);
+}
+
+bool acceptLogin(Connection &c, const std::string &user, const char *password, const char *const *account)
+{
+    const auto plus = user.find('+');
+    if (plus != std::string::npos)
+        c.fault = parseFault(user.substr(plus + 1));
+    pauseIfSlow(c);
+    if (c.fault.is("stall-auth")) {
+        logLine("stall-auth: never answering the login of \"%s\"", user.c_str());
+        drain(c.fd, -1);
+        _exit(0);
+    }
+    if (user.substr(0, plus) != account[0] || std::string(password ? password : "") != account[1] ||
+        c.fault.is("refuse-password")) {
+        logLine("login as \"%s\" refused, fault %s", user.c_str(), c.fault.name.c_str());
+        return false;
+    }
+    return true;
+}
+
+// Answers the client's requests after the key exchange until its exec request has been served.
+void serveRequests(Connection &c, const char *const *account)
+{
+    using Message = std::unique_ptr<ssh_message_struct, decltype(&ssh_message_free)>;
+    bool authenticated = false;
+    for (;;) {
+        Message message(ssh_message_get(c.session), ssh_message_free);
+        if (!message)
+            return logLine("the client left: %s", ssh_get_error(c.session));
+        ssh_message m = message.get();
+        const int type = ssh_message_type(m);
+        const int subtype = ssh_message_subtype(m);
+        if (type == SSH_REQUEST_AUTH && subtype == SSH_AUTH_METHOD_PASSWORD && !authenticated &&
+            acceptLogin(c, ssh_message_auth_user(m), ssh_message_auth_password(m), account)) {
+            authenticated = true;
+            ssh_message_auth_reply_success(m, 0);
+        } else if (type == SSH_REQUEST_AUTH) {
+            ssh_message_auth_set_methods(m, SSH_AUTH_METHOD_PASSWORD);
+            ssh_message_reply_default(m);
+        } else if (type == SSH_REQUEST_CHANNEL_OPEN && subtype == SSH_CHANNEL_SESSION && authenticated &&
+                   !c.channel && (pauseIfSlow(c), !c.fault.is("refuse-channel"))) {
+            c.channel = ssh_message_channel_request_open_reply_accept(m);
+        } else if (type == SSH_REQUEST_CHANNEL && subtype == SSH_CHANNEL_REQUEST_EXEC && c.channel &&
+                   (pauseIfSlow(c), !c.fault.is("refuse-exec"))) {
+            const std::string command = ssh_message_channel_request_command(m);
+            ssh_message_channel_request_reply_success(m);
+            logLine("exec, fault %s: %s", c.fault.name.c_str(), command.c_str());
+            return serveExec(c, command);
+        } else {
+            // Refusals of the faults above, and every request a minimal server refuses.
+            logLine("request %d/%d refused, fault %s", type, subtype, c.fault.name.c_str());
+            ssh_message_reply_default(m);
+        }
+    }
+}
+
+[[noreturn]] void serveConnection(ssh_bind bind, int fd, const char *const *account, const char *controlFile)
+{
+    std::ifstream control(controlFile);
+    std::string line;
+    std::getline(control, line);
+    Connection c{parseFault(line), fd};
+    logLine("connection accepted, fault %s", c.fault.name.c_str());
+    if (c.fault.is("dribble-banner")) { // a banner line that never ends: the client never gets past it
+        for (const char byte : std::string("SSH-2.0-") + std::string(242, 'x')) {
+            if (send(fd, &byte, 1, MSG_NOSIGNAL) != 1)
+                break;
+            std::this_thread::sleep_for(200ms);
+        }
+    }
+    if (c.fault.is("stall-kex")) // the client answers with its KEXINIT, then waits for ours forever
+        send(fd, "SSH-2.0-telvane_faultd\r\n", 24, MSG_NOSIGNAL);
+    if (c.fault.is("stall-banner") || c.fault.is("dribble-banner") || c.fault.is("stall-kex")) {
+        drain(fd, -1);
+        _exit(0);
+    }
+    if (c.fault.is("slow")) { // separate segments for the small packets, so the client's reads come short
+        const int on = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        std::this_thread::sleep_for(kSlowDelay);
+    }
+    c.session = ssh_new();
+    if (ssh_bind_accept_fd(bind, c.session, fd) != SSH_OK || ssh_handle_key_exchange(c.session) != SSH_OK) {
+        logLine("no key exchange: %s", ssh_get_error(c.session));
+        _exit(0);
+    }
+    serveRequests(c, account);
+    _exit(0); // a cut connection leaves libssh's state behind on purpose: no cleanup
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc != 4)
+        return 2;
+    // A group of its own, so that the end of the server is the end of every connection and command it runs.
+    setpgid(0, 0);
+    std::signal(SIGPIPE, SIG_IGN); // a client that vanishes is a failed write
+    ssh_init();
+    ssh_bind bind = ssh_bind_new();
+    ssh_key key = nullptr;
+    const bool no = false; // the machine's libssh server configuration has no place in a test server
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t length = sizeof address;
+    if (ssh_bind_options_set(bind, SSH_BIND_OPTIONS_PROCESS_CONFIG, &no) != SSH_OK ||
+        ssh_pki_generate(SSH_KEYTYPE_ED25519, 0, &key) != SSH_OK ||
+        ssh_bind_options_set(bind, SSH_BIND_OPTIONS_IMPORT_KEY, key) != SSH_OK ||
+        ::bind(listener, reinterpret_cast<sockaddr *>(&address), length) != 0 || listen(listener, 64) != 0 ||
+        getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+        logLine("cannot set up a host key or listen on 127.0.0.1: %s", ssh_get_error(bind));
+        return 1;
+    }
+    std::printf("%d\n", ntohs(address.sin_port));
+    std::fflush(stdout);
+    std::signal(SIGCHLD, SIG_IGN); // connection processes reap themselves
+    for (;;) {
+        pollfd entries[2] = {{listener, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+        if (poll(entries, 2, -1) < 0)
+            continue;
+        char byte;
+        if (entries[1].revents != 0 && read(STDIN_FILENO, &byte, 1) <= 0)
+            break;
+        const int fd = entries[0].revents != 0 ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        if (fd >= 0 && fork() == 0) {
+            std::signal(SIGCHLD, SIG_DFL);                // pclose waits for its command
+            const int null = open("/dev/null", O_RDONLY); // no command reads the lifeline
+            dup2(null, STDIN_FILENO);
+            serveConnection(bind, fd, argv + 1, argv[3]);
+        }
+        if (fd >= 0)
+            close(fd);
+    }
+    logLine("standard input closed, ending");
+    kill(0, SIGKILL);
+}
