@@ -71,31 +71,6 @@ struct PromptCanceller
     int count = 0;
 };
 
-/// What a runner tells, one entry a signal; consecutive chunks of output are joined.
-struct Recorder
-{
-    explicit Recorder(TelvaneSensorRunner &runner)
-    {
-        QObject::connect(&runner, &TelvaneSensorRunner::started, [this] { events << "started"; });
-        QObject::connect(&runner, &TelvaneSensorRunner::outputReceived, [this](const QByteArray &chunk) {
-            if (events.isEmpty() || !events.last().startsWith("output:"))
-                events << "output:";
-            events.last() += QString::fromUtf8(chunk);
-        });
-        QObject::connect(&runner, &TelvaneSensorRunner::finished,
-                         [this](long status) { events << QString("finished:%1").arg(status); });
-        QObject::connect(&runner, &TelvaneSensorRunner::failed, [this](long code, const QString &reason) {
-            events << QString("failed:%1:%2").arg(code).arg(reason);
-        });
-    }
-    bool ended() const
-    {
-        return !events.isEmpty() &&
-               (events.last().startsWith("finished") || events.last().startsWith("failed"));
-    }
-    QStringList events;
-};
-
 } // namespace
 
 class DiagnosticsViewTest : public QObject
@@ -125,10 +100,12 @@ private:
                              : QString::fromStdString(sshd->writeFile("script.sh", text.toStdString()));
     }
 
-    /// Waits until @p sensor's own threads have let go of it, leaving it to the test and one panel.
-    static bool released(const std::shared_ptr<Telvane> &sensor)
+    /// Waits until @p sensor's own threads have let go of it, leaving it to its @p holders (the test's one
+    /// included).
+    static bool released(const std::shared_ptr<Telvane> &sensor, long holders = 2)
     {
-        return QTest::qWaitFor([&] { return sensor.use_count() == 2 && !sensor->running(); }, kRunTimeout);
+        return QTest::qWaitFor([&] { return sensor.use_count() == holders && !sensor->running(); },
+                               kRunTimeout);
     }
 
 private Q_SLOTS:
@@ -215,47 +192,44 @@ private Q_SLOTS:
     // Whole runs against sshd. The prompt appears unless both credentials are preset, and is cancelled.
     void runs_data()
     {
-        // The script, the credentials preset ("right", "wrong", "username", "password", "empty" or none),
+        // The script, the username and password preset ("-" none, "$user" and "$password" the account's),
         // what the panel then shows after the connecting line, and in red.
         QTest::addColumn<QStringList>("row");
         QString lines;
         for (int i = 1; i <= 100; ++i)
             lines += QString::number(i) + '\n';
-        QTest::newRow("exit 2") << QStringList{"echo hello\nexit 2\n", "right",
-                                               "OK\nhello\nDiagnostics terminated with error: 2", ""};
-        QTest::newRow("marked output") << QStringList{"echo 'fan: *stopped*'\n", "right",
-                                                      "OK\nfan: stopped\nDiagnostics completed.", "stopped"};
+        const QString ok = "Diagnostics completed.";
+        QTest::newRow("exit 2") << QStringList{"echo hi\nexit 2\n", "$user", "$password",
+                                               "OK\nhi\nDiagnostics terminated with error: 2", ""};
+        QTest::newRow("marked output") << QStringList{"echo 'fan: *stopped*'\n", "$user", "$password",
+                                                      "OK\nfan: stopped\n" + ok, "stopped"};
         // Two bytes that are not ASCII, two replacement characters: the span still lines up.
-        QTest::newRow("non-ASCII output")
-            << QStringList{"printf 'caf\\303\\251 *ok*\\n'\n", "right",
-                           "OK\ncaf\uFFFD\uFFFD ok\nDiagnostics completed.", "ok"};
-        QTest::newRow("long output") << QStringList{"seq 100\n", "right",
-                                                    "OK\n" + lines + "Diagnostics completed.", ""};
+        QTest::newRow("non-ASCII output") << QStringList{"printf 'caf\\303\\251 *ok*\\n'\n", "$user",
+                                                         "$password", "OK\ncaf\uFFFD\uFFFD ok\n" + ok, "ok"};
+        QTest::newRow("long output") << QStringList{"seq 100\n", "$user", "$password", "OK\n" + lines + ok,
+                                                    ""};
         QTest::newRow("wrong password")
-            << QStringList{"echo hello\n", "wrong", refused, "invalid credentials"};
-        QTest::newRow("both empty") << QStringList{"echo hello\n", "empty", refused, "invalid credentials"};
-        QTest::newRow("none preset") << QStringList{"echo hello\n", "", canceled, "canceled"};
-        QTest::newRow("username only") << QStringList{"echo hello\n", "username", canceled, "canceled"};
-        QTest::newRow("password only") << QStringList{"echo hello\n", "password", canceled, "canceled"};
+            << QStringList{"echo hi\n", "$user", "wrong", refused, "invalid credentials"};
+        QTest::newRow("both empty") << QStringList{"echo hi\n", "", "", refused, "invalid credentials"};
+        QTest::newRow("none preset") << QStringList{"echo hi\n", "-", "-", canceled, "canceled"};
+        QTest::newRow("username only") << QStringList{"echo hi\n", "$user", "-", canceled, "canceled"};
+        QTest::newRow("password only") << QStringList{"echo hi\n", "-", "$password", canceled, "canceled"};
     }
 
     void runs()
     {
         REQUIRE_SSHD();
         QFETCH(QStringList, row);
-        const QString &preset = row[1], &shown = row[2], &red = row[3];
+        const QString &shown = row[3], &red = row[4];
         auto sensor = sshdSensor();
         TelvaneDiagnosticsView panel(sensor, script(row[0].toUtf8()));
-        const QString user = QString::fromStdString(sshd->username());
-        const QString password = QString::fromStdString(sshd->password());
-        if (preset == "right" || preset == "wrong" || preset == "username")
-            panel.setUsername(user);
-        if (preset == "right" || preset == "password")
-            panel.setPassword(password);
-        if (preset == "wrong")
-            panel.setPassword(QString("wrong"));
-        if (preset == "empty")
-            panel.setUsername(QString()), panel.setPassword(QString());
+        const auto preset = [this](QString value) {
+            value.replace("$user", QString::fromStdString(sshd->username()));
+            value.replace("$password", QString::fromStdString(sshd->password()));
+            return value == "-" ? std::nullopt : std::optional<QString>(value);
+        };
+        panel.setUsername(preset(row[1]));
+        panel.setPassword(preset(row[2]));
         QSignalSpy runningChanged(&panel, &TelvaneDiagnosticsView::runningChanged);
         PromptCanceller prompts;
         panel.resize(400, 200);
@@ -315,79 +289,74 @@ private Q_SLOTS:
             QCOMPARE(text, started + "end\nDiagnostics completed.");
     }
 
-    // The runner's signals in order, and failures with their reasons. How the request for credentials is
-    // answered: "right", "wrong", "decline", "stop", "prompt" (nothing connected; the prompt appears and
-    // is cancelled), "none" (port 1 refuses before any request).
+    // The runner's signals in order, failures with their reasons, and a runner destroyed mid-run: the run
+    // ends unheard and lets go of the sensor. How the request for credentials is answered: "right",
+    // "wrong", "decline", "stop", "prompt" (nothing connected; the prompt appears and is cancelled), "none"
+    // (port 1 refuses before any request), "destroy" (the request still waits; the destruction answers it),
+    // "right, destroy" (destroyed at the first output).
     void runner_data()
     {
         QTest::addColumn<QString>("answer");
-        QTest::addColumn<QStringList>("expected");
-        QTest::newRow("output, then the status")
-            << "right" << QStringList{"started", "output:one\ntwo\n", "finished:3"};
-        QTest::newRow("refused credentials") << "wrong" << QStringList{"failed:3:invalid credentials"};
-        QTest::newRow("declined by the slot") << "decline" << QStringList{"failed:2:canceled"};
-        QTest::newRow("stopped while asked") << "stop" << QStringList{"failed:2:canceled"};
-        QTest::newRow("prompt cancelled") << "prompt" << QStringList{"failed:2:canceled"};
-        QTest::newRow("connection refused") << "none" << QStringList{"failed:1:failed"};
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("output, then the status") << "right"
+                                                 << "started|one\ntwo\n|finished:3";
+        QTest::newRow("refused credentials") << "wrong"
+                                             << "failed:3:invalid credentials";
+        QTest::newRow("declined by the slot") << "decline"
+                                              << "failed:2:canceled";
+        QTest::newRow("stopped while asked") << "stop"
+                                             << "failed:2:canceled";
+        QTest::newRow("prompt cancelled") << "prompt"
+                                          << "failed:2:canceled";
+        QTest::newRow("connection refused") << "none"
+                                            << "failed:1:failed";
+        QTest::newRow("destroyed while credentials are asked") << "destroy"
+                                                               << "";
+        QTest::newRow("destroyed during the output") << "right, destroy"
+                                                     << "started|one\n";
     }
 
     void runner()
     {
         REQUIRE_SSHD();
         QFETCH(QString, answer);
-        QFETCH(QStringList, expected);
-        TelvaneSensorRunner runner(sshdSensor(answer == "none" ? 1 : 0));
-        Recorder recorder(runner);
+        QFETCH(QString, expected);
+        auto sensor = sshdSensor(answer == "none" ? 1 : 0);
+        auto runner = std::make_unique<TelvaneSensorRunner>(sensor);
+        QString events; // what the runner tells, in order
+        bool ended = false;
+        connect(runner.get(), &TelvaneSensorRunner::started, this, [&] { events += "started|"; });
+        connect(runner.get(), &TelvaneSensorRunner::outputReceived, this, [&](const QByteArray &chunk) {
+            events += chunk;
+            if (answer.endsWith("destroy"))
+                runner.reset();
+        });
+        connect(runner.get(), &TelvaneSensorRunner::finished, this,
+                [&](long status) { events += QString("|finished:%1").arg(status), ended = true; });
+        connect(runner.get(), &TelvaneSensorRunner::failed, this, [&](long code, const QString &reason) {
+            events += QString("failed:%1:%2").arg(code).arg(reason), ended = true;
+        });
         PromptCanceller prompts;
         if (answer != "prompt") {
-            connect(&runner, &TelvaneSensorRunner::credentialsRequested, this, [&] {
-                if (answer == "decline")
-                    runner.declineCredentials();
+            connect(runner.get(), &TelvaneSensorRunner::credentialsRequested, this, [&] {
+                if (answer == "destroy")
+                    runner.reset();
+                else if (answer == "decline")
+                    runner->declineCredentials();
                 else if (answer == "stop")
-                    runner.stop();
+                    runner->stop();
                 else
-                    runner.provideCredentials(QString::fromStdString(sshd->username()),
-                                              answer == "right" ? QString::fromStdString(sshd->password())
-                                                                : QString("wrong"));
+                    runner->provideCredentials(QString::fromStdString(sshd->username()),
+                                               answer.startsWith("right")
+                                                   ? QString::fromStdString(sshd->password())
+                                                   : QString("wrong"));
             });
         }
-        runner.start("echo one\necho two\nexit 3\n");
-        QTRY_VERIFY_WITH_TIMEOUT(recorder.ended(), kRunTimeout);
-        QCOMPARE(recorder.events, expected);
-        QVERIFY(!runner.isRunning());
+        runner->start("echo one\nsleep 1\necho two\nexit 3\n");
+        QTRY_VERIFY_WITH_TIMEOUT(ended || !runner, kRunTimeout);
+        QCOMPARE(events, expected);
         QCOMPARE(prompts.count, answer == "prompt" ? 1 : 0);
-    }
-
-    // The runner may go while the run goes on: the run ends unheard and lets go of the sensor.
-    void runnerDestroyedMidRun_data()
-    {
-        QTest::addColumn<bool>("atRequest");
-        QTest::newRow("during the output") << false;
-        QTest::newRow("while credentials are asked") << true;
-    }
-
-    void runnerDestroyedMidRun()
-    {
-        REQUIRE_SSHD();
-        QFETCH(bool, atRequest);
-        auto sensor = sshdSensor();
-        auto runner = std::make_unique<TelvaneSensorRunner>(sensor);
-        bool outputSeen = false;
-        connect(runner.get(), &TelvaneSensorRunner::credentialsRequested, this, [&] {
-            if (atRequest)
-                runner.reset(); // the request still waits; the destruction answers it
-            else
-                runner->provideCredentials(QString::fromStdString(sshd->username()),
-                                           QString::fromStdString(sshd->password()));
-        });
-        connect(runner.get(), &TelvaneSensorRunner::outputReceived, this, [&] {
-            outputSeen = true;
-            runner.reset();
-        });
-        runner->start("echo start\nsleep 1\necho end\n");
-        QTRY_VERIFY_WITH_TIMEOUT(!runner, kRunTimeout);
-        QCOMPARE(outputSeen, !atRequest);
-        QTRY_VERIFY_WITH_TIMEOUT(sensor.use_count() == 1 && !sensor->running(), kRunTimeout);
+        QVERIFY(released(sensor, runner ? 2 : 1));
     }
 
     // The desktop host: bad input ends it at once; a quit while a run goes on ends it promptly and cleanly.
