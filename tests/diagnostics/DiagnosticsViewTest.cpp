@@ -91,8 +91,9 @@ private:
         return QString("Connecting over SSH to 127.0.0.1 on port %1: ").arg(port);
     }
 
-    const QString canceled = "canceled\nDiagnostics completed.";
-    const QString refused = "invalid credentials\nDiagnostics completed.";
+    const QString done = "Diagnostics completed.";
+    const QString canceled = "canceled\n" + done;
+    const QString refused = "invalid credentials\n" + done;
 
     QString script(const QByteArray &text) const
     {
@@ -100,8 +101,7 @@ private:
                              : QString::fromStdString(sshd->writeFile("script.sh", text.toStdString()));
     }
 
-    /// Waits until @p sensor's own threads have let go of it, leaving it to its @p holders (the test's one
-    /// included).
+    /// Waits until @p sensor's own threads have let go of it, leaving it to @p holders (the test included).
     static bool released(const std::shared_ptr<Telvane> &sensor, long holders = 2)
     {
         return QTest::qWaitFor([&] { return sensor.use_count() == holders && !sensor->running(); },
@@ -137,16 +137,13 @@ private Q_SLOTS:
             << QStringList{"output", "a*b\nsee *this* now\n", "ab\nsee this now\n", "his n"};
         QTest::newRow("non-ASCII marker")
             << QStringList{"output", "*fehlgeschlagen für*\n", "fehlgeschlagen für\n", "fehlgeschlagen für"};
-        QTest::newRow("status 0") << QStringList{"terminate", "0", "Diagnostics completed.", ""};
+        QTest::newRow("status 0") << QStringList{"terminate", "0", done, ""};
         QTest::newRow("status 2") << QStringList{"terminate", "2", "Diagnostics terminated with error: 2",
                                                  ""};
         QTest::newRow("status -1") << QStringList{"terminate", "-1", "Diagnostics terminated with error: -1",
                                                   ""};
-        QTest::newRow("code 1") << QStringList{"fail", "1", "failed\nDiagnostics completed.", "failed"};
-        QTest::newRow("code 2") << QStringList{"fail", "2", "canceled\nDiagnostics completed.", "canceled"};
-        QTest::newRow("code 3") << QStringList{"fail", "3", "invalid credentials\nDiagnostics completed.",
-                                               "invalid credentials"};
-        QTest::newRow("unknown code") << QStringList{"fail", "7", "Diagnostics completed.", ""};
+        QTest::newRow("code 1") << QStringList{"fail", "1", "failed\n" + done, "failed"};
+        QTest::newRow("unknown code") << QStringList{"fail", "7", done, ""};
     }
 
     void offline()
@@ -198,15 +195,15 @@ private Q_SLOTS:
         QString lines;
         for (int i = 1; i <= 100; ++i)
             lines += QString::number(i) + '\n';
-        const QString ok = "Diagnostics completed.";
         QTest::newRow("exit 2") << QStringList{"echo hi\nexit 2\n", "$user", "$password",
                                                "OK\nhi\nDiagnostics terminated with error: 2", ""};
         QTest::newRow("marked output") << QStringList{"echo 'fan: *stopped*'\n", "$user", "$password",
-                                                      "OK\nfan: stopped\n" + ok, "stopped"};
+                                                      "OK\nfan: stopped\n" + done, "stopped"};
         // Two bytes that are not ASCII, two replacement characters: the span still lines up.
-        QTest::newRow("non-ASCII output") << QStringList{"printf 'caf\\303\\251 *ok*\\n'\n", "$user",
-                                                         "$password", "OK\ncaf\uFFFD\uFFFD ok\n" + ok, "ok"};
-        QTest::newRow("long output") << QStringList{"seq 100\n", "$user", "$password", "OK\n" + lines + ok,
+        QTest::newRow("non-ASCII output")
+            << QStringList{"printf 'caf\\303\\251 *ok*\\n'\n", "$user", "$password",
+                           "OK\ncaf\uFFFD\uFFFD ok\n" + done, "ok"};
+        QTest::newRow("long output") << QStringList{"seq 100\n", "$user", "$password", "OK\n" + lines + done,
                                                     ""};
         QTest::newRow("wrong password")
             << QStringList{"echo hi\n", "$user", "wrong", refused, "invalid credentials"};
@@ -387,29 +384,19 @@ private Q_SLOTS:
         QVERIFY2(run.status == 0 && run.seconds < 20, run.err.c_str());
     }
 
-    // The README's example, built as it is shown.
-    void example_data()
-    {
-        QTest::addColumn<bool>("rightPassword");
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QByteArray>("out");
-        QTest::newRow("run") << true << 3 << QByteArray("hello\n");
-        QTest::newRow("refused") << false << 103 << QByteArray();
-    }
-
+    // The README's example, built as it is shown: a run, and a refused password.
     void example()
     {
         REQUIRE_SSHD();
-        QFETCH(bool, rightPassword);
-        QFETCH(int, status);
-        QFETCH(QByteArray, out);
-        const std::string passwordFile =
-            sshd->writeFile("qt-face-password", (rightPassword ? sshd->password() : "wrong") + "\n");
-        const auto run =
-            telvane::test::runProcess({TELVANE_QT_FACE, sshd->host(), std::to_string(sshd->port()),
-                                       sshd->username(), passwordFile, "echo hello\nexit 3"});
-        QVERIFY2(run.status == status, run.err.c_str());
-        QCOMPARE(QByteArray::fromStdString(run.out), out);
+        for (const auto &[password, status, out] :
+             {std::tuple{sshd->password(), 3, "hello\n"}, std::tuple{std::string("wrong"), 103, ""}}) {
+            const std::string file = sshd->writeFile("qt-face-password", password + "\n");
+            const auto run =
+                telvane::test::runProcess({TELVANE_QT_FACE, sshd->host(), std::to_string(sshd->port()),
+                                           sshd->username(), file, "echo hello\nexit 3"});
+            QVERIFY2(run.status == status, run.err.c_str());
+            QCOMPARE(run.out, std::string(out));
+        }
     }
 };
 
