@@ -10,13 +10,9 @@ add_executable(telvane_diagnostics_view_test diagnostics/DiagnosticsViewTest.cpp
 set_target_properties(telvane_diagnostics_view_test PROPERTIES AUTOMOC ON)
 target_link_libraries(telvane_diagnostics_view_test PRIVATE telvane_widgets_internal telvane_sshd_harness Qt6::Test)
 target_include_directories(telvane_diagnostics_view_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
-target_compile_definitions(telvane_diagnostics_view_test PRIVATE TELVANE_QT_FACE="$<TARGET_FILE:qt-face>")
-add_dependencies(telvane_diagnostics_view_test qt-face)
-if(TARGET telvane-diagnostics)
-    target_compile_definitions(telvane_diagnostics_view_test PRIVATE
-        TELVANE_DIAGNOSTICS_HOST="$<TARGET_FILE:telvane-diagnostics>")
-    add_dependencies(telvane_diagnostics_view_test telvane-diagnostics)
-endif()
+target_compile_definitions(telvane_diagnostics_view_test PRIVATE TELVANE_QT_FACE="$<TARGET_FILE:qt-face>"
+    TELVANE_DIAGNOSTICS_HOST="$<TARGET_FILE:telvane-diagnostics>")
+add_dependencies(telvane_diagnostics_view_test qt-face telvane-diagnostics)
 add_test(NAME telvane_diagnostics_view_test COMMAND telvane_diagnostics_view_test)
 set_tests_properties(telvane_diagnostics_view_test PROPERTIES
     ENVIRONMENT "QT_QPA_PLATFORM=offscreen;TELVANE_KEYRING=memory" SKIP_REGULAR_EXPRESSION "SKIP   :" TIMEOUT 300)

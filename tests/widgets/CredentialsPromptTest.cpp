@@ -209,34 +209,36 @@ private slots:
             QVERIFY(TelvaneWidgets::loadTranslation(translator, QLocale(QLocale::German)));
             QCoreApplication::installTranslator(&translator);
         }
-        QStringList shown, details;
+        QStringList shown;
+        QString informative;
         bool modal = false;
         DialogDriver driver("TelvaneHostKeyDialog", [&](QDialog *dialog) {
             shown << dialog->windowTitle();
             for (const char *name :
-                 {"messageLabel", "acceptButton", "refuseButton", "knownEntryLabel", "resetCommandLabel"})
+                 {"messageLabel", "acceptButton", "refuseButton", "knownEntryLabel", "resetCommandLabel",
+                  "sensorLabel", "hostLabel", "keyTypeLabel", "fingerprintLabel"})
                 shown << text(dialog, name);
-            for (const char *name :
-                 {"sensorLabel", "hostLabel", "keyTypeLabel", "fingerprintLabel", "informativeLabel"})
-                details << text(dialog, name);
+            informative = text(dialog, "informativeLabel");
             modal = dialog->windowModality() == Qt::ApplicationModal;
             press(dialog, finish);
         });
-        TelvaneHostKey hostKey{"[kitchen.local]:2222", "ssh-ed25519", fingerprint.toStdString(),
-                               knownLine >= 0};
-        hostKey.knownFile = hostKey.changed ? "/home/pi/.ssh/known_hosts" : "";
-        hostKey.knownLine = hostKey.changed ? knownLine : 0;
+        const bool changed = knownLine >= 0;
+        const TelvaneHostKey hostKey{"[kitchen.local]:2222",
+                                     "ssh-ed25519",
+                                     fingerprint.toStdString(),
+                                     changed,
+                                     changed ? "/home/pi/.ssh/known_hosts" : "",
+                                     std::max(knownLine, 0)};
         auto sensor = Telvane::create("kitchen", "Kitchen sensor", "kitchen.local");
         const std::optional<bool> answer =
             ask<bool>([&] { return TelvaneCredentials::promptForHostKey(*sensor, hostKey); }, onWorker);
 
         REQUIRE_DRIVEN(driver);
         QCOMPARE(answer, std::optional<bool>(accepted));
-        if (!expected.isEmpty())
-            QCOMPARE(shown, QStringList{expected[0]} + expected); // the title is the message
-        QVERIFY(!details.takeLast().isEmpty());
-        QCOMPARE(details,
-                 (QStringList{"Kitchen sensor", "[kitchen.local]:2222", "ssh-ed25519", fingerprint}));
+        const QStringList details{"Kitchen sensor", "[kitchen.local]:2222", "ssh-ed25519", fingerprint};
+        if (!expected.isEmpty()) // the title is the message
+            QCOMPARE(shown, QStringList{expected[0]} + expected + details);
+        QVERIFY(!informative.isEmpty());
         QVERIFY(modal);
     }
 

@@ -72,13 +72,11 @@ int main(int argc, char **argv)
 {
     QApplication app(argc, argv);
     const QString name = argc == 3 ? argv[1] : "";
-    if (name != "credentials-prompt" && name != "diagnostics-panel") {
-        std::fprintf(stderr, "usage: %s credentials-prompt|diagnostics-panel FILE\n", argv[0]);
-        return 2;
-    }
-    const QString file = QString::fromLocal8Bit(argv[2]);
-    if (name == "credentials-prompt" ? credentialsPrompt(file) : diagnosticsPanel(file))
+    const QString file = argc == 3 ? QString::fromLocal8Bit(argv[2]) : "";
+    if (name == "credentials-prompt" ? credentialsPrompt(file)
+                                     : name == "diagnostics-panel" && diagnosticsPanel(file))
         return 0;
-    std::fprintf(stderr, "%s: could not write %s\n", argv[0], argv[2]);
+    std::fprintf(stderr, "usage: %s credentials-prompt|diagnostics-panel FILE, FILE a PNG file to write\n",
+                 argv[0]);
     return 1;
 }
