@@ -124,14 +124,12 @@ private slots:
         QFETCH(bool, remember);
         QFETCH(bool, onWorker);
         QStringList shown;
-        bool hidden = false, okDefault = false, modal = false;
+        bool hidden = false;
         DialogDriver driver("TelvaneCredentialsDialog", [&](QDialog *dialog) {
             shown = {dialog->windowTitle(), text(dialog, "messageLabel"), text(dialog, "informativeLabel"),
                      text(dialog, "okButton"), text(dialog, "cancelButton")};
             auto *view = dialog->findChild<TelvaneCredentialsAccessoryView *>();
             hidden = view->passwordField()->echoMode() == QLineEdit::Password;
-            okDefault = dialog->findChild<QPushButton *>("okButton")->isDefault();
-            modal = dialog->windowModality() == Qt::ApplicationModal;
             QTest::keyClicks(QApplication::focusWidget(), username);
             press(dialog, row[3]);
             QTest::keyClicks(QApplication::focusWidget(), password);
@@ -150,7 +148,7 @@ private slots:
         const QString message = "Authentication required for " + name;
         QCOMPARE(shown,
                  (QStringList{message, message, "Please enter the username and password:", "OK", "Cancel"}));
-        QVERIFY(hidden && okDefault && modal);
+        QVERIFY(hidden);
         const bool confirmed = finish == "okButton" || finish == "Return";
         QCOMPARE(answer->has_value(), confirmed);
         QCOMPARE(persist, confirmed ? remember : persistBefore);
@@ -211,7 +209,6 @@ private slots:
         }
         QStringList shown;
         QString informative;
-        bool modal = false;
         DialogDriver driver("TelvaneHostKeyDialog", [&](QDialog *dialog) {
             shown << dialog->windowTitle();
             for (const char *name :
@@ -219,7 +216,6 @@ private slots:
                   "sensorLabel", "hostLabel", "keyTypeLabel", "fingerprintLabel"})
                 shown << text(dialog, name);
             informative = text(dialog, "informativeLabel");
-            modal = dialog->windowModality() == Qt::ApplicationModal;
             press(dialog, finish);
         });
         const bool changed = knownLine >= 0;
@@ -239,7 +235,6 @@ private slots:
         if (!expected.isEmpty()) // the title is the message
             QCOMPARE(shown, QStringList{expected[0]} + expected + details);
         QVERIFY(!informative.isEmpty());
-        QVERIFY(modal);
     }
 
 private:

@@ -17,22 +17,13 @@
 
 namespace {
 
-/// Saves @p widget into @p file once the style has drawn it, then lets it go with @p done.
-void grabLater(QWidget *widget, const QString &file, bool &saved, const std::function<void()> &done)
-{
-    QTimer::singleShot(300, widget, [=, &saved] {
-        saved = widget->grab().save(file, "PNG");
-        done();
-    });
-}
-
 bool credentialsPrompt(const QString &file)
 {
     bool saved = false;
     QTimer poll;
     QObject::connect(&poll, &QTimer::timeout, qApp, [&] {
         auto *dialog = qobject_cast<QDialog *>(QApplication::activeModalWidget());
-        if (!dialog)
+        if (!dialog || !dialog->isActiveWindow())
             return;
         poll.stop();
         auto *view = dialog->findChild<TelvaneCredentialsAccessoryView *>();
@@ -40,9 +31,10 @@ bool credentialsPrompt(const QString &file)
         view->passwordField()->setText("raspberry");
         view->rememberPasswordButton()->setChecked(true);
         view->passwordField()->setFocus();
-        grabLater(dialog, file, saved, [dialog] { dialog->reject(); });
+        saved = dialog->grab().save(file, "PNG");
+        dialog->reject();
     });
-    poll.start(20);
+    poll.start(100);
     auto sensor = Telvane::create("greenhouse", "Greenhouse sensor", "greenhouse.local");
     TelvaneCredentials::promptForCredentials(*sensor, nullptr);
     return saved;
@@ -61,7 +53,10 @@ bool diagnosticsPanel(const QString &file)
                        "I2C bus 1: *humidity sensor not responding*\nCamera: ready\n");
     QTimer::singleShot(100, [&] { sensor->delegate()->sensorScriptDidTerminate(*sensor, 0); });
     bool saved = false;
-    QTimer::singleShot(200, [&] { grabLater(&panel, file, saved, &QApplication::quit); });
+    QTimer::singleShot(500, [&] {
+        saved = panel.grab().save(file, "PNG");
+        QApplication::quit();
+    });
     QApplication::exec();
     return saved;
 }
