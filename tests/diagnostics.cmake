@@ -1,6 +1,5 @@
-# The diagnostics panel and the sensor runner: Qt Test on the offscreen platform, whole runs against the
-# loopback sshd (its harness is built by integration.cmake), the desktop host and the README's example of
-# the Qt face (examples/ comes after tests/ and builds qt-face whenever the widgets are built) as programs.
+# The diagnostics panel and the sensor runner: Qt Test on the offscreen platform, runs against the loopback
+# sshd (its harness is built by integration.cmake), the desktop host and the README's qt-face (from examples/).
 if(NOT TELVANE_BUILD_WIDGETS)
     return()
 endif()

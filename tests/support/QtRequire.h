@@ -1,5 +1,5 @@
-// What the Qt Test suites share: the prompts as they show up, and the rule that a missing component skips the
-// test except under CI (CI=true), which can always provide it.
+// For the Qt Test suites: the prompts as they show up, and a missing component skipped (failed under
+// CI=true).
 #pragma once
 
 #include <QtTest/QTest>

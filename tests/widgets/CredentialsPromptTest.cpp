@@ -22,27 +22,22 @@
 namespace {
 
 /// Runs an action once on the named prompt as soon as it is up and active, from the GUI thread's loop.
-class DialogDriver : public QObject
+struct DialogDriver
 {
-public:
     DialogDriver(const char *name, std::function<void(QDialog *)> action)
     {
-        connect(&timer, &QTimer::timeout, this, [this, name, action] {
-            QDialog *dialog = telvane::test::shownPrompt(QLatin1String(name));
-            if (!dialog)
-                return;
-            timer.stop();
-            shown = true;
-            active = QTest::qWaitForWindowActive(dialog);
-            active ? action(dialog) : dialog->reject();
+        QObject::connect(&timer, &QTimer::timeout, [=, this] {
+            if (QDialog *dialog = telvane::test::shownPrompt(QLatin1String(name))) {
+                timer.stop();
+                shown = true;
+                active = QTest::qWaitForWindowActive(dialog); // else key events reach nothing
+                active ? action(dialog) : dialog->reject();
+            }
         });
         timer.start(10);
     }
-    bool shown = false;
-    bool active = false; // without an active window, key events reach nothing
-
-private:
     QTimer timer;
+    bool shown = false, active = false;
 };
 
 /// Every test checks the driver first.

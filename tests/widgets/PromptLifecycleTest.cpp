@@ -19,8 +19,6 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-
 void require(bool condition, const char *what)
 {
     if (condition)
@@ -38,7 +36,7 @@ void askFromWorker(const std::function<void()> &meanwhile, const char *what)
         return TelvaneCredentials::promptForCredentials(*sensor, &persist).has_value() || !persist;
     });
     meanwhile();
-    require(answered.wait_for(10s) == std::future_status::ready, what);
+    require(answered.wait_for(std::chrono::seconds(10)) == std::future_status::ready, what);
     require(!answered.get(), "no credentials, the persist flag untouched");
 }
 
@@ -70,7 +68,7 @@ int main(int argc, char **argv)
     auto app = std::make_unique<QApplication>(argc, argv);
     askFromWorker(
         [&] {
-            std::this_thread::sleep_for(200ms);
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
             app.reset();
         },
         "a worker is let go when the application object goes");

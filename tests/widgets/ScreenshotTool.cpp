@@ -1,5 +1,5 @@
-// Renders the library's widgets into PNG files for the README: telvane_widgets_screenshot NAME FILE, NAME
-// credentials-prompt or diagnostics-panel. Run it under a real X server (scripts/screenshots uses Xvfb) so
+// Renders the library's widgets for the README: telvane_widgets_screenshot
+// credentials-prompt|diagnostics-panel FILE.PNG, under a real X server (scripts/screenshots uses Xvfb) so
 // that fonts and style are the desktop's.
 #include "TelvaneCredentialsAccessoryView.h"
 #include "TelvaneCredentialsPrompt.h"
