@@ -1,7 +1,9 @@
-// The diagnostics panel with real widgets on the offscreen platform: whole runs against the loopback sshd,
-// the marking of its transcript, the end of a run however it comes, and panels that go away mid-run.
+// The diagnostics panel and the sensor runner under it, with real widgets on the offscreen platform, whole
+// runs against the loopback sshd, and the desktop host and the README's Qt example run as programs.
 #include "TelvaneDiagnosticsView.h"
+#include "TelvaneSensorRunner.h"
 
+#include "support/Process.h"
 #include "support/QtRequire.h"
 #include "support/SshdHarness.h"
 
@@ -15,32 +17,14 @@
 #include <QtGui/QTextDocument>
 #include <QtGui/QTextFrame>
 #include <QtTest/QSignalSpy>
-#include <QtTest/QTest>
-#include <QtWidgets/QApplication>
-#include <QtWidgets/QDialog>
 #include <QtWidgets/QLabel>
 #include <QtWidgets/QProgressBar>
 #include <QtWidgets/QPushButton>
 #include <QtWidgets/QScrollBar>
 #include <QtWidgets/QTextEdit>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <memory>
-#include <string>
 #include <thread>
-#include <vector>
-
-using telvane::test::shownPrompt;
-using telvane::test::SshdHarness;
-
-#ifndef TELVANE_DIAGNOSTICS_HOST
-#define TELVANE_DIAGNOSTICS_HOST "" // not built
-#endif
 
 namespace {
 
@@ -48,96 +32,39 @@ constexpr int kRunTimeout = 30000;
 
 #define REQUIRE_SSHD() TELVANE_QREQUIRE(sshd->running(), "no sshd: " + QString::fromStdString(sshd->reason()))
 
-/// One character per character of the transcript: 'r' red, '.' the palette's text colour, '?' any other
-/// colour, and a blank for each line end (whose format a cursor does not report reliably).
-QString colours(const QTextEdit *view)
+/// The characters of the transcript shown in red, line ends left out.
+QString redText(const QTextEdit *view)
 {
     const QString plain = view->toPlainText();
-    const QColor text = view->palette().color(QPalette::Text);
     QTextCursor cursor(view->document());
-    QString out;
+    QString red;
     for (qsizetype i = 0; i < plain.size(); ++i) {
-        if (plain[i] == QLatin1Char('\n')) {
-            out += QLatin1Char(' ');
-            continue;
-        }
         cursor.setPosition(int(i + 1)); // the format of the character before the cursor
-        const QColor colour = cursor.charFormat().foreground().color();
-        out += colour == QColor(Qt::red) ? QLatin1Char('r')
-               : colour == text          ? QLatin1Char('.')
-                                         : QLatin1Char('?');
+        if (plain[i] != QLatin1Char('\n') && cursor.charFormat().foreground().color() == QColor(Qt::red))
+            red += plain[i];
     }
-    return out;
-}
-
-/// The colours expected of @p shown when only @p red (its first occurrence; none when empty) is red.
-QString coloursWithRed(const QString &shown, const QString &red)
-{
-    const qsizetype start = red.isEmpty() ? -1 : shown.indexOf(red);
-    QString out;
-    for (qsizetype i = 0; i < shown.size(); ++i)
-        out += shown[i] == QLatin1Char('\n')                        ? QLatin1Char(' ')
-               : start >= 0 && i >= start && i < start + red.size() ? QLatin1Char('r')
-                                                                    : QLatin1Char('.');
-    return out;
-}
-
-/// The desktop host, started with posix_spawn: QProcess's vfork confuses ThreadSanitizer in this process.
-struct HostProcess
-{
-    HostProcess(std::vector<std::string> arguments, const QString &errors)
-    {
-        arguments.insert(arguments.begin(), TELVANE_DIAGNOSTICS_HOST);
-        std::vector<char *> argv;
-        for (std::string &argument : arguments)
-            argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors.toLocal8Bit().constData(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
-            pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
-    }
-
-    ~HostProcess()
-    {
-        if (pid > 0 && !ended()) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, nullptr, 0);
-        }
-    }
-
-    bool ended()
-    {
-        if (status < 0 && pid > 0 && ::waitpid(pid, &status, WNOHANG) != pid)
-            status = -1;
-        return status >= 0;
-    }
-
-    /// The exit status, or -1 when it did not exit by itself within @p milliseconds.
-    int wait(int milliseconds)
-    {
-        if (!QTest::qWaitFor([this] { return ended(); }, milliseconds) || !WIFEXITED(status))
-            return -1;
-        return WEXITSTATUS(status);
-    }
-
-    pid_t pid = -1;
-    int status = -1;
-};
-
-QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return red;
 }
 
 bool busy(const TelvaneDiagnosticsView &panel)
 {
     return panel.progressIndicator()->maximum() == 0 && panel.progressIndicator()->isVisibleTo(&panel);
 }
+
+/// Cancels every credentials prompt that shows while it lives, and counts them.
+struct PromptCanceller
+{
+    PromptCanceller()
+    {
+        QObject::connect(&poll, &QTimer::timeout, [this] {
+            if (QDialog *dialog = telvane::test::shownPrompt())
+                ++count, dialog->reject();
+        });
+        poll.start(10);
+    }
+    QTimer poll;
+    int count = 0;
+};
 
 } // namespace
 
@@ -146,376 +73,296 @@ class DiagnosticsViewTest : public QObject
     Q_OBJECT
 
 private:
-    std::unique_ptr<SshdHarness> sshd;
-    QTemporaryDir directory;
-    int scripts = 0;
+    std::unique_ptr<telvane::test::SshdHarness> sshd;
 
-    QString writeScript(const QByteArray &text)
+    std::shared_ptr<Telvane> sshdSensor(long port = 0) const
     {
-        const QString path = directory.filePath(QStringLiteral("script-%1.sh").arg(++scripts));
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size())
-            qFatal("cannot write %s", qPrintable(path));
-        return path;
-    }
-
-    std::shared_ptr<Telvane> sshdSensor() const
-    {
-        return Telvane::create("diagnostics", "Test sensor", sshd->host(), sshd->port(), 10);
+        return Telvane::create("diagnostics", "Test sensor", sshd->host(), port ? port : sshd->port(), 10);
     }
 
     QString connecting(long port) const
     {
-        return QStringLiteral("Connecting over SSH to 127.0.0.1 on port %1: ").arg(port);
+        return QString("Connecting over SSH to 127.0.0.1 on port %1: ").arg(port);
     }
 
-    /// Waits until @p sensor's own threads have let go of it, leaving it to the test and @p panels.
-    static bool released(const std::shared_ptr<Telvane> &sensor, long panels = 1)
+    const QString done = "Diagnostics completed.";
+    const QString canceled = "canceled\n" + done;
+    const QString refused = "invalid credentials\n" + done;
+
+    QString script(const QByteArray &text) const
     {
-        return QTest::qWaitFor([&] { return sensor.use_count() == 1 + panels && !sensor->running(); },
+        return text.isNull() ? "/nonexistent/script.sh"
+                             : QString::fromStdString(sshd->writeFile("script.sh", text.toStdString()));
+    }
+
+    /// Waits until @p sensor's own threads have let go of it, leaving it to @p holders (the test included).
+    static bool released(const std::shared_ptr<Telvane> &sensor, long holders = 2)
+    {
+        return QTest::qWaitFor([&] { return sensor.use_count() == holders && !sensor->running(); },
                                kRunTimeout);
     }
 
 private Q_SLOTS:
     void initTestCase()
     {
-        // Nothing of the user's keyring, and nothing kept between runs but in this process.
-        qputenv("TELVANE_KEYRING", "memory");
-        QVERIFY(directory.isValid());
+        qputenv("TELVANE_KEYRING", "memory"); // nothing of the user's keyring
         // From the main thread, which outlives the daemon (its parent-death signal follows this thread).
-        sshd = std::make_unique<SshdHarness>();
+        sshd = std::make_unique<telvane::test::SshdHarness>();
         sshd->start();
     }
 
     void cleanupTestCase() { sshd.reset(); }
 
-    // The panel's colours and the plain text the clipboard gets, piece by piece; where the marking starts
-    // and ends in every shape of piece is the transcript's own unit test.
-    void rendering_data()
+    // A panel whose script is unusable never starts its sensor and keeps waiting. Then a piece of output
+    // or the sensor's end report arrives, as the sensor sends it: on a thread of its own.
+    void offline_data()
     {
-        QTest::addColumn<QString>("piece");
-        QTest::addColumn<QString>("shown");
-        QTest::addColumn<QString>("expectedColours");
-        QTest::newRow("OK in the text colour") << "OK\n"
-                                               << "OK\n"
-                                               << ".. ";
-        QTest::newRow("marker") << "*canceled*\n"
-                                << "canceled\n"
-                                << "rrrrrrrr ";
+        // What happens ("missing script", "script" with an unusable text, "output", "terminate", "fail"), its
+        // argument (the text, the status or the code), what the panel then shows after the connecting line,
+        // in red.
+        QTest::addColumn<QStringList>("row");
+        QTest::newRow("missing script") << QStringList{"missing script", "", "", ""};
+        // Written as Latin-1, which is no UTF-8.
+        QTest::newRow("script not UTF-8") << QStringList{"script", "echo grüße\n", "", ""};
+        QTest::newRow("empty script") << QStringList{"script", "", "", ""};
         // The lone asterisk of the first line shifts the span one to the right.
-        QTest::newRow("asterisk on an earlier line") << "a*b\nsee *this* now\n"
-                                                     << "ab\nsee this now\n"
-                                                     << ".. .....rrrrr.. ";
-        QTest::newRow("non-ASCII text") << QStringLiteral("*fehlgeschlagen für*\n")
-                                        << QStringLiteral("fehlgeschlagen für\n") << "rrrrrrrrrrrrrrrrrr ";
+        QTest::newRow("asterisk on an earlier line")
+            << QStringList{"output", "a*b\nsee *this* now\n", "ab\nsee this now\n", "his n"};
+        QTest::newRow("status 0") << QStringList{"terminate", "0", done, ""};
+        QTest::newRow("code 1") << QStringList{"fail", "1", "failed\n" + done, "failed"};
+        QTest::newRow("unknown code") << QStringList{"fail", "7", done, ""};
     }
 
-    void rendering()
+    void offline()
     {
-        QFETCH(QString, piece);
-        QFETCH(QString, shown);
-        QFETCH(QString, expectedColours);
-        TelvaneDiagnosticsView panel(Telvane::create("id", "name", "127.0.0.1", 1), QStringLiteral("/none"));
-        panel.appendOutput(piece);
-        QTRY_COMPARE(panel.textView()->toPlainText(), shown);
-        QCOMPARE(colours(panel.textView()), expectedColours);
-        panel.onCopyToClipboard();
-        QCOMPARE(QGuiApplication::clipboard()->text(), shown);
-    }
-
-    void scrollsToEnd()
-    {
-        TelvaneDiagnosticsView panel(Telvane::create("id", "name", "127.0.0.1", 1), QStringLiteral("/none"));
-        panel.resize(400, 200);
-        panel.show(); // lays the text out; the run without a script adds its connecting line, in any order
-        for (int i = 0; i < 200; ++i)
-            panel.appendOutput(QStringLiteral("line %1\n").arg(i));
-        QTRY_VERIFY(panel.textView()->toPlainText().contains(QLatin1String("line 199\n")) &&
-                    panel.textView()->toPlainText().contains(QLatin1String("Connecting")));
-        const QScrollBar *bar = panel.textView()->verticalScrollBar();
-        QVERIFY(bar->maximum() > 0);
-        QCOMPARE(bar->value(), bar->maximum());
-    }
-
-    // Without a usable script the sensor never starts, so the panel keeps waiting. Port 1 refuses, so a
-    // script that was sent after all would end the run with "failed".
-    void unusableScript_data()
-    {
-        QTest::addColumn<bool>("exists");
-        QTest::addColumn<QByteArray>("text");
-        QTest::newRow("missing file") << false << QByteArray();
-        QTest::newRow("not UTF-8") << true
-                                   << QByteArray("echo gr\xfc\xdf"
-                                                 "e\n");
-        QTest::newRow("empty") << true << QByteArray();
-    }
-
-    void unusableScript()
-    {
-        QFETCH(bool, exists);
-        QFETCH(QByteArray, text);
-        const QString script = exists ? writeScript(text) : directory.filePath(QStringLiteral("absent.sh"));
+        QFETCH(QStringList, row);
+        const QString &event = row[0], &argument = row[1], &shown = row[2], &red = row[3];
         auto sensor = Telvane::create("id", "Cellar", "127.0.0.1", 1);
-        TelvaneDiagnosticsView panel(sensor, script);
+        TelvaneDiagnosticsView panel(sensor, script(event == "script" ? argument.toLatin1() : QByteArray()));
         QSignalSpy runningChanged(&panel, &TelvaneDiagnosticsView::runningChanged);
         panel.show();
-        QCOMPARE(panel.label()->text(), QStringLiteral("Run diagnostics on Cellar:"));
-        QTRY_COMPARE(panel.textView()->toPlainText(), connecting(1));
-        QTRY_VERIFY(sensor.use_count() == 2); // the run's thread is done: the panel and we are left
-        QTest::qWait(300);
+        QCOMPARE(panel.label()->text(), QString("Run diagnostics on Cellar:"));
+        // Port 1 refuses: a script sent after all would end the run as "failed".
+        QTRY_VERIFY(sensor.use_count() == 2); // the run's thread is done
+        QTest::qWait(100);
         QCOMPARE(panel.textView()->toPlainText(), connecting(1));
-        QVERIFY(panel.running());
-        QVERIFY(busy(panel));
-        QCOMPARE(runningChanged.count(), 1);
+        QVERIFY(panel.running() && busy(panel));
+
+        const std::shared_ptr<TelvaneDelegate> delegate = sensor->delegate();
+        if (event == "output")
+            panel.appendOutput(argument);
+        else if (event == "terminate")
+            std::thread([&] { delegate->sensorScriptDidTerminate(*sensor, argument.toLong()); }).join();
+        else if (event == "fail")
+            std::thread([&] { delegate->sensorDidFailWithError(*sensor, argument.toLong()); }).join();
+        const bool ended = event == "terminate" || event == "fail";
+        QCOMPARE(panel.running(), !ended); // at once, on the reporting thread
+        QTRY_COMPARE(panel.textView()->toPlainText(), connecting(1) + shown);
+        QCOMPARE(redText(panel.textView()), red);
+        QCOMPARE(busy(panel), !ended);
+        QCOMPARE(runningChanged.count(), ended ? 2 : 1);
+        panel.onCopyToClipboard();
+        QCOMPARE(QGuiApplication::clipboard()->text(), connecting(1) + shown);
 
         const QTextFrameFormat inset = panel.textView()->document()->rootFrame()->frameFormat();
-        QCOMPARE(inset.leftMargin(), 3.0);
-        QCOMPARE(inset.rightMargin(), 3.0);
-        QCOMPARE(inset.topMargin(), 10.0);
-        QCOMPARE(inset.bottomMargin(), 10.0);
+        QCOMPARE(
+            (QList<qreal>{inset.leftMargin(), inset.rightMargin(), inset.topMargin(), inset.bottomMargin()}),
+            (QList<qreal>{3, 3, 10, 10}));
         panel.resize(611, 333);
         QCOMPARE(panel.sizeHint(), QSize(611, 333));
         QVERIFY(QFontInfo(panel.textView()->font()).fixedPitch()); // script output is often columns
     }
 
-    // How the sensor's end reports are shown, called as the sensor calls them: on a thread of its own.
-    void endReports_data()
-    {
-        QTest::addColumn<bool>("failure");
-        QTest::addColumn<long>("value");
-        QTest::addColumn<QString>("shown");
-        QTest::addColumn<QString>("red");
-        QTest::newRow("status 0") << false << 0L << "Diagnostics completed."
-                                  << "";
-        QTest::newRow("status 2") << false << 2L << "Diagnostics terminated with error: 2"
-                                  << "";
-        QTest::newRow("status -1") << false << -1L << "Diagnostics terminated with error: -1"
-                                   << "";
-        QTest::newRow("code 1") << true << 1L << "failed\nDiagnostics completed."
-                                << "failed";
-        QTest::newRow("code 2") << true << 2L << "canceled\nDiagnostics completed."
-                                << "canceled";
-        QTest::newRow("code 3") << true << 3L << "invalid credentials\nDiagnostics completed."
-                                << "invalid credentials";
-        QTest::newRow("unknown code") << true << 7L << "Diagnostics completed."
-                                      << "";
-    }
-
-    void endReports()
-    {
-        QFETCH(bool, failure);
-        QFETCH(long, value);
-        QFETCH(QString, shown);
-        QFETCH(QString, red);
-        auto sensor = Telvane::create("id", "name", "127.0.0.1", 1);
-        TelvaneDiagnosticsView panel(sensor, directory.filePath(QStringLiteral("absent.sh")));
-        QSignalSpy runningChanged(&panel, &TelvaneDiagnosticsView::runningChanged);
-        panel.show();
-        QTRY_COMPARE(panel.textView()->toPlainText(), connecting(1));
-
-        const std::shared_ptr<TelvaneDelegate> delegate = sensor->delegate();
-        QVERIFY(delegate);
-        std::thread([&] {
-            if (failure)
-                delegate->sensorDidFailWithError(*sensor, value);
-            else
-                delegate->sensorScriptDidTerminate(*sensor, value);
-        }).join();
-        QVERIFY(!panel.running()); // at once, on the reporting thread
-        QTRY_COMPARE(panel.textView()->toPlainText(), connecting(1) + shown);
-        QCOMPARE(colours(panel.textView()), coloursWithRed(connecting(1) + shown, red));
-        QTRY_VERIFY(!busy(panel));
-        QCOMPARE(runningChanged.count(), 2);
-        QCOMPARE(runningChanged.at(1).at(0).toBool(), false);
-    }
-
-    // Whole runs against sshd.
+    // Whole runs against sshd, some of them run again or closed while they go on. The prompt appears unless
+    // both credentials are preset, and is cancelled.
     void runs_data()
     {
-        QTest::addColumn<QByteArray>("script");
-        QTest::addColumn<bool>("rightPassword");
-        QTest::addColumn<QString>("shown");
-        QTest::addColumn<QString>("red");
-        QTest::newRow("hello") << QByteArray("echo hello\n") << true << "OK\nhello\nDiagnostics completed."
-                               << "";
-        QTest::newRow("exit 2") << QByteArray("echo hello\nexit 2\n") << true
-                                << "OK\nhello\nDiagnostics terminated with error: 2"
-                                << "";
-        QTest::newRow("wrong password")
-            << QByteArray("echo hello\n") << false << "invalid credentials\nDiagnostics completed."
-            << "invalid credentials";
-        QTest::newRow("marked output")
-            << QByteArray("echo 'fan: *stopped*'\n") << true << "OK\nfan: stopped\nDiagnostics completed."
-            << "stopped\n";
-        // UTF-8 in two separate writes that split a character, and a byte that is no UTF-8: the character
-        // comes out whole, the stray byte as U+FFFD, and the span still lines up.
+        // The script, the username and password preset ("-" none, "$user" and "$password" the account's),
+        // what the panel then shows after the connecting line, in red, and what the user does mid-run.
+        QTest::addColumn<QStringList>("row");
+        const QString slow = "echo start\nsleep 1\necho '*end*'\n";
+        QTest::newRow("exit 2") << QStringList{"echo hi\nexit 2\n", "$user", "$password",
+                                               "OK\nhi\nDiagnostics terminated with error: 2", ""};
+        QTest::newRow("marked output") << QStringList{"echo 'fan: *stopped*'\n", "$user", "$password",
+                                                      "OK\nfan: stopped\n" + done, "stopped"};
+        // UTF-8 in two writes that split a character, and a byte that is no UTF-8: the character comes out
+        // whole, the stray byte as U+FFFD, and the span still lines up.
         QTest::newRow("UTF-8 output")
-            << QByteArray("printf 'caf\\303'; sleep 0.2; printf '\\251 \\377 *ok*\\n'\n") << true
-            << QStringLiteral("OK\ncaf\u00E9 \uFFFD ok\nDiagnostics completed.") << "ok\n";
+            << QStringList{"printf 'caf\\303'; sleep 0.2; printf '\\251 \\377 *ok*\\n'\n", "$user",
+                           "$password", "OK\ncaf\u00E9 \uFFFD ok\n" + done, "ok"};
+        QTest::newRow("long output") << QStringList{"seq 12\n", "$user", "$password",
+                                                    "OK\n1\n2\n3\n4\n5\n6\n7\n8\n9\n10\n11\n12\n" + done, ""};
+        QTest::newRow("wrong password")
+            << QStringList{"echo hi\n", "$user", "wrong", refused, "invalid credentials"};
+        QTest::newRow("both empty") << QStringList{"echo hi\n", "", "", refused, "invalid credentials"};
+        QTest::newRow("none preset") << QStringList{"echo hi\n", "-", "-", canceled, "canceled"};
+        QTest::newRow("username only") << QStringList{"echo hi\n", "$user", "-", canceled, "canceled"};
+        QTest::newRow("password only") << QStringList{"echo hi\n", "-", "$password", canceled, "canceled"};
+        QTest::newRow("close during a run")
+            << QStringList{slow, "$user", "$password", "OK\nstart\nend\n" + done, "end", "close"};
+        QTest::newRow("Escape during a run")
+            << QStringList{slow, "$user", "$password", "OK\nstart\nend\n" + done, "end", "escape"};
+        QTest::newRow("run again during a run") << QStringList{slow, "$user", "$password", "", "", "again"};
     }
 
     void runs()
     {
         REQUIRE_SSHD();
-        QFETCH(QByteArray, script);
-        QFETCH(bool, rightPassword);
-        QFETCH(QString, shown);
-        QFETCH(QString, red);
+        QFETCH(QStringList, row);
+        const QString &shown = row[3], &red = row[4], action = row.value(5);
         auto sensor = sshdSensor();
-        TelvaneDiagnosticsView panel(sensor, writeScript(script));
-        panel.setUsername(QString::fromStdString(sshd->username()));
-        panel.setPassword(rightPassword ? QString::fromStdString(sshd->password()) : QStringLiteral("wrong"));
+        TelvaneDiagnosticsView panel(sensor, script(row[0].toUtf8()));
+        const auto preset = [this](QString value) {
+            value.replace("$user", QString::fromStdString(sshd->username()));
+            value.replace("$password", QString::fromStdString(sshd->password()));
+            return value == "-" ? std::nullopt : std::optional<QString>(value);
+        };
+        panel.setUsername(preset(row[1]));
+        panel.setPassword(preset(row[2]));
         QSignalSpy runningChanged(&panel, &TelvaneDiagnosticsView::runningChanged);
+        PromptCanceller prompts;
+        panel.resize(400, 150);
         panel.show();
-        const QString expected = connecting(sshd->port()) + shown;
-        QTRY_COMPARE_WITH_TIMEOUT(panel.textView()->toPlainText(), expected, kRunTimeout);
-        QCOMPARE(colours(panel.textView()), coloursWithRed(expected, red));
-        QTRY_VERIFY(!busy(panel));
-        QVERIFY(!panel.running());
+        const QString start = connecting(sshd->port());
+        if (!action.isEmpty()) {
+            QTRY_COMPARE_WITH_TIMEOUT(panel.textView()->toPlainText(), start + "OK\nstart\n", kRunTimeout);
+            if (action != "escape")
+                panel.findChild<QPushButton *>(action == "again" ? "runAgainButton" : "closeButton")->click();
+            else if (QTest::qWaitForWindowActive(&panel))
+                QTest::keyClick(panel.textView(), Qt::Key_Escape); // wherever the focus is in the panel
+            QCOMPARE(panel.isVisible(), action == "again");
+        }
+        if (action == "again") { // cleared at once; both runs go on to their ends, their lines in any order
+            QCOMPARE(panel.textView()->toPlainText(), start);
+            QVERIFY(busy(panel));
+            QVERIFY(released(sensor));
+            QTRY_VERIFY(!busy(panel) && !panel.running());
+            const QString text = panel.textView()->toPlainText();
+            QVERIFY2(text.startsWith(start) && text.contains("end\n") && text.contains(done),
+                     qPrintable(text));
+            return;
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(panel.textView()->toPlainText(), start + shown, kRunTimeout);
+        QCOMPARE(redText(panel.textView()), red);
+        QCOMPARE(prompts.count, shown == canceled ? 1 : 0);
+        QVERIFY(!busy(panel) && !panel.running());
         QCOMPARE(runningChanged.count(), 2);
         QVERIFY(released(sensor));
-        QCOMPARE(panel.textView()->toPlainText(), expected);
+        QCOMPARE(panel.textView()->toPlainText(), start + shown);
+        const QScrollBar *bar = panel.textView()->verticalScrollBar();
+        QCOMPARE(bar->value(), bar->maximum());
     }
 
-    // The prompt appears unless both credentials are preset; cancelling it ends the run as "canceled".
-    void prompt_data()
+    // The runner's signals in order, failures with their reasons, and a runner destroyed mid-run: the run
+    // ends unheard and lets go of the sensor. "prompt" answers with the prompt (cancelled), "none" fails
+    // before any request, "destroy" destroys the runner while the request waits, "right, destroy" at the
+    // first output.
+    void runner_data()
     {
-        QTest::addColumn<std::optional<QString>>("username");
-        QTest::addColumn<std::optional<QString>>("password");
-        QTest::addColumn<bool>("prompted");
-        QTest::addColumn<QString>("shown");
-        QTest::addColumn<QString>("red");
-        const QString canceled = QStringLiteral("canceled\nDiagnostics completed.");
-        const QString refused = QStringLiteral("invalid credentials\nDiagnostics completed.");
-        QTest::newRow("none preset") << std::optional<QString>() << std::optional<QString>() << true
-                                     << canceled << "canceled";
-        QTest::newRow("username only") << std::optional<QString>(QStringLiteral("u"))
-                                       << std::optional<QString>() << true << canceled << "canceled";
-        QTest::newRow("password only")
-            << std::optional<QString>() << std::optional<QString>(QStringLiteral("p")) << true << canceled
-            << "canceled";
-        QTest::newRow("both empty") << std::optional<QString>(QString()) << std::optional<QString>(QString())
-                                    << false << refused << "invalid credentials";
+        QTest::addColumn<QString>("answer");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("output, then the status") << "right"
+                                                 << "started|one\ntwo\n|finished:3";
+        QTest::newRow("refused credentials") << "wrong"
+                                             << "failed:3:the server refused the username or password";
+        QTest::newRow("declined by the slot") << "decline"
+                                              << "failed:2:no credentials were given for 127.0.0.1";
+        // A stop while the user is asked ends the run at once, as a stop while connecting does.
+        QTest::newRow("stopped while asked") << "stop"
+                                             << "failed:1:connection to 127.0.0.1 stopped";
+        QTest::newRow("prompt cancelled") << "prompt"
+                                          << "failed:2:no credentials were given for 127.0.0.1";
+        QTest::newRow("connection refused") << "none"
+                                            << "failed:1:connect to 127.0.0.1 port 1: Connection refused";
+        QTest::newRow("destroyed while credentials are asked") << "destroy"
+                                                               << "";
+        QTest::newRow("destroyed during the output") << "right, destroy"
+                                                     << "started|one\n";
     }
 
-    void prompt()
+    void runner()
     {
         REQUIRE_SSHD();
-        QFETCH(std::optional<QString>, username);
-        QFETCH(std::optional<QString>, password);
-        QFETCH(bool, prompted);
-        QFETCH(QString, shown);
-        QFETCH(QString, red);
-        auto sensor = sshdSensor();
-        TelvaneDiagnosticsView panel(sensor, writeScript("echo hello\n"));
-        panel.setUsername(username);
-        panel.setPassword(password);
-        int prompts = 0;
-        QTimer poll;
-        connect(&poll, &QTimer::timeout, this, [&] {
-            if (QDialog *dialog = shownPrompt()) {
-                ++prompts;
-                dialog->reject();
-            }
+        QFETCH(QString, answer);
+        QFETCH(QString, expected);
+        auto sensor = sshdSensor(answer == "none" ? 1 : 0);
+        auto runner = std::make_unique<TelvaneSensorRunner>(sensor);
+        QString events; // what the runner tells, in order
+        bool ended = false;
+        connect(runner.get(), &TelvaneSensorRunner::started, this, [&] { events += "started|"; });
+        connect(runner.get(), &TelvaneSensorRunner::outputReceived, this, [&](const QByteArray &chunk) {
+            events += chunk;
+            if (answer.endsWith("destroy"))
+                runner.reset();
         });
-        poll.start(10);
-        panel.show();
-        const QString expected = connecting(sshd->port()) + shown;
-        QTRY_COMPARE_WITH_TIMEOUT(panel.textView()->toPlainText(), expected, kRunTimeout);
-        QCOMPARE(colours(panel.textView()), coloursWithRed(expected, red));
-        QCOMPARE(prompts, prompted ? 1 : 0);
-        QTRY_VERIFY(!busy(panel));
-        QVERIFY(released(sensor));
-    }
-
-    // A panel that is run again or closed while its run goes on; the runner's test destroys one mid-run.
-    void lifetimes_data()
-    {
-        QTest::addColumn<QString>("action");
-        QTest::newRow("run again during a run") << "again";
-        QTest::newRow("close during a run") << "close";
-        QTest::newRow("Escape during a run") << "escape";
-    }
-
-    void lifetimes()
-    {
-        REQUIRE_SSHD();
-        QFETCH(QString, action);
-        auto sensor = sshdSensor();
-        auto panel = std::make_unique<TelvaneDiagnosticsView>(
-            sensor, writeScript("echo start\nsleep 1\necho '*end*'\n"));
-        panel->setUsername(QString::fromStdString(sshd->username()));
-        panel->setPassword(QString::fromStdString(sshd->password()));
-        panel->show();
-        const QString started = connecting(sshd->port()) + QStringLiteral("OK\nstart\n");
-        QTRY_COMPARE_WITH_TIMEOUT(panel->textView()->toPlainText(), started, kRunTimeout);
-
-        if (action == QLatin1String("again")) {
-            panel->findChild<QPushButton *>(QStringLiteral("runAgainButton"))->click();
-            QCOMPARE(panel->textView()->toPlainText(), connecting(sshd->port())); // cleared at once
-            QVERIFY(busy(*panel));
-        } else if (action == QLatin1String("close")) {
-            panel->findChild<QPushButton *>(QStringLiteral("closeButton"))->click();
-            QVERIFY(!panel->isVisible());
-        } else {
-            QVERIFY(QTest::qWaitForWindowActive(panel.get()));
-            QTest::keyClick(panel->textView(), Qt::Key_Escape); // wherever the focus is in the panel
-            QVERIFY(!panel->isVisible());
+        connect(runner.get(), &TelvaneSensorRunner::finished, this,
+                [&](long status) { events += QString("|finished:%1").arg(status), ended = true; });
+        connect(runner.get(), &TelvaneSensorRunner::failed, this, [&](long code, const QString &reason) {
+            events += QString("failed:%1:%2").arg(code).arg(reason), ended = true;
+        });
+        PromptCanceller prompts;
+        if (answer != "prompt") {
+            connect(runner.get(), &TelvaneSensorRunner::credentialsRequested, this, [&] {
+                if (answer == "destroy")
+                    runner.reset();
+                else if (answer == "decline")
+                    runner->declineCredentials();
+                else if (answer == "stop")
+                    runner->stop();
+                else
+                    runner->provideCredentials(QString::fromStdString(sshd->username()),
+                                               answer.startsWith("right")
+                                                   ? QString::fromStdString(sshd->password())
+                                                   : QString("wrong"));
+            });
         }
-        // Both runs, or the closed panel's one, go on to their ends.
-        QVERIFY(released(sensor));
-        QTRY_VERIFY(!busy(*panel));
-        QVERIFY(!panel->running());
-        const QString text = panel->textView()->toPlainText();
-        QVERIFY2(text.contains(QLatin1String("end\n")) &&
-                     text.contains(QLatin1String("Diagnostics completed.")),
-                 qPrintable(text));
-        if (action != QLatin1String("again"))
-            QCOMPARE(text, started + QStringLiteral("end\nDiagnostics completed."));
-        else
-            QVERIFY2(text.startsWith(connecting(sshd->port())), qPrintable(text));
+        runner->start("echo one\nsleep 1\necho two\nexit 3\n");
+        QTRY_VERIFY_WITH_TIMEOUT(ended || !runner, kRunTimeout);
+        QCOMPARE(events, expected);
+        QCOMPARE(prompts.count, answer == "prompt" ? 1 : 0);
+        QVERIFY(released(sensor, runner ? 2 : 1));
     }
 
     // The desktop host: bad input ends it at once; a quit while a run goes on ends it promptly and cleanly.
-    void host_data()
-    {
-        QTest::addColumn<bool>("usable");
-        QTest::addColumn<int>("exitCode");
-        QTest::newRow("missing script") << false << 2;
-        QTest::newRow("quit during a run") << true << 0;
-    }
-
     void host()
     {
-        QFETCH(bool, usable);
-        QFETCH(int, exitCode);
-        if (QStringLiteral(TELVANE_DIAGNOSTICS_HOST).isEmpty())
-            QSKIP("telvane-diagnostics is not built");
-        const QString errors = directory.filePath(QStringLiteral("host-errors.txt"));
-        if (!usable) {
-            HostProcess host({"127.0.0.1", directory.filePath(QStringLiteral("absent.sh")).toStdString()},
-                             errors);
-            QVERIFY(host.pid > 0);
-            QCOMPARE(host.wait(kRunTimeout), exitCode);
-            QVERIFY(readAll(errors).contains("cannot read the script"));
-            return;
-        }
+        auto run =
+            telvane::test::runProcess({TELVANE_DIAGNOSTICS_HOST, "127.0.0.1", "/nonexistent/script.sh"});
+        QCOMPARE(run.status, 2);
+        QVERIFY2(run.err.find("cannot read the script") != std::string::npos, run.err.c_str());
+
         REQUIRE_SSHD();
-        // The script itself says when it runs: it shares this machine with the test.
-        const QString started = directory.filePath(QStringLiteral("started"));
-        QFile(started).remove();
+        // The script says when it runs, in a directory the test account may write to.
+        QTemporaryDir directory;
+        const QString started = directory.filePath("started");
         QFile::setPermissions(directory.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
                                                     QFile::WriteOther | QFile::ExeOther);
-        const QString script = writeScript("touch " + started.toUtf8() + "\nsleep 60\n");
-        const QString passwordFile = writeScript(QByteArray::fromStdString(sshd->password() + "\n"));
-        HostProcess host({"-p", std::to_string(sshd->port()), "-l", sshd->username(), "--password-file",
-                          passwordFile.toStdString(), "127.0.0.1", script.toStdString()},
-                         errors);
-        QVERIFY(host.pid > 0);
-        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(started) || host.ended(), kRunTimeout);
-        QVERIFY2(QFile::exists(started), readAll(errors).constData());
-        ::kill(host.pid, SIGTERM); // closes the window, as the user would
-        QVERIFY2(host.wait(10000) == exitCode, readAll(errors).constData());
+        const std::string passwordFile = sshd->writeFile("host-password", sshd->password() + "\n");
+        telvane::test::ProcessOptions options;
+        options.interruptAfter = std::chrono::seconds(10); // by then well into the run; closes the window
+        options.interruptSignal = SIGTERM;
+        options.timeout = std::chrono::seconds(30);
+        run = telvane::test::runProcess({TELVANE_DIAGNOSTICS_HOST, "-p", std::to_string(sshd->port()), "-l",
+                                         sshd->username(), "--password-file", passwordFile, "127.0.0.1",
+                                         script("touch " + started.toUtf8() + "\nsleep 60\n").toStdString()},
+                                        options);
+        QVERIFY2(QFile::exists(started), run.err.c_str());
+        QVERIFY2(run.status == 0 && run.seconds < 25, run.err.c_str());
+    }
+
+    // The README's example, built as it is shown: a run, and a refused password.
+    void example()
+    {
+        REQUIRE_SSHD();
+        for (const auto &[password, status, out] :
+             {std::tuple{sshd->password(), 3, "hello\n"}, std::tuple{std::string("wrong"), 103, ""}}) {
+            const std::string file = sshd->writeFile("qt-face-password", password + "\n");
+            const auto run =
+                telvane::test::runProcess({TELVANE_QT_FACE, sshd->host(), std::to_string(sshd->port()),
+                                           sshd->username(), file, "echo hello\nexit 3"});
+            QVERIFY2(run.status == status, run.err.c_str());
+            QCOMPARE(run.out, std::string(out));
+        }
     }
 };
 

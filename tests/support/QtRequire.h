@@ -1,12 +1,11 @@
-// What the Qt Test suites share: the prompts as they show up, and the rule that a missing
-// component skips the test except under CI (CI=true), which can always provide it.
+// For the Qt Test suites: the prompts as they show up, and a missing component skipped (failed under
+// CI=true).
 #pragma once
 
 #include <QtTest/QTest>
 #include <QtWidgets/QApplication>
 #include <QtWidgets/QDialog>
 
-/// Skips with @p why when @p condition fails, or fails under CI.
 #define TELVANE_QREQUIRE(condition, why)                                                                     \
     do {                                                                                                     \
         if (!(condition)) {                                                                                  \
@@ -18,8 +17,7 @@
 
 namespace telvane::test {
 
-/// The prompt named @p name (the credentials prompt unless said) when it is the active modal window, else
-/// nullptr.
+/// The prompt named @p name when it is the active modal window, else nullptr.
 inline QDialog *shownPrompt(QLatin1String name = QLatin1String("TelvaneCredentialsDialog"))
 {
     auto *dialog = qobject_cast<QDialog *>(QApplication::activeModalWidget());
