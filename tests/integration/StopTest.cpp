@@ -4,7 +4,6 @@
 #include "integration/Loopback.h"
 #include "integration/SensorRun.h"
 
-#include <random>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -128,35 +127,6 @@ TEST_F(Stop, TwoRunsOfOneSensorEndEachOnItsOwnAndCloseEndsBoth)
     sensor->close();
     EXPECT_TRUE(readToEnd(*quiet, 2s)) << "close() left the older run's pump asleep";
     EXPECT_TRUE(readToEnd(*quieter, 2s));
-}
-
-TEST_F(Stop, FromAnotherThreadAtAnyMomentTwoHundredTimes)
-{
-    warmUp();
-    auto sensor = makeSensor();
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    // A login takes some tens of milliseconds: the stops land before, during and after it, and in the pump.
-    std::uniform_int_distribution<int> delay(0, 60);
-    for (int i = 0; i < 200 && !HasFailure(); ++i) {
-        freshDelegate();
-        sensor->setDelegate(delegate);
-        std::thread run([&] { sensor->runScript("seq 1 20000\nsleep 0.2", std::nullopt); });
-        std::this_thread::sleep_for(std::chrono::milliseconds(delay(random)));
-        sensor->stopScript();
-        run.join();
-        SCOPED_TRACE("iteration " + std::to_string(i));
-        // A stop that came before the run took hold leaves the run to end by itself.
-        ASSERT_TRUE(waitUntil([&] { return threadCount() == threads; })) << "a pump thread is still there";
-        EXPECT_FALSE(sensor->running());
-        EXPECT_LE(delegate->count(Event::Terminated) + delegate->count(Event::Failed), 1);
-        const long code = delegate->failureCode().value_or(0);
-        EXPECT_TRUE(code != 2 && code != 3) << "a stop was taken for a credentials failure: " << code;
-    }
-    EXPECT_FALSE(log.contains("libssh2_channel_read failed")) << "a stop was taken for a broken channel";
-    sensor.reset();
-    expectNothingLeft();
 }
 
 TEST_F(Stop, NothingIsLeftBehindAfterRunsThatEndInEveryWay)
