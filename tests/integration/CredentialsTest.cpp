@@ -16,16 +16,6 @@ protected:
 };
 } // namespace
 
-TEST_F(Credentials, AStoredPairIsUsedWithoutAskingTheDelegate)
-{
-    auto sensor = makeSensor();
-    TelvaneKeychain::setPassword(sshd().password(), sensor->serviceNameForSensor(), sshd().username());
-    delegate->answer.reset();
-    ASSERT_TRUE(runToEnd(*sensor, "echo ok"));
-    EXPECT_EQ("ok\n", delegate->output()) << log.joined();
-    EXPECT_EQ(0, delegate->count(Event::AskedCredentials));
-}
-
 TEST_P(Credentials, TheDelegatesPairIsKeptOnlyWhenAskedAndAccepted)
 {
     const bool persist = GetParam();
@@ -49,24 +39,6 @@ TEST_P(Credentials, TheDelegatesPairIsKeptOnlyWhenAskedAndAccepted)
 }
 
 INSTANTIATE_TEST_SUITE_P(Persist, Credentials, ::testing::Bool());
-
-TEST_F(Credentials, ARefusedStoredPairIsDeletedAndTheNextRunAsksTheDelegate)
-{
-    auto sensor = makeSensor();
-    TelvaneKeychain::setPassword("stale#password", sensor->serviceNameForSensor(), sshd().username());
-    ASSERT_TRUE(runToEnd(*sensor, "echo never"));
-    EXPECT_EQ(3, delegate->failureCode());
-    EXPECT_EQ(0, delegate->count(Event::AskedCredentials));
-    EXPECT_TRUE(log.contains("libssh2_userauth_password()) failed.")) << log.joined();
-    EXPECT_NE(std::string::npos, sshd().log(logStart_).find("Failed password for " + sshd().username()));
-    EXPECT_EQ(std::nullopt, stored(*sensor));
-
-    freshDelegate();
-    sensor->setDelegate(delegate);
-    ASSERT_TRUE(runToEnd(*sensor, "echo again"));
-    EXPECT_EQ(1, delegate->count(Event::AskedCredentials));
-    EXPECT_EQ("again\n", delegate->output());
-}
 
 TEST_F(Credentials, NoCredentialsEndTheRunWithCode2AndNotALine)
 {

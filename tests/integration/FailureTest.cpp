@@ -1,5 +1,5 @@
 // Runs that cannot get going: each ends once, with its code and its log line, closed before the delegate
-// hears of it, and holds nothing afterwards.
+// hears of it, and holds nothing afterwards, not even a descriptor.
 #include "Platform/SshLibrary_p.h"
 #include "integration/Loopback.h"
 #include "integration/SensorRun.h"
@@ -26,6 +26,7 @@ TEST_P(Failure, EndsOnceWithCodeOneAndTheReasonKept)
     LoopbackSocket socket(row.deaf ? 0 : -1);
     if (row.deaf)
         socket.deafen();
+    const int descriptors = openDescriptorCount();
     auto sensor = row.script.empty() ? makeSensor("127.0.0.1", socket.port(), 1.0) : makeSensor();
     const auto started = std::chrono::steady_clock::now();
     ASSERT_TRUE(runToEnd(*sensor, row.script.empty() ? "echo never" : row.script));
@@ -34,6 +35,8 @@ TEST_P(Failure, EndsOnceWithCodeOneAndTheReasonKept)
     EXPECT_EQ(1, delegate->count(Event::Failed));
     EXPECT_EQ(0, delegate->count(Event::Started) + delegate->count(Event::Terminated));
     EXPECT_EQ(0, telvane::sshLibraryReferences());
+    sensor.reset(); // with the run's pipe, which outlives a failed run
+    EXPECT_EQ(descriptors, openDescriptorCount());
     EXPECT_TRUE(delegate->closedBeforeReport());
     ASSERT_TRUE(delegate->reportedFailure());
     EXPECT_EQ(1, delegate->reportedFailure()->code);

@@ -21,8 +21,6 @@ protected:
     {
         for (const auto &line : log.lines())
             EXPECT_EQ(std::string::npos, line.find(sshd().password())) << "a log line holds the password";
-        if (HasFailure())
-            std::cerr << "---- library log ----\n" << log.joined() << "---- end of library log ----\n";
         SshdSensorTest::TearDown();
     }
 

@@ -1,10 +1,8 @@
 // Stopping a run from outside, at any moment, and readers that walk away: the run always ends, promptly,
-// reports at most once, and leaves no thread, descriptor or library reference behind.
+// reports at most once, and leaves no library reference behind.
 #include "Platform/SshLibrary_p.h"
-#include "integration/Loopback.h"
 #include "integration/SensorRun.h"
 
-#include <random>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -26,26 +24,6 @@ protected:
         sensor.runScript(script, std::nullopt);
         return delegate->count(Event::Started) == before + 1 ? delegate->handle() : nullptr;
     }
-    // What the process has with no run, once a first run has set up whatever lives on for good.
-    void warmUp()
-    {
-        std::thread([] {}).join(); // ThreadSanitizer starts a thread of its own with the first one
-        threads = threadCount();
-        delegate->drainOutput = true;
-        ASSERT_TRUE(runToEnd(*makeSensor(), "echo warm"));
-        ASSERT_TRUE(waitUntil([&] { return threadCount() == threads; }, 5s));
-        freshDelegate();
-        descriptors = openDescriptorCount();
-    }
-    void expectNothingLeft()
-    {
-        freshDelegate();
-        EXPECT_TRUE(waitUntil([&] { return threadCount() == threads; })) << threadCount() << " threads";
-        EXPECT_TRUE(waitUntil([&] { return openDescriptorCount() == descriptors; }, 5s))
-            << openDescriptorCount() << " descriptors open, " << descriptors << " before";
-        EXPECT_EQ(0, telvane::sshLibraryReferences());
-    }
-    int threads = 0, descriptors = 0;
 };
 } // namespace
 
@@ -128,53 +106,6 @@ TEST_F(Stop, TwoRunsOfOneSensorEndEachOnItsOwnAndCloseEndsBoth)
     sensor->close();
     EXPECT_TRUE(readToEnd(*quiet, 2s)) << "close() left the older run's pump asleep";
     EXPECT_TRUE(readToEnd(*quieter, 2s));
-}
-
-TEST_F(Stop, FromAnotherThreadAtAnyMomentTwoHundredTimes)
-{
-    warmUp();
-    auto sensor = makeSensor();
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    // A login takes some tens of milliseconds: the stops land before, during and after it, and in the pump.
-    std::uniform_int_distribution<int> delay(0, 60);
-    for (int i = 0; i < 200 && !HasFailure(); ++i) {
-        freshDelegate();
-        sensor->setDelegate(delegate);
-        std::thread run([&] { sensor->runScript("seq 1 20000\nsleep 0.2", std::nullopt); });
-        std::this_thread::sleep_for(std::chrono::milliseconds(delay(random)));
-        sensor->stopScript();
-        run.join();
-        SCOPED_TRACE("iteration " + std::to_string(i));
-        // A stop that came before the run took hold leaves the run to end by itself.
-        ASSERT_TRUE(waitUntil([&] { return threadCount() == threads; })) << "a pump thread is still there";
-        EXPECT_FALSE(sensor->running());
-        EXPECT_LE(delegate->count(Event::Terminated) + delegate->count(Event::Failed), 1);
-        const long code = delegate->failureCode().value_or(0);
-        EXPECT_TRUE(code != 2 && code != 3) << "a stop was taken for a credentials failure: " << code;
-    }
-    EXPECT_FALSE(log.contains("libssh2_channel_read failed")) << "a stop was taken for a broken channel";
-    sensor.reset();
-    expectNothingLeft();
-}
-
-TEST_F(Stop, NothingIsLeftBehindAfterRunsThatEndInEveryWay)
-{
-    warmUp();
-    {
-        auto sensor = makeSensor();
-        ASSERT_TRUE(runToEnd(*sensor, "seq 1 100000"));
-        delegate->drainOutput = false;
-        auto stopped = makeSensor();
-        ASSERT_TRUE(startedOutput(*stopped, "sleep 3"));
-        stopped->stopScript();
-        LoopbackSocket closedPort;
-        makeSensor("127.0.0.1", closedPort.port())->runScript("echo never", std::nullopt);
-        delegate->answer->password = "wrong";
-        makeSensor()->runScript("echo never", std::nullopt);
-    }
-    expectNothingLeft();
 }
 
 // The delegate is asked without the sensor's lock: a close() meanwhile returns at once (a host program's

@@ -1,7 +1,5 @@
-// Compiled into every program that uses the sshd harness: before main, HOME points at a directory of this
-// process's own. Sensors trust a host's first key by adding it to ~/.ssh/known_hosts, and every harness makes
-// fresh host keys at ports that other test processes reuse later: in the real ~/.ssh/known_hosts that would
-// be a "changed" host, and a test would write into the user's trust besides.
+// Before main, HOME points at a directory of this process's own: harnesses make fresh host keys at ports that
+// other processes reuse, which the real ~/.ssh/known_hosts would hold against them as "changed" hosts.
 #include <cstdlib>
 #include <filesystem>
 #include <unistd.h>

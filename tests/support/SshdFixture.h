@@ -1,5 +1,5 @@
-// gtest fixture around SshdHarness: one daemon per test suite, a skip (a failure under CI) when it cannot
-// start, and the daemon's log printed for every failed test.
+// gtest fixture around SshdHarness: one daemon per test suite, and a skip (a failure under CI) when it
+// cannot start.
 #pragma once
 
 #include "support/SshdHarness.h"
@@ -7,7 +7,6 @@
 
 #include <Telvane/Platform/TelvaneKeychain.h>
 
-#include <iostream>
 #include <memory>
 
 namespace telvane::test {
@@ -32,11 +31,6 @@ protected:
         TELVANE_REQUIRE_COMPONENT(sshd().running(), "no sshd for this test: " + sshd().reason());
         logStart_ = sshd().log().size();
     }
-    void TearDown() override
-    {
-        if (HasFailure() && harness_)
-            std::cerr << "---- sshd log of this test ----\n" << harness_->log(logStart_) << "---- end ----\n";
-    }
     std::size_t logStart_ = 0;
 
 private:
@@ -52,11 +46,7 @@ protected:
         SshdTest::SetUp();
         TelvaneKeychain::setBackend(TelvaneKeychain::makeBackend("memory"));
     }
-    void TearDown() override
-    {
-        TelvaneKeychain::setBackend(nullptr);
-        SshdTest::TearDown();
-    }
+    void TearDown() override { TelvaneKeychain::setBackend(nullptr); }
     /// A delegate that answers with the daemon's account.
     static std::shared_ptr<RecordingDelegate> accountDelegate()
     {

@@ -42,12 +42,8 @@ bool runTool(const std::string &command, const std::string &input = {})
 
 std::string randomPassword()
 {
-    static const char alphabet[] = "ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz23456789";
     std::random_device random;
-    std::string text = "tv";
-    while (text.size() < 22)
-        text += alphabet[random() % (sizeof alphabet - 1)];
-    return text.insert(8, "#");
+    return "tv" + std::to_string(random()) + "#" + std::to_string(random());
 }
 
 // A port free on 127.0.0.1 now; one taken meanwhile (or busy on ::1) makes start() try another.

@@ -149,12 +149,6 @@ std::optional<TelvaneCredentialsDictionary> RecordingDelegate::credentialsForSen
     return answer;
 }
 
-std::vector<RecordingDelegate::Event> RecordingDelegate::events() const
-{
-    std::lock_guard lock(mutex_);
-    return events_;
-}
-
 bool RecordingDelegate::waitForEnd(std::chrono::milliseconds timeout)
 {
     std::unique_lock lock(mutex_);
@@ -164,18 +158,6 @@ bool RecordingDelegate::waitForEnd(std::chrono::milliseconds timeout)
         });
         return ended && (outputEnded_ || handle_ == nullptr);
     });
-}
-
-std::string RecordingDelegate::output() const
-{
-    std::lock_guard lock(mutex_);
-    return output_;
-}
-
-std::shared_ptr<TelvaneFileHandle> RecordingDelegate::handle() const
-{
-    std::lock_guard lock(mutex_);
-    return handle_;
 }
 
 int RecordingDelegate::count(Event::Kind kind) const
@@ -191,24 +173,6 @@ std::optional<long> RecordingDelegate::firstValue(Event::Kind kind) const
         if (e.kind == kind)
             return e.value;
     return std::nullopt;
-}
-
-std::optional<TelvaneFailure> RecordingDelegate::reportedFailure() const
-{
-    std::lock_guard lock(mutex_);
-    return reportedFailure_;
-}
-
-bool RecordingDelegate::closedBeforeReport() const
-{
-    std::lock_guard lock(mutex_);
-    return closedBeforeReport_;
-}
-
-bool RecordingDelegate::endHeardBeforeEndOfFile() const
-{
-    std::lock_guard lock(mutex_);
-    return endBeforeEndOfFile_;
 }
 
 } // namespace telvane::test

@@ -76,23 +76,31 @@ public:
     void sensorDidFailWithError(Telvane &sensor, long code) override;
     std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor, bool *persist) override;
 
-    std::vector<Event> events() const;
+    std::vector<Event> events() const { return read(&RecordingDelegate::events_); }
     /// Waits until the run has ended and, when draining, its output has reached end of file.
     bool waitForEnd(std::chrono::milliseconds timeout = std::chrono::seconds(30));
-    std::string output() const;
-    std::shared_ptr<TelvaneFileHandle> handle() const;
+    std::string output() const { return read(&RecordingDelegate::output_); }
+    std::shared_ptr<TelvaneFileHandle> handle() const { return read(&RecordingDelegate::handle_); }
     int count(Event::Kind kind) const;
     std::optional<long> terminationStatus() const { return firstValue(Event::Terminated); }
     std::optional<long> failureCode() const { return firstValue(Event::Failed); }
     /// The sensor's lastFailure() when the failure was reported, and whether every run was closed by then.
-    std::optional<TelvaneFailure> reportedFailure() const;
-    bool closedBeforeReport() const;
+    std::optional<TelvaneFailure> reportedFailure() const
+    {
+        return read(&RecordingDelegate::reportedFailure_);
+    }
+    bool closedBeforeReport() const { return read(&RecordingDelegate::closedBeforeReport_); }
     /// Whether the end had been reported when the reader first met end of file.
-    bool endHeardBeforeEndOfFile() const;
+    bool endHeardBeforeEndOfFile() const { return read(&RecordingDelegate::endBeforeEndOfFile_); }
 
 private:
     std::optional<long> firstValue(Event::Kind kind) const;
     void record(Event event);
+    template <typename T> T read(T RecordingDelegate::*field) const
+    {
+        std::lock_guard lock(mutex_);
+        return this->*field;
+    }
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<Event> events_;                     // guarded by mutex_
