@@ -18,5 +18,5 @@ telvane_widget_test(telvane_credentials_prompt_test widgets/CredentialsPromptTes
 telvane_widget_test(telvane_prompt_lifecycle_test widgets/PromptLifecycleTest.cpp)
 
 # Not a test: renders the widgets for the README (scripts/screenshots).
-add_executable(telvane_widgets_screenshot widgets/ScreenshotTool.cpp)
+add_executable(telvane_widgets_screenshot ${PROJECT_SOURCE_DIR}/docs/ScreenshotTool.cpp)
 target_link_libraries(telvane_widgets_screenshot PRIVATE telvane_widgets_internal)
