@@ -194,7 +194,6 @@ bool KeyringDaemon::startMonitor()
         nullptr, nullptr, &error);
     if (!monitor_)
         return fail("cannot connect to the test bus: " + message(error));
-    promptsBefore_ = promptsSeenInProcess.load();
     g_dbus_connection_add_filter(monitor_, countPrompts, nullptr, nullptr);
     const char *rules[] = {
         "type='method_call',interface='org.freedesktop.Secret.Service',member='Unlock'",
@@ -212,7 +211,7 @@ bool KeyringDaemon::startMonitor()
 
 int KeyringDaemon::promptsSeen() const
 {
-    return promptsSeenInProcess.load() - promptsBefore_;
+    return promptsSeenInProcess.load();
 }
 
 void KeyringDaemon::freeze()

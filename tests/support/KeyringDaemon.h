@@ -30,7 +30,7 @@ public:
     /// Asks for the default collection to be unlocked (its prompt is never answered), so that a test can
     /// see promptsSeen() notice one.
     bool requestUnlock() { return callService("Unlock"); }
-    /// The number of unlock requests and prompts the daemon has seen since start().
+    /// The number of unlock requests and prompts the daemon has seen.
     int promptsSeen() const;
     /// Stops the keyring daemon's process: it keeps its name on the bus and never answers again.
     void freeze();
@@ -48,10 +48,8 @@ private:
     GSubprocess *bus_ = nullptr, *keyring_ = nullptr;
     // This process's shared session connection, with exit-on-close off so that the bus may go first.
     GDBusConnection *sharedBus_ = nullptr;
-    // A bus monitor that counts unlock calls and prompts into a process-wide counter (its filter runs on
-    // GDBus's worker thread); promptsSeen() is the count since start().
+    // A bus monitor that counts unlock calls and prompts (its filter runs on GDBus's worker thread).
     GDBusConnection *monitor_ = nullptr;
-    int promptsBefore_ = 0;
 };
 
 } // namespace telvane::test
