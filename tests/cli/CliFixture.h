@@ -52,6 +52,14 @@ protected:
         fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write);
         return path;
     }
+    // A directory the test account may write to, so that a remote script can leave a mark.
+    std::string drop(const std::string &name) const
+    {
+        fs::create_directories(home / "drop");
+        fs::permissions(home, fs::perms::others_exec, fs::perm_options::add);
+        fs::permissions(home / "drop", fs::perms::all);
+        return (home / "drop" / name).string();
+    }
     std::string script(const std::string &text) const
     {
         return write("script" + std::to_string(scripts++), text);

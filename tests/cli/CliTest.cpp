@@ -62,12 +62,7 @@ TEST_F(CliTest, EachFailureHasItsStatusAndOneLineNamingHostPortAndCause)
 
 TEST_F(CliTest, BadInputIsRefusedWithStatusTwoInOneLineAndNothingSent)
 {
-    // The test account must be able to leave a mark, so that "nothing sent" is a real check.
-    const fs::path drop = home / "drop";
-    fs::create_directories(drop);
-    chmod(home.c_str(), 0711);
-    chmod(drop.c_str(), 0777);
-    const std::string marker = (drop / "ran").string(), touch = script("touch " + marker + "\n");
+    const std::string marker = drop("ran"), touch = script("touch " + marker + "\n");
     chmod(touch.c_str(), 0644);
     const std::string latin1 = script("echo Gr\xfc\xdf"
                                       "e\n"),
@@ -129,7 +124,6 @@ TEST_F(CliTest, BadInputIsRefusedWithStatusTwoInOneLineAndNothingSent)
     EXPECT_EQ(0, warned.status) << warned.err;
     EXPECT_TRUE(fs::exists(marker));
     EXPECT_NE(npos, warned.err.find("readable by others")) << warned.err;
-    EXPECT_NE(npos, telvane({"--version"}).out.find("telvane 5.0"));
 }
 
 TEST_F(CliTest, RememberKeepsThePairInTheFileKeyringAndForgetRemovesIt)
@@ -248,10 +242,7 @@ TEST_F(CliTest, StandardOutputErrorsAreRetriedOrReportedNeverLost)
 TEST_F(CliTest, InterruptEndsTheRunInEveryStateAndStopsTheRemoteScript)
 {
     telvane::test::LoopbackSocket silent(4); // accepts and never says a word: the handshake waits
-    const std::string pidFile = (home / "drop" / "pid").string();
-    fs::create_directories(home / "drop");
-    chmod(home.c_str(), 0711);
-    chmod((home / "drop").c_str(), 0777);
+    const std::string pidFile = drop("pid");
     const std::string streaming = script("echo $$ > " + pidFile + "\nwhile :; do echo x; sleep 0.05; done\n");
     const std::string flooding = script("echo $$ > " + pidFile + "\nexec yes flood\n");
     const struct

@@ -17,7 +17,8 @@ protected:
     }
     void TearDown() override { TelvaneKeychain::setBackend(nullptr); }
 
-    static std::vector<std::string> accountNames(const std::optional<std::vector<TelvaneKeychainAccount>> &list)
+    static std::vector<std::string>
+    accountNames(const std::optional<std::vector<TelvaneKeychainAccount>> &list)
     {
         std::vector<std::string> names;
         if (list)
@@ -32,40 +33,34 @@ protected:
 } // namespace telvane::test
 
 // Instantiates the shared behaviour for a fixture derived from KeychainBehaviour.
-#define TELVANE_KEYCHAIN_BEHAVIOUR_TESTS(Fixture)                                                                  \
-    TEST_F(Fixture, EmptyStoreHasNothing)                                                                          \
-    {                                                                                                              \
-        EXPECT_TRUE(accountNames(backend->accountsForService("svc")).empty());                                     \
-        EXPECT_FALSE(backend->passwordForService("svc", "user").has_value());                                      \
-        EXPECT_FALSE(backend->deletePasswordForService("svc", "user"));                                            \
-    }                                                                                                              \
-    TEST_F(Fixture, StoresReplacesAndKeepsServicesApart)                                                           \
-    {                                                                                                              \
-        ASSERT_TRUE(backend->setPassword("one", "svc (a)", "alice"));                                              \
-        ASSERT_TRUE(backend->setPassword("two", "svc (a)", "alice"));                                              \
-        ASSERT_TRUE(backend->setPassword("other", "svc (A)", "alice"));                                            \
-        EXPECT_EQ("two", backend->passwordForService("svc (a)", "alice"));                                         \
-        EXPECT_EQ("other", backend->passwordForService("svc (A)", "alice"));                                       \
-        EXPECT_EQ(std::vector<std::string>{"alice"}, accountNames(backend->accountsForService("svc (a)")));        \
-        /* Empty account names and passwords are kept as they are. */                                            \
-        ASSERT_TRUE(backend->setPassword("", "svc (e)", ""));                                                      \
-        EXPECT_EQ("", backend->passwordForService("svc (e)", ""));                                                 \
-        EXPECT_EQ(std::vector<std::string>{""}, accountNames(backend->accountsForService("svc (e)")));             \
-    }                                                                                                              \
-    TEST_F(Fixture, ForgetRemovesTheFirstPairThenTheNextThenSaysNo)                                                \
-    {                                                                                                              \
-        auto sensor = Telvane::create("id", "n", "pi.local", 2222L);                                               \
-        const std::string service = sensor->serviceNameForSensor();                                                \
-        ASSERT_TRUE(backend->setPassword("pw1", service, "first"));                                                \
-        ASSERT_TRUE(backend->setPassword("pw2", service, "second"));                                               \
-        const auto names = accountNames(backend->accountsForService(service));                                     \
-        ASSERT_EQ(2u, names.size());                                                                               \
-        EXPECT_TRUE(TelvaneCredentials::forgetCredentials(*sensor));                                               \
-        EXPECT_EQ(std::vector<std::string>{names[1]}, accountNames(backend->accountsForService(service)));         \
-        EXPECT_TRUE(TelvaneCredentials::forgetCredentials(*sensor));                                               \
-        EXPECT_FALSE(TelvaneCredentials::forgetCredentials(*sensor));                                              \
-        /* The same host on another port shares the pair; another host does not. */                             \
-        ASSERT_TRUE(backend->setPassword("pw", service, "u"));                                                     \
-        EXPECT_FALSE(TelvaneCredentials::forgetCredentials(*Telvane::create("x", "x", "other")));                  \
-        EXPECT_TRUE(TelvaneCredentials::forgetCredentials(*Telvane::create("y", "y", "pi.local", 22L)));           \
+#define TELVANE_KEYCHAIN_BEHAVIOUR_TESTS(Fixture)                                                            \
+    TEST_F(Fixture, StoresReplacesAndKeepsServicesApart)                                                     \
+    {                                                                                                        \
+        ASSERT_TRUE(backend->setPassword("one", "svc (a)", "alice"));                                        \
+        ASSERT_TRUE(backend->setPassword("two", "svc (a)", "alice"));                                        \
+        ASSERT_TRUE(backend->setPassword("other", "svc (A)", "alice"));                                      \
+        EXPECT_EQ("two", backend->passwordForService("svc (a)", "alice"));                                   \
+        EXPECT_EQ("other", backend->passwordForService("svc (A)", "alice"));                                 \
+        EXPECT_EQ(std::vector<std::string>{"alice"}, accountNames(backend->accountsForService("svc (a)")));  \
+        /* Empty account names and passwords are kept as they are. */                                        \
+        ASSERT_TRUE(backend->setPassword("", "svc (e)", ""));                                                \
+        EXPECT_EQ("", backend->passwordForService("svc (e)", ""));                                           \
+        EXPECT_EQ(std::vector<std::string>{""}, accountNames(backend->accountsForService("svc (e)")));       \
+    }                                                                                                        \
+    TEST_F(Fixture, ForgetRemovesTheFirstPairThenTheNextThenSaysNo)                                          \
+    {                                                                                                        \
+        auto sensor = Telvane::create("id", "n", "pi.local", 2222L);                                         \
+        const std::string service = sensor->serviceNameForSensor();                                          \
+        ASSERT_TRUE(backend->setPassword("pw1", service, "first"));                                          \
+        ASSERT_TRUE(backend->setPassword("pw2", service, "second"));                                         \
+        const auto names = accountNames(backend->accountsForService(service));                               \
+        ASSERT_EQ(2u, names.size());                                                                         \
+        EXPECT_TRUE(TelvaneCredentials::forgetCredentials(*sensor));                                         \
+        EXPECT_EQ(std::vector<std::string>{names[1]}, accountNames(backend->accountsForService(service)));   \
+        EXPECT_TRUE(TelvaneCredentials::forgetCredentials(*sensor));                                         \
+        EXPECT_FALSE(TelvaneCredentials::forgetCredentials(*sensor));                                        \
+        /* The same host on another port shares the pair; another host does not. */                          \
+        ASSERT_TRUE(backend->setPassword("pw", service, "u"));                                               \
+        EXPECT_FALSE(TelvaneCredentials::forgetCredentials(*Telvane::create("x", "x", "other")));            \
+        EXPECT_TRUE(TelvaneCredentials::forgetCredentials(*Telvane::create("y", "y", "pi.local", 22L)));     \
     }

@@ -1,5 +1,4 @@
 #include "support/KeyringDaemon.h"
-#include "support/Files.h"
 
 #include <gio/gio.h>
 #include <libsecret/secret.h>
@@ -57,32 +56,6 @@ GDBusMessage *countPrompts(GDBusConnection *, GDBusMessage *message, gboolean in
     return nullptr;
 }
 
-void drainDefaultContext()
-{
-    if (!g_main_context_acquire(nullptr))
-        return; // another thread runs it, and will run what is pending
-    while (g_main_context_iteration(nullptr, FALSE)) {
-    }
-    g_main_context_release(nullptr);
-}
-
-void release(GDBusConnection *&connection)
-{
-    if (connection) {
-        g_dbus_connection_close_sync(connection, nullptr, nullptr);
-        g_clear_object(&connection);
-    }
-}
-
-void kill(GSubprocess *&process)
-{
-    if (process) {
-        g_subprocess_force_exit(process);
-        g_subprocess_wait(process, nullptr, nullptr);
-        g_clear_object(&process);
-    }
-}
-
 } // namespace
 
 bool KeyringDaemon::fail(std::string why)
@@ -91,18 +64,12 @@ bool KeyringDaemon::fail(std::string why)
     return false;
 }
 
-std::string KeyringDaemon::log() const
+// Starts @p argv with an environment of its own directory and no output. The child dies with this thread
+// (gtest runs tests on the main thread), so a crashed test leaves no daemon behind.
+GSubprocess *KeyringDaemon::spawn(const char *const *argv, int flags)
 {
-    return dir_.empty() ? std::string() : readFile(dir_ + "/bus.log") + readFile(dir_ + "/keyring.log");
-}
-
-// Starts @p argv with an environment of its own directory; its output goes to @p logName in it. The child
-// dies with this thread (gtest runs tests on the main thread), so a crashed test leaves no daemon behind.
-GSubprocess *KeyringDaemon::spawn(const char *const *argv, int flags, const std::string &logName)
-{
-    const bool piped = flags & G_SUBPROCESS_FLAGS_STDOUT_PIPE;
-    GSubprocessLauncher *launcher = g_subprocess_launcher_new(
-        static_cast<GSubprocessFlags>(piped ? flags : flags | G_SUBPROCESS_FLAGS_STDERR_MERGE));
+    GSubprocessLauncher *launcher =
+        g_subprocess_launcher_new(static_cast<GSubprocessFlags>(flags | G_SUBPROCESS_FLAGS_STDERR_SILENCE));
     const std::vector<std::string> env = {"PATH=/usr/bin:/bin",
                                           "LANG=C",
                                           "HOME=" + dir_ + "/home",
@@ -116,8 +83,6 @@ GSubprocess *KeyringDaemon::spawn(const char *const *argv, int flags, const std:
         envp.push_back(e.c_str());
     envp.push_back(nullptr);
     g_subprocess_launcher_set_environ(launcher, const_cast<gchar **>(envp.data()));
-    (piped ? g_subprocess_launcher_set_stderr_file_path
-           : g_subprocess_launcher_set_stdout_file_path)(launcher, (dir_ + "/" + logName).c_str());
     g_subprocess_launcher_set_child_setup(
         launcher, [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
     GError *error = nullptr;
@@ -139,22 +104,13 @@ bool KeyringDaemon::start(With what)
     std::filesystem::permissions(dir_ + "/run", std::filesystem::perms::owner_all);
     if (!startBus())
         return false;
-
-    const char *old = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-    hadAddress_ = old != nullptr;
-    savedAddress_ = old ? old : "";
     ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
-    addressSet_ = true;
-
-    // GLib makes one session connection per process and, by default, raises SIGTERM when its bus goes
-    // away. Hold it with that switched off until stop() has closed it.
+    // GLib makes one session connection per process and, by default, raises SIGTERM when its bus goes away.
     GError *error = nullptr;
     sharedBus_ = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &error);
     if (!sharedBus_)
         return fail("cannot connect to the test bus: " + message(error));
     g_dbus_connection_set_exit_on_close(sharedBus_, FALSE);
-    if (g_dbus_connection_is_closed(sharedBus_))
-        return fail("this process still holds the session connection of an earlier bus");
     return startMonitor() && (what == With::BusOnly || (startKeyring() && waitForDefaultCollection()));
 }
 
@@ -166,7 +122,7 @@ bool KeyringDaemon::startBus()
     std::ofstream(dir_ + "/bus.conf") << busConfig(dir_);
     const std::string config = "--config-file=" + dir_ + "/bus.conf";
     const char *argv[] = {daemon, config.c_str(), "--print-address=1", "--nofork", "--nopidfile", nullptr};
-    bus_ = spawn(argv, G_SUBPROCESS_FLAGS_STDOUT_PIPE, "bus.log");
+    bus_ = spawn(argv, G_SUBPROCESS_FLAGS_STDOUT_PIPE);
     g_free(daemon);
     if (!bus_)
         return false;
@@ -176,7 +132,7 @@ bool KeyringDaemon::startBus()
     gchar *line = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
     g_object_unref(out);
     if (!line)
-        return fail("dbus-daemon exited before it listened: " + log());
+        return fail("dbus-daemon exited before it listened");
     address_ = line;
     g_free(line);
     return true;
@@ -190,7 +146,7 @@ bool KeyringDaemon::startKeyring()
     // With --unlock the daemon reads the login password from standard input and creates the login keyring
     // with it, unlocked and aliased "default": no prompt is ever needed to store an item.
     const char *argv[] = {daemon, "--unlock", "--components=secrets", "--foreground", nullptr};
-    keyring_ = spawn(argv, G_SUBPROCESS_FLAGS_STDIN_PIPE, "keyring.log");
+    keyring_ = spawn(argv, G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_SILENCE);
     g_free(daemon);
     if (!keyring_)
         return false;
@@ -225,7 +181,7 @@ bool KeyringDaemon::waitForDefaultCollection()
         if (ready)
             return true;
     }
-    return fail("no default collection within 20 s (last answer: " + why + "): " + log());
+    return fail("no default collection within 20 s (last answer: " + why + ")");
 }
 
 bool KeyringDaemon::startMonitor()
@@ -238,7 +194,6 @@ bool KeyringDaemon::startMonitor()
         nullptr, nullptr, &error);
     if (!monitor_)
         return fail("cannot connect to the test bus: " + message(error));
-    promptsBefore_ = promptsSeenInProcess.load();
     g_dbus_connection_add_filter(monitor_, countPrompts, nullptr, nullptr);
     const char *rules[] = {
         "type='method_call',interface='org.freedesktop.Secret.Service',member='Unlock'",
@@ -256,7 +211,7 @@ bool KeyringDaemon::startMonitor()
 
 int KeyringDaemon::promptsSeen() const
 {
-    return promptsSeenInProcess.load() - promptsBefore_;
+    return promptsSeenInProcess.load();
 }
 
 void KeyringDaemon::freeze()
@@ -278,30 +233,20 @@ bool KeyringDaemon::callService(const char *method)
     return true;
 }
 
-void KeyringDaemon::stop()
+// Each case is a process of its own (ctest runs them one by one), so GLib's session connection and
+// libsecret's service proxy are left as they are: only the daemons and their directory go.
+KeyringDaemon::~KeyringDaemon()
 {
-    // libsecret keeps its service proxy, and GLib its session connection, for the life of the process;
-    // both must let go of this bus so that a later start() (or a test without a bus) begins afresh.
-    secret_service_disconnect();
-    // GDBus hands proxies' last references to the connection back through idle callbacks on the default
-    // main context, which nothing runs in a test; until they run, the closed connection stays GLib's
-    // session connection and every later test would get it.
-    drainDefaultContext();
-    release(sharedBus_);
-    drainDefaultContext();
-    release(monitor_);
-    kill(keyring_);
-    kill(bus_);
-    if (addressSet_) {
-        hadAddress_ ? ::setenv("DBUS_SESSION_BUS_ADDRESS", savedAddress_.c_str(), 1)
-                    : ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
-        addressSet_ = false;
-    }
-    if (!dir_.empty()) {
-        std::error_code ignored;
-        std::filesystem::remove_all(dir_, ignored);
-        dir_.clear();
-    }
+    if (monitor_)
+        g_dbus_connection_close_sync(monitor_, nullptr, nullptr), g_object_unref(monitor_);
+    for (GSubprocess *process : {keyring_, bus_})
+        if (process) {
+            g_subprocess_force_exit(process);
+            g_subprocess_wait(process, nullptr, nullptr);
+            g_object_unref(process);
+        }
+    if (!dir_.empty())
+        std::filesystem::remove_all(dir_);
 }
 
 } // namespace telvane::test

@@ -15,48 +15,41 @@ public:
     enum class With { Keyring, BusOnly };
 
     KeyringDaemon() = default;
-    ~KeyringDaemon() { stop(); }
+    ~KeyringDaemon();
     KeyringDaemon(const KeyringDaemon &) = delete;
     KeyringDaemon &operator=(const KeyringDaemon &) = delete;
 
     /// Starts the bus (and the keyring), points DBUS_SESSION_BUS_ADDRESS of this process at it and waits
     /// until the keyring answers with its default collection. False, with error() set, when that fails.
     bool start(With what = With::Keyring);
-    /// Stops both daemons and puts the environment back.
-    void stop();
 
     const std::string &error() const { return error_; }
-    /// Everything the two daemons printed, for a failing test to show.
-    std::string log() const;
 
     /// Locks the default collection, as a screen lock or a timeout would.
     bool lockAll() { return callService("Lock"); }
     /// Asks for the default collection to be unlocked (its prompt is never answered), so that a test can
     /// see promptsSeen() notice one.
     bool requestUnlock() { return callService("Unlock"); }
-    /// The number of unlock requests and prompts the daemon has seen since start().
+    /// The number of unlock requests and prompts the daemon has seen.
     int promptsSeen() const;
     /// Stops the keyring daemon's process: it keeps its name on the bus and never answers again.
     void freeze();
 
 private:
     bool fail(std::string why);
-    GSubprocess *spawn(const char *const *argv, int flags, const std::string &logName);
+    GSubprocess *spawn(const char *const *argv, int flags);
     bool startBus();
     bool startKeyring();
     bool waitForDefaultCollection();
     bool startMonitor();
     bool callService(const char *method);
 
-    std::string dir_, address_, error_, savedAddress_;
+    std::string dir_, address_, error_;
     GSubprocess *bus_ = nullptr, *keyring_ = nullptr;
-    bool hadAddress_ = false, addressSet_ = false;
-    // This process's shared session connection, held so that it outlives the bus with exit-on-close off.
+    // This process's shared session connection, with exit-on-close off so that the bus may go first.
     GDBusConnection *sharedBus_ = nullptr;
-    // A bus monitor that counts unlock calls and prompts into a process-wide counter (its filter runs on
-    // GDBus's worker thread); promptsSeen() is the count since start().
+    // A bus monitor that counts unlock calls and prompts (its filter runs on GDBus's worker thread).
     GDBusConnection *monitor_ = nullptr;
-    int promptsBefore_ = 0;
 };
 
 } // namespace telvane::test

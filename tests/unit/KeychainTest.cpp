@@ -32,13 +32,6 @@ protected:
         KeychainBehaviour::TearDown();
         fs::remove_all(dir);
     }
-    mode_t mode(const fs::path &path) const
-    {
-        struct stat st
-        {
-        };
-        return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 0;
-    }
 };
 } // namespace
 
@@ -48,8 +41,8 @@ TELVANE_KEYCHAIN_BEHAVIOUR_TESTS(FileKeychainTest)
 TEST_F(FileKeychainTest, FileIsPrivateAndHoldsEverythingVerbatim)
 {
     ASSERT_TRUE(backend->setPassword("p\tw\nd\\", "svc (h)", "tab\tuser"));
-    EXPECT_EQ(0600u, mode(file));
-    EXPECT_EQ(0700u, mode(file.parent_path()));
+    EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::status(file).permissions());
+    EXPECT_EQ(fs::perms::owner_all, fs::status(file.parent_path()).permissions());
     EXPECT_EQ("p\tw\nd\\", makeFileKeychain(file.string())->passwordForService("svc (h)", "tab\tuser"));
     // The keyring and its lock file, and no temporary file beside them.
     const auto entries = fs::directory_iterator(file.parent_path());
