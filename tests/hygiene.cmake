@@ -11,7 +11,9 @@ if(TARGET telvane)
 endif()
 telvane_discover(telvane_hygiene_tests TIMEOUT 300 RUN_SERIAL TRUE)
 
-# Replaces the global operator new and delete to look into every freed block: a program of its own.
-add_executable(telvane_freed_memory_tests hygiene/FreedMemoryTest.cpp)
-target_link_libraries(telvane_freed_memory_tests PRIVATE telvane_test_support GTest::gtest_main)
-telvane_discover(telvane_freed_memory_tests TIMEOUT 300 RUN_SERIAL TRUE)
+# Replaces free() to look into every freed block: a program of its own, and only where no sanitizer owns free().
+if(TELVANE_SANITIZE STREQUAL "")
+    add_executable(telvane_freed_memory_tests hygiene/FreedMemoryTest.cpp)
+    target_link_libraries(telvane_freed_memory_tests PRIVATE telvane_test_support GTest::gtest_main)
+    telvane_discover(telvane_freed_memory_tests TIMEOUT 300 RUN_SERIAL TRUE)
+endif()
