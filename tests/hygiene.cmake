@@ -1,6 +1,5 @@
-# Where the password must never end up: log lines, process arguments, files, freed memory; and the file
-# keyring surviving a writer killed mid-save. The cases scan /tmp and every process's arguments, so they run
-# alone: another suite's password file or command line would otherwise be taken for a leak of ours.
+# Where the password must never end up: log lines, files, freed memory; and the file keyring surviving a
+# writer killed mid-save. They scan /tmp, so they run alone: another suite's password file would look ours.
 add_executable(telvane_hygiene_tests
     hygiene/SecretTraceTest.cpp
     hygiene/KeyringCrashTest.cpp)

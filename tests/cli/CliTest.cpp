@@ -101,7 +101,6 @@ TEST_F(CliTest, BadInputIsRefusedWithStatusTwoInOneLineAndNothingSent)
          "TELVANE_KEYRING: unknown keyring 'fiel' (use secret-service, file or memory)",
          {{"TELVANE_KEYRING", "fiel"}}},
         {{"diagnose", "--color=sometimes", host, touch}, "sometimes"},
-        // Several hosts.
         {{"run", "-H", "[::1", touch}, "[IPV6]"},
         {{"run", "-H", "host:0", touch}, "bad port \"0\""},
         {{"run", "-H", "@host", touch}, "empty username"},
@@ -134,7 +133,6 @@ TEST_F(CliTest, RememberKeepsThePairInTheFileKeyringAndForgetRemovesIt)
     ASSERT_TRUE(fs::exists(keyring));
     EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::status(keyring).permissions());
 
-    // Now no user and no password are given: the stored pair serves.
     const auto stored = telvane({"run", "-p", port, sshd().host(), echo});
     EXPECT_EQ(0, stored.status) << stored.err;
     EXPECT_EQ("remembered\n", stored.out);

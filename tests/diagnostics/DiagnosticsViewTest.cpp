@@ -113,13 +113,10 @@ private Q_SLOTS:
 
     void cleanupTestCase() { sshd.reset(); }
 
-    // A panel whose script is unusable never starts its sensor and keeps waiting. Then a piece of output
-    // or the sensor's end report arrives, as the sensor sends it: on a thread of its own.
+    // A panel whose script is unusable never starts its sensor; then output or an end report arrives from a
+    // thread of its own. Row: event, its argument, what the panel shows after the connecting line, in red.
     void offline_data()
     {
-        // What happens ("missing script", "script" with an unusable text, "output", "terminate", "fail"), its
-        // argument (the text, the status or the code), what the panel then shows after the connecting line,
-        // in red.
         QTest::addColumn<QStringList>("row");
         QTest::newRow("missing script") << QStringList{"missing script", "", "", ""};
         // Written as Latin-1, which is no UTF-8.
@@ -173,20 +170,18 @@ private Q_SLOTS:
         QVERIFY(QFontInfo(panel.textView()->font()).fixedPitch()); // script output is often columns
     }
 
-    // Whole runs against sshd, some of them run again or closed while they go on. The prompt appears unless
-    // both credentials are preset, and is cancelled.
+    // Whole runs against sshd; the prompt appears unless both credentials are preset, and is cancelled.
+    // Row: script, username and password preset ("-" none), what is shown, in red, what the user does
+    // mid-run.
     void runs_data()
     {
-        // The script, the username and password preset ("-" none, "$user" and "$password" the account's),
-        // what the panel then shows after the connecting line, in red, and what the user does mid-run.
         QTest::addColumn<QStringList>("row");
         const QString slow = "echo start\nsleep 1\necho '*end*'\n";
         QTest::newRow("exit 2") << QStringList{"echo hi\nexit 2\n", "$user", "$password",
                                                "OK\nhi\nDiagnostics terminated with error: 2", ""};
         QTest::newRow("marked output") << QStringList{"echo 'fan: *stopped*'\n", "$user", "$password",
                                                       "OK\nfan: stopped\n" + done, "stopped"};
-        // UTF-8 in two writes that split a character, and a byte that is no UTF-8: the character comes out
-        // whole, the stray byte as U+FFFD, and the span still lines up.
+        // A character split over two writes comes out whole, a stray byte as U+FFFD, and the span lines up.
         QTest::newRow("UTF-8 output")
             << QStringList{"printf 'caf\\303'; sleep 0.2; printf '\\251 \\377 *ok*\\n'\n", "$user",
                            "$password", "OK\ncaf\u00E9 \uFFFD ok\n" + done, "ok"};
@@ -253,10 +248,8 @@ private Q_SLOTS:
         QCOMPARE(bar->value(), bar->maximum());
     }
 
-    // The runner's signals in order, failures with their reasons, and a runner destroyed mid-run: the run
-    // ends unheard and lets go of the sensor. "prompt" answers with the prompt (cancelled), "none" fails
-    // before any request, "destroy" destroys the runner while the request waits, "right, destroy" at the
-    // first output.
+    // The runner's signals in order, failures with their reasons, and a runner destroyed mid-run (the run
+    // ends unheard and lets go of the sensor). "none" fails before any request.
     void runner_data()
     {
         QTest::addColumn<QString>("answer");
@@ -332,7 +325,6 @@ private Q_SLOTS:
         QVERIFY2(run.err.find("cannot read the script") != std::string::npos, run.err.c_str());
 
         REQUIRE_SSHD();
-        // The script says when it runs, in a directory the test account may write to.
         QTemporaryDir directory;
         const QString started = directory.filePath("started");
         QFile::setPermissions(directory.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |

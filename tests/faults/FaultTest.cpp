@@ -1,8 +1,6 @@
 // The library against telvane-faultd: what a sensor's owner sees for each fault the server can put on a
-// connection. A refusal gives its code and its line; a broken output stream never costs a byte that was sent,
-// never passes a cut connection off as a finished script, and never waits for a status that cannot come; a
-// silent server never holds a run past a stop or its time-out. Every case ends with no password in any log
-// line and no thread, descriptor or libssh reference left behind.
+// connection. Every case ends with no password in any log line and no thread, descriptor or libssh reference
+// left behind.
 #include "Platform/SshLibrary_p.h"
 #include "support/FaultServer.h"
 #include "support/TestEnvironment.h"
@@ -82,7 +80,6 @@ protected:
     }
 
     FaultServer &server() { return *server_; }
-
     /// A fresh delegate that logs in with the fault @p fault picked by the username ("": none).
     void useFault(const std::string &fault)
     {
@@ -100,7 +97,6 @@ protected:
         return sensor;
     }
 
-    /// A sensor whose keyring holds the pair, so that the delegate is never asked.
     std::shared_ptr<Telvane> makeStoredSensor(double timeout, const std::string &user)
     {
         auto sensor = makeSensor(timeout);
@@ -248,13 +244,11 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         // Many short reads, each after a wait on the socket: nothing may be lost between them.
         StreamFault{"Slow", "slow", "seq 1 300\nexit 4", seq(1, 300), 4, 15s},
-        // The status comes three seconds after the end of output, three time-outs of this sensor, and is
-        // still the one reported.
+        // The status comes three seconds (three time-outs) after the end of output and is still reported.
         StreamFault{"LateStatus", "late-status", "echo out\nexit 7", "out\n", 7, 15s, false, 1.0},
         // End of output and close without a status: 0, at once.
         StreamFault{"NoStatus", "no-status", "echo out\nexit 7", "out\n", 0, 5s},
-        // Eight times the channel window on standard error, which is discarded; ignored, it would stall
-        // standard output for good.
+        // Eight channel windows on standard error, discarded; left unread, it would stall standard output.
         StreamFault{"FloodStderr", "flood-stderr=16777216", "echo ignored", "begin\nend\n", 0, 20s},
         // Cut in the middle of the output (not on a chunk boundary), with a FIN or with a reset.
         StreamFault{"DropAfter", "drop-after=100000", "seq 1 100000", seq(1, 100000).substr(0, 100000), kCut,
@@ -264,8 +258,7 @@ INSTANTIATE_TEST_SUITE_P(
         // The script finished, but the connection went before its status and end of file.
         StreamFault{"DropAfterAFinishedScript", "drop-after=1048576", "echo short\nexit 3", "short\n", kCut,
                     15s},
-        // Cut while most of the output still waits to be read on this side. (A reset in its place proves
-        // nothing: flow control keeps what this side has no room for on the server, and a reset drops it.)
+        // Cut while most of the output waits here (not a reset: that drops what flow control kept back).
         StreamFault{"DropAfterWhileTheReaderLags", "drop-after=1000000", "seq 1 200000",
                     seq(1, 200000).substr(0, 1000000), kCut, 15s, true},
         // Cut right after the exec request was granted.

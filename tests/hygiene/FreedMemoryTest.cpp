@@ -1,7 +1,5 @@
-// Memory that held a password is cleared before it is given back. While armed, this program looks into every
-// block as it is freed, through a free() of its own that the library's operator delete and libssh both end
-// in: no freed block may still hold the password. A sanitizer owns free(), so this program is built in the plain
-// build only.
+// Memory that held a password is cleared before it is given back: while armed, a free() of our own (where
+// operator delete and libssh both end) looks into every freed block. Sanitizers own free(): plain build only.
 #include "Platform/SshLibrary_p.h"
 #include "integration/SensorRun.h"
 

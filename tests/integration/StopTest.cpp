@@ -63,8 +63,6 @@ TEST_F(Stop, WhileThePumpWaitsOnAQuietScriptNothingIsReported)
     EXPECT_TRUE(waitUntil([] { return std::system("pgrep -f '^sleep 3713' >/dev/null") != 0; }, 3s));
 }
 
-// Disabled: the disconnect message never reaches sshd today (it logs "Connection closed by" instead), after
-// a stop as after a normal end. Enable it with the fix in Connection::teardown().
 TEST_F(Stop, CloseEndsTheSessionWithTheApplicationsWords)
 {
     auto sensor = makeSensor(30.0);

@@ -22,7 +22,6 @@ struct PolicyCase
     bool runs;
 };
 
-// The recording delegate, answering about host keys as the row says.
 class KeyDelegate : public RecordingDelegate
 {
 public:
@@ -62,9 +61,8 @@ TEST_P(HostKeys, FollowThePolicyAndTheDelegate)
 {
     const auto &row = GetParam();
     file = sshd().writeFile("known_hosts", "");
-    if (row.known == Known::RightKey) {
+    if (row.known == Known::RightKey)
         ASSERT_EQ(0, runWith(TelvaneHostKeyPolicy::AcceptNew)->terminationStatus()) << log.joined();
-    }
     if (row.known == Known::OtherKey) // a key that no harness ever has
         std::ofstream(file) << "# an older key\n"
                             << entry << " ssh-ed25519 "
@@ -73,9 +71,8 @@ TEST_P(HostKeys, FollowThePolicyAndTheDelegate)
     const auto asking = runWith(row.policy, row.delegateAnswer);
 
     EXPECT_EQ(row.runs, asking->terminationStatus() == 0) << log.joined();
-    if (!row.runs) {
+    if (!row.runs)
         EXPECT_EQ(1, asking->failureCode());
-    }
     const bool asked = row.policy != TelvaneHostKeyPolicy::AcceptAny && row.known != Known::RightKey;
     ASSERT_EQ(asked ? 1u : 0u, asking->asked.size());
     if (asked) {

@@ -33,9 +33,8 @@ TELVANE_KEYCHAIN_BEHAVIOUR_TESTS(SecretServiceKeychainTest)
 
 TEST_F(SecretServiceKeychainTest, ItemsAreOursAloneAndLabelledForTheHost)
 {
-    // Another application's password with the same attribute names must be neither listed nor removed.
-    // The schema name and attributes are where users' stored passwords live: renaming them would lose every
-    // pair saved by an earlier version.
+    // Another application's password with the same attributes is neither listed nor removed. Our schema is
+    // fixed: renaming it would lose every pair saved by an earlier version.
     SecretSchema foreign{};
     foreign.name = "org.example.Other";
     foreign.attributes[0] = {"service", SECRET_SCHEMA_ATTRIBUTE_STRING};

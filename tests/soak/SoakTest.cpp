@@ -52,8 +52,7 @@ protected:
         descriptors_ = openDescriptorCount();
     }
 
-    // Every pump and reader thread has left, libssh is no longer held, and no descriptor is open but the
-    // @p kept the test still holds.
+    // No pump or reader thread, no libssh reference, no descriptor but the @p kept the test still holds.
     ::testing::AssertionResult settled(int kept = 0)
     {
         if (!waitUntil([&] { return threadCount() == threads_ && telvane::sshLibraryReferences() == 0; },
@@ -100,9 +99,8 @@ TEST_F(Soak, RunsInARowLeaveDescriptorsAndMemoryFlat)
         << "resident memory grew from " << rssAfterWarmUp << " KiB after 100 runs to " << residentKiB();
 }
 
-// Every fourth sensor runs to its end; the others are stopped (some twice, as an impatient user would)
-// before, during or after their logins, while output flows or the script sleeps. Each ends in a way a stop
-// allows.
+// Every fourth sensor runs to its end; the others are stopped (some twice) before, during or after their
+// logins, while output flows or the script sleeps. Each ends in a way a stop allows.
 TEST_F(Soak, SixtyFourSensorsStoppedAtRandomMomentsEndCleanly)
 {
     constexpr int kSensors = 64;

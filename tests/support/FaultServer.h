@@ -43,10 +43,8 @@ public:
     /// Sets the fault of the connections accepted from now on; "" for none.
     bool setFault(std::string_view fault);
 
-    /// What the server logged so far, one line per event.
     std::string log() const;
 
-    /// Ends the server with every connection it serves. Idempotent.
     void stop();
 
 private:

@@ -25,10 +25,8 @@ public:
 
     const std::string &error() const { return error_; }
 
-    /// Locks the default collection, as a screen lock or a timeout would.
     bool lockAll() { return callService("Lock"); }
-    /// Asks for the default collection to be unlocked (its prompt is never answered), so that a test can
-    /// see promptsSeen() notice one.
+    /// Asks for the default collection to be unlocked (its prompt is never answered).
     bool requestUnlock() { return callService("Unlock"); }
     /// The number of unlock requests and prompts the daemon has seen.
     int promptsSeen() const;

@@ -40,12 +40,6 @@ bool runTool(const std::string &command, const std::string &input = {})
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-std::string randomPassword()
-{
-    std::random_device random;
-    return "tv" + std::to_string(random()) + "#" + std::to_string(random());
-}
-
 // A port free on 127.0.0.1 now; one taken meanwhile (or busy on ::1) makes start() try another.
 int freePort()
 {
@@ -111,7 +105,8 @@ bool SshdHarness::prepareAccount()
     password_.clear();
     std::getline(std::ifstream(passwordPath), password_);
     if (password_.find('#') == std::string::npos) {
-        password_ = randomPassword();
+        std::random_device random;
+        password_ = "tv" + std::to_string(random()) + "#" + std::to_string(random());
         std::ofstream(passwordPath + ".new") << password_ << '\n';
         ::chmod((passwordPath + ".new").c_str(), 0600);
         if (::rename((passwordPath + ".new").c_str(), passwordPath.c_str()) != 0)

@@ -18,8 +18,7 @@ namespace telvane::test {
 
 bool inCI();
 
-/// Skips the test when @p available is false, naming @p why; under CI (CI=true), which can start every
-/// component, the skip becomes a failure.
+/// Skips the test when @p available is false, naming @p why; fails instead under CI=true.
 #define TELVANE_REQUIRE_COMPONENT(available, why)                                                            \
     do {                                                                                                     \
         if (!(available)) {                                                                                  \
@@ -30,7 +29,6 @@ bool inCI();
         }                                                                                                    \
     } while (0)
 
-/// Collects the library's log lines while it lives.
 class LogCapture
 {
 public:
@@ -45,7 +43,6 @@ private:
     std::vector<std::string> lines_; // guarded by mutex_
 };
 
-/// Polls @p condition until it holds or @p timeout passes.
 bool waitUntil(const std::function<bool()> &condition,
                std::chrono::milliseconds timeout = std::chrono::seconds(10));
 /// Reads @p output to end of file into @p data; false when the end has not come within @p limit.
@@ -53,8 +50,7 @@ bool readToEnd(TelvaneFileHandle &output, std::chrono::milliseconds limit, std::
 int threadCount();
 int openDescriptorCount();
 
-/// A delegate that records what it hears (own it in a shared_ptr), answers credentials as configured, and
-/// reads the output on a thread of its own.
+/// A delegate that records what it hears, answers credentials as configured, and reads the output itself.
 class RecordingDelegate : public TelvaneDelegate, public std::enable_shared_from_this<RecordingDelegate>
 {
 public:

@@ -8,7 +8,6 @@
 using telvane::test::RecordingDelegate;
 
 namespace {
-// A sensor whose runs are recorded instead of connecting.
 struct RecordedSensor
 {
     std::shared_ptr<Telvane> sensor = Telvane::create("id", "n", "h");
@@ -84,7 +83,6 @@ TEST(Sensor, FailureClosesFirstThenTellsALiveDelegateOnly)
     sensor->sensorDidFailWithError(3);
     EXPECT_FALSE(sensor->running());
     EXPECT_EQ(3, delegate->failureCode());
-    // The sensor does not keep its delegate alive.
     std::weak_ptr<RecordingDelegate> weak = delegate;
     delegate.reset();
     EXPECT_TRUE(weak.expired());
@@ -114,9 +112,8 @@ TEST_P(EarlyFailures, FailWithCodeOneAndHoldNothing)
     sensor->runScript("echo hi", std::nullopt);
     ASSERT_EQ(1u, delegate->events().size());
     EXPECT_EQ(1, delegate->failureCode());
-    if (*GetParam().logged) {
+    if (*GetParam().logged)
         EXPECT_EQ(std::vector<std::string>{GetParam().logged}, log.lines());
-    }
     EXPECT_EQ(before, telvane::sshLibraryReferences());
     EXPECT_TRUE(sensor->pipe()); // the run's new pipe stays set
 }

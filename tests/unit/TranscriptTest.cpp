@@ -29,9 +29,8 @@ TEST(Transcript, StripsAsterisksAndColoursTheFirstGreedyMatch)
         const auto piece = telvaneMarkTranscriptPiece(row.piece);
         EXPECT_EQ(row.text, piece.text) << row.piece;
         EXPECT_EQ(row.redLength, piece.redLength) << row.piece;
-        if (row.redLength) {
+        if (row.redLength)
             EXPECT_EQ(row.redStart, piece.redStart) << row.piece;
-        }
     }
 }
 

@@ -1,8 +1,6 @@
 // telvane-faultd USER PASSWORD CONTROL-FILE: an SSH server for the tests that misbehaves on demand. It prints
 // its port on 127.0.0.1, serves each connection in a process of its own with the fault named on the first
-// line of CONTROL-FILE or by a login as USER+FAULT (FaultServer.h), and ends with all it started when its
-// standard input closes. The faults and what they do are the checks in serveConnection, serveRequests and
-// serveExec.
+// line of CONTROL-FILE or by a login as USER+FAULT (FaultServer.h), and ends when its standard input closes.
 #include <libssh/libssh.h>
 #include <libssh/server.h>
 
