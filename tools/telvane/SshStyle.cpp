@@ -47,14 +47,14 @@ std::optional<std::string> sessionOption(ssh_session session, ssh_options_e type
 
 bool settleHostSpec(Options &options, bool portGiven, std::string &error)
 {
-    auto spec = parseHostSpec(options.host, options.port, error);
-    if (!spec)
+    auto parsed = parseHostSpec(options.host, options.port, error);
+    if (!parsed)
         return false;
     if (!options.user)
-        options.user = spec->user;
+        options.user = parsed->user;
     if (!portGiven)
-        options.port = spec->port;
-    options.host = spec->host;
+        options.port = parsed->port;
+    options.host = parsed->host;
     return true;
 }
 
