@@ -9,10 +9,12 @@
 #include <QtCore/QMetaMethod>
 #include <QtCore/QPointer>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <vector>
 
@@ -80,6 +82,7 @@ public:
         relay_ = nullptr;
         pending_.clear();
         deferred_.clear();
+        endsBeforeStart_.clear();
         declineAllLocked();
     }
 
@@ -131,6 +134,14 @@ public:
             std::lock_guard lock(mutex_);
             ++readers_;
             postLocked(RunEvent::Started);
+            started_.push_back(output.get());
+            if (started_.size() > 8)
+                started_.pop_front();
+            // The pump may have reported the end before this start reached us: it follows the output now.
+            if (const auto early = endsBeforeStart_.find(output.get()); early != endsBeforeStart_.end()) {
+                deferred_.push_back(std::move(early->second));
+                endsBeforeStart_.erase(early);
+            }
         }
         const bool reading = TelvaneWidgets::startBackgroundThread(
             [self = shared_from_this(), output] { self->read(*output); });
@@ -140,8 +151,19 @@ public:
         }
     }
 
-    void sensorScriptDidTerminate(Telvane &, long status) override
+    // Sent by the pump, which starts before the start is sent: a short script can end first.
+    void sensorScriptDidTerminate(Telvane &sensor, long status) override
     {
+        const auto pipe = sensor.pipe();
+        const auto output = pipe ? pipe->fileHandleForReading() : nullptr;
+        {
+            std::lock_guard lock(mutex_);
+            if (output && std::find(started_.begin(), started_.end(), output.get()) == started_.end()) {
+                running.store(false);
+                endsBeforeStart_.emplace(output.get(), RunEvent(RunEvent::Finished, status));
+                return;
+            }
+        }
         end(RunEvent(RunEvent::Finished, status));
     }
 
@@ -240,6 +262,10 @@ private:
     bool drainPosted_ = false;         // guarded by mutex_
     int readers_ = 0;                  // guarded by mutex_: output readers not yet at the end
     std::vector<RunEvent> deferred_;   // guarded by mutex_: end reports waiting for the readers
+    // Guarded by mutex_: the outputs whose start was posted (the last few runs, by identity only), and ends
+    // that came first.
+    std::deque<const TelvaneFileHandle *> started_;
+    std::map<const TelvaneFileHandle *, RunEvent> endsBeforeStart_;
     std::deque<std::shared_ptr<CredentialsRequest>> waiting_; // guarded by mutex_, oldest first
 };
 
