@@ -636,12 +636,6 @@ int TelvanePrivate::waitMilliseconds(double timeout)
     return seconds < 1 ? -1 : clampMilliseconds(seconds * 1000.0);
 }
 
-int TelvanePrivate::waitForSocket(const Connection &connection, ssh_session session, double timeout)
-{
-    return waitForDirections(connection, connection.sock, session ? ssh_get_poll_flags(session) : 0,
-                             waitMilliseconds(timeout));
-}
-
 int TelvanePrivate::waitForDirections(const Connection &connection, int sock, int directions,
                                       int milliseconds)
 {

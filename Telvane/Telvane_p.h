@@ -23,14 +23,9 @@ public:
     // The connecting half of a run (resolution to exec), then the output pump on its own thread.
     void runScript(const std::string &script);
     void doScript(std::shared_ptr<Connection> connection);
-    /// Waits until the socket is ready in the directions libssh waits for (ssh_get_poll_flags), for the
-    /// whole seconds of @p timeout, or until the connection is stopped. A wait whose whole seconds are 0
-    /// waits for the socket or a stop alone. Result as poll's: > 0 ready, 0 time-out, -1 error.
-    /// Reads the session and the socket: the caller holds the monitor.
-    static int waitForSocket(const Connection &connection, ssh_session session, double timeout);
-    /// The same wait on @p sock in the libssh @p directions (SSH_READ_PENDING, SSH_WRITE_PENDING) for at most
-    /// @p milliseconds (-1: no limit), for a caller that read both under the monitor and waits outside it,
-    /// where the session may be freed at any moment.
+    /// Waits until @p sock is ready in the libssh @p directions (SSH_READ_PENDING, SSH_WRITE_PENDING) for at
+    /// most @p milliseconds (-1: no limit), or until the connection is stopped. The caller read both under the
+    /// monitor and waits outside it, where the session may be freed at any moment. Result as poll's.
     static int waitForDirections(const Connection &connection, int sock, int directions, int milliseconds);
     /// The milliseconds of a wait with @p timeout: its whole seconds, or -1 (no limit) when they are 0.
     static int waitMilliseconds(double timeout);
