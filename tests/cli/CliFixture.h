@@ -2,6 +2,7 @@
 // keyring and password file of the test's own.
 #pragma once
 #include "integration/Loopback.h"
+#include "support/Files.h"
 #include "support/Process.h"
 #include "support/SshdFixture.h"
 
@@ -32,16 +33,9 @@ protected:
         SshdTest::SetUp();
         if (IsSkipped() || HasFatalFailure())
             return;
-        std::string pattern = (fs::temp_directory_path() / "telvane-cli-XXXXXX").string();
-        home = mkdtemp(pattern.data());
+        ASSERT_FALSE(home.empty());
         passwordFile = write("password", sshd().password() + "\n");
         port = std::to_string(sshd().port());
-    }
-    void TearDown() override
-    {
-        SshdTest::TearDown();
-        if (!home.empty())
-            fs::remove_all(home);
     }
 
     // A file only its owner may read, in the test's directory.
@@ -147,7 +141,8 @@ protected:
         return result;
     }
 
-    fs::path home;
+    telvane::test::TemporaryDirectory scratch{"telvane-cli"};
+    const fs::path home = scratch.path();
     std::string passwordFile, port;
     mutable int scripts = 0;
 };

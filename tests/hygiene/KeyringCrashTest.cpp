@@ -2,6 +2,7 @@
 // pair from before the save or the one from after it, keeps mode 0600, and no temporary copy of a password is
 // left beside it once the next save has run.
 #include "Platform/KeychainBackends_p.h"
+#include "support/Files.h"
 #include "support/TestEnvironment.h"
 
 #include <chrono>
@@ -25,9 +26,9 @@ const std::string kNew =
 
 TEST(FileKeyring, AWriterKilledMidSaveLosesNeitherTheOldNorTheNewPair)
 {
-    std::string pattern = (fs::temp_directory_path() / "telvane-keyring-crash-XXXXXX").string();
-    ASSERT_TRUE(mkdtemp(pattern.data()));
-    const fs::path dir = pattern;
+    const telvane::test::TemporaryDirectory scratch("telvane-keyring-crash");
+    const fs::path &dir = scratch.path();
+    ASSERT_FALSE(dir.empty());
     const std::string path = (dir / "keyring").string();
     ASSERT_TRUE(makeFileKeychain(path)->setPassword(kOld, kService, kAccount));
 
@@ -65,5 +66,4 @@ TEST(FileKeyring, AWriterKilledMidSaveLosesNeitherTheOldNorTheNewPair)
     // The next save sweeps up what killed writers left, so no stray copy of a password outlives it.
     ASSERT_TRUE(makeFileKeychain(path)->setPassword(kOld, kService, kAccount));
     EXPECT_EQ(2, std::distance(fs::directory_iterator(dir), {})) << "beside the keyring and its lock file";
-    fs::remove_all(dir);
 }

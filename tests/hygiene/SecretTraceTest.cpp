@@ -45,20 +45,12 @@ protected:
         SensorRunTest::SetUp();
         if (IsSkipped() || HasFatalFailure())
             return;
-        std::string pattern = (fs::temp_directory_path() / "telvane-hygiene-XXXXXX").string();
-        ASSERT_TRUE(mkdtemp(pattern.data()));
-        home = pattern;
+        ASSERT_FALSE(home.empty());
         // Each case is a process of its own, so the environment is not put back.
         for (const char *name : kUserDirectories) {
             fs::create_directories(home / name);
             ::setenv(name, (home / name).c_str(), 1);
         }
-    }
-    void TearDown() override
-    {
-        if (!home.empty())
-            fs::remove_all(home);
-        SensorRunTest::TearDown();
     }
 
     std::shared_ptr<RecordingDelegate> attempt(Telvane &sensor,
@@ -73,7 +65,8 @@ protected:
         return delegate;
     }
 
-    fs::path home;
+    telvane::test::TemporaryDirectory scratch{"telvane-hygiene"};
+    const fs::path home = scratch.path();
 };
 
 } // namespace

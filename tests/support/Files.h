@@ -1,6 +1,8 @@
 // Reading a whole file, for the harnesses' logs and the tests that look into files, and owning a descriptor.
 #pragma once
 
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -18,6 +20,31 @@ inline std::string readFile(const std::string &path, std::size_t from = 0)
     text << file.rdbuf();
     return text.str();
 }
+
+/// A directory of the test's own under the system's temporary one, removed with all it holds when it goes.
+class TemporaryDirectory
+{
+public:
+    explicit TemporaryDirectory(const std::string &prefix)
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / (prefix + "-XXXXXX")).string();
+        if (::mkdtemp(pattern.data()))
+            path_ = pattern;
+    }
+    ~TemporaryDirectory()
+    {
+        std::error_code ignored;
+        if (!path_.empty())
+            std::filesystem::remove_all(path_, ignored);
+    }
+    TemporaryDirectory(const TemporaryDirectory &) = delete;
+    TemporaryDirectory &operator=(const TemporaryDirectory &) = delete;
+    /// Empty when no directory could be made.
+    const std::filesystem::path &path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
 
 /// Closes its descriptor when it goes, or on reset() (which may take a new one).
 class Descriptor

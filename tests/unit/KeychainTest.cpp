@@ -21,17 +21,9 @@ protected:
 class FileKeychainTest : public telvane::test::KeychainBehaviour
 {
 protected:
-    std::string dir = [] {
-        std::string pattern = (fs::temp_directory_path() / "telvane-keyring-XXXXXX").string();
-        return std::string(mkdtemp(pattern.data()));
-    }();
-    fs::path file = fs::path(dir) / "nested" / "telvane" / "keyring";
+    telvane::test::TemporaryDirectory scratch{"telvane-keyring"};
+    fs::path file = scratch.path() / "nested" / "telvane" / "keyring";
     std::shared_ptr<TelvaneKeychainBackend> makeBackend() override { return makeFileKeychain(file.string()); }
-    void TearDown() override
-    {
-        KeychainBehaviour::TearDown();
-        fs::remove_all(dir);
-    }
 };
 } // namespace
 
