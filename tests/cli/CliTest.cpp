@@ -5,10 +5,12 @@
 #include <thread>
 
 constexpr auto npos = std::string::npos;
+// Refused by the server, and so logged about: it must vanish like the real one.
+const std::string kWrongPassword = "wrong#Pw-7d1f0c";
 
 TEST_F(CliTest, RunSubstitutesArgumentsInOrderNamesRemovedLinesOnceAndPassesTheStatus)
 {
-    const auto ok = telvane(login({"run", "-a", "WHO=__X__", "-a", "X=world", sshd().host(),
+    const auto ok = telvane(login({"run", "-v", "-a", "WHO=__X__", "-a", "X=world", sshd().host(),
                                    script("#!/bin/sh\r\necho hello __WHO__\r\necho gone # why\r\n"
                                           "# a comment\r\n  # another\r\nx=${#y}\r\n")}));
     EXPECT_EQ(0, ok.status) << ok.err;
@@ -17,6 +19,7 @@ TEST_F(CliTest, RunSubstitutesArgumentsInOrderNamesRemovedLinesOnceAndPassesTheS
     EXPECT_EQ(2u, occurrences(ok.err, "holds \"#\", so the whole line is removed")) << ok.err;
     EXPECT_EQ(1u, occurrences(ok.err, " line 3 holds")) << ok.err;
     EXPECT_EQ(1u, occurrences(ok.err, " line 6 holds")) << ok.err;
+    EXPECT_EQ(npos, ok.err.find(sshd().password())) << "verbose, yet never the password";
 
     const auto three =
         telvane(login({"run", sshd().host(), "-"}), {.input = "echo out; echo err >&2; exit 3\n"});
@@ -33,7 +36,7 @@ TEST_F(CliTest, EachFailureHasItsStatusAndOneLineNamingHostPortAndCause)
     const auto as = [&](const std::string &port, const std::string &file) {
         return std::vector<std::string>{"run", "-p", port, "-l", sshd().username(), "--password-file", file};
     };
-    auto refused = as(port, write("wrong", "not-the-password\n"));
+    auto refused = as(port, write("wrong", kWrongPassword + "\n"));
     refused.push_back("--remember");
     const struct
     {
@@ -57,6 +60,7 @@ TEST_F(CliTest, EachFailureHasItsStatusAndOneLineNamingHostPortAndCause)
             EXPECT_NE(npos, result.err.find(piece)) << result.err;
         EXPECT_EQ(1u, occurrences(result.err, "\n")) << result.err;
         EXPECT_EQ(npos, result.err.find(sshd().password()));
+        EXPECT_EQ(npos, result.err.find(kWrongPassword));
     }
 }
 
@@ -174,10 +178,12 @@ TEST_F(CliTest, DiagnoseShowsTheTranscriptAndExitsZeroOnlyForStatusZero)
             << colour << marked.out;
     }
 
-    const auto refused = telvane({"diagnose", "-p", port, "-l", sshd().username(), "--password-file",
-                                  write("wrong", "nope\n"), sshd().host(), script("echo hello\n")});
+    const auto refused =
+        telvane({"diagnose", "-v", "-p", port, "-l", sshd().username(), "--password-file",
+                 write("wrong", kWrongPassword + "\n"), sshd().host(), script("echo hello\n")});
     EXPECT_EQ(253, refused.status);
     EXPECT_NE(npos, refused.out.find(": *invalid credentials*\nDiagnostics completed.\n")) << refused.out;
+    EXPECT_EQ(npos, (refused.out + refused.err).find(kWrongPassword)) << refused.err;
 }
 
 TEST_F(CliTest, StandardOutputErrorsAreRetriedOrReportedNeverLost)

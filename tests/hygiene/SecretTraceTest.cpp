@@ -1,14 +1,12 @@
-// The password leaves no trace where others can read it: not in a log line, whatever the outcome of the run
-// and at any verbosity of the command-line host, and in no file unless the user chose the file keyring.
+// The password leaves no trace where others can read it: not in a log line, whatever the outcome of the run,
+// and in no file unless the user chose the file keyring. (The command line's verbose output: tests/cli.)
 #include "integration/Loopback.h"
 #include "integration/SensorRun.h"
 #include "support/Files.h"
-#include "support/Process.h"
 
 #include <Telvane/Platform/TelvaneKeychain.h>
 
 #include <filesystem>
-#include <fstream>
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -110,37 +108,3 @@ TEST_F(SecretTrace, NoLogLineOrFileHoldsAPasswordWhateverTheRunsOutcome)
     EXPECT_EQ(std::vector<std::string>{keyring.string()}, filesHolding(home, sshd().password()));
     EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::status(keyring).permissions());
 }
-
-#ifdef TELVANE_CLI_PATH
-TEST_F(SecretTrace, TheCommandLineHostKeepsThePasswordFromItsOutput)
-{
-    const auto file = [&](const std::string &name, const std::string &text) {
-        std::ofstream(home / name) << text;
-        fs::permissions(home / name, fs::perms::owner_read | fs::perms::owner_write);
-        return (home / name).string();
-    };
-    const std::string script = file("script", "echo done\n");
-    const auto cli = [&](const std::string &password, bool verbose) {
-        std::vector<std::string> args{
-            TELVANE_CLI_PATH,  "run",   "-p", std::to_string(sshd().port()), "-l", sshd().username(),
-            "--password-file", password};
-        if (verbose)
-            args.push_back("-v");
-        args.insert(args.end(), {sshd().host(), script});
-        return telvane::test::runProcess(args,
-                                         {.environment = {{"TELVANE_KEYRING", "memory"}, {"NO_COLOR", ""}}});
-    };
-
-    const auto result = cli(file("password", sshd().password() + "\n"), true);
-    EXPECT_EQ(0, result.status) << result.err;
-    EXPECT_EQ("done\n", result.out);
-    EXPECT_EQ(std::string::npos, result.err.find(sshd().password())) << result.err;
-
-    const std::string wrong = file("wrong", kWrongPassword + "\n");
-    for (const bool verbose : {false, true}) {
-        const auto refused = cli(wrong, verbose);
-        EXPECT_EQ(253, refused.status) << refused.err;
-        EXPECT_EQ(std::string::npos, (refused.out + refused.err).find(kWrongPassword)) << refused.err;
-    }
-}
-#endif

@@ -13,10 +13,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#ifndef TELVANE_FAULTD_PATH
-#define TELVANE_FAULTD_PATH ""
-#endif
-
 extern char **environ;
 
 namespace telvane::test {
@@ -25,8 +21,7 @@ FaultServer::FaultServer(Options options) : options_(std::move(options))
 {
     const char *path = TELVANE_FAULTD_PATH;
     if (access(path, X_OK) != 0) {
-        error_ = std::string("cannot run telvane-faultd (built only with libssh's development files) at \"") +
-                 path + "\": " + std::strerror(errno);
+        error_ = std::string("cannot run telvane-faultd at \"") + path + "\": " + std::strerror(errno);
         return;
     }
     char pattern[] = "/tmp/telvane-faultd-XXXXXX";
