@@ -1,7 +1,7 @@
 // The command-line host as a user runs it: the real binary against the real loopback sshd, with a home,
 // keyring and password file of the test's own.
 #pragma once
-#include "integration/Loopback.h"
+#include "support/Loopback.h"
 #include "support/Files.h"
 #include "support/Process.h"
 #include "support/SshdFixture.h"

@@ -1,7 +1,7 @@
 // Runs that cannot get going: each ends once, with its code and its log line, closed before the delegate
 // hears of it, and holds nothing afterwards, not even a descriptor.
 #include "Platform/SshLibrary_p.h"
-#include "integration/Loopback.h"
+#include "support/Loopback.h"
 #include "integration/SensorRun.h"
 
 using namespace telvane::test;
@@ -15,9 +15,7 @@ struct FailureCase
     std::string script; // "" for the daemon's own port and a script it must never see
     std::string logged;
 };
-class Failure : public SensorRunTest, public ::testing::WithParamInterface<FailureCase>
-{
-};
+using Failure = WithRows<SensorRunTest, FailureCase>;
 } // namespace
 
 TEST_P(Failure, EndsOnceWithCodeOneAndTheReasonKept)

@@ -116,9 +116,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto &info) { return std::string(info.param.name); });
 
 namespace {
-class Login : public SensorRunTest, public ::testing::WithParamInterface<bool>
-{
-};
+using Login = WithRows<SensorRunTest, bool>;
 } // namespace
 
 // A server that takes no plain passwords: the login goes through keyboard-interactive, right or wrong.

@@ -15,9 +15,7 @@ struct OutputCase
     std::size_t size;
     int status;
 };
-class WholeRun : public SensorRunTest, public ::testing::WithParamInterface<OutputCase>
-{
-};
+using WholeRun = WithRows<SensorRunTest, OutputCase>;
 } // namespace
 
 TEST_P(WholeRun, DeliversEveryByteInOrderAndTheExitStatusAfterTheEnd)
@@ -53,9 +51,7 @@ struct ScriptCase
     std::string script, output; // "__PASSWORD__" in the output stands for the account's password
     long status = 0;
 };
-class ScriptShapes : public SensorRunTest, public ::testing::WithParamInterface<ScriptCase>
-{
-};
+using ScriptShapes = WithRows<SensorRunTest, ScriptCase>;
 ScriptCase longScript() // longer than the remote system takes as one command argument (128 KiB)
 {
     ScriptCase row{"LongerThanOneArgument", {}, {}};

@@ -89,9 +89,7 @@ TEST_F(SecretServiceKeychainTest, LockedKeyringReadsAsEmptyRefusesWritesAndNever
 
 // Keyrings that cannot answer (no bus; a bus without a keyring; a keyring that has stopped): each operation
 // reports nothing stored (or false), logs why, and is bounded.
-class UnavailableKeyringTest : public ::testing::TestWithParam<const char *>
-{
-};
+using UnavailableKeyringTest = ::testing::TestWithParam<const char *>;
 
 TEST_P(UnavailableKeyringTest, ReportsNothingStoredLogsWhyAndReturnsPromptly)
 {

@@ -24,14 +24,12 @@ FaultServer::FaultServer(Options options) : options_(std::move(options))
         error_ = std::string("cannot run telvane-faultd at \"") + path + "\": " + std::strerror(errno);
         return;
     }
-    char pattern[] = "/tmp/telvane-faultd-XXXXXX";
     int input[2], output[2];
     // Close-on-exec on our ends, so that no other child of this process keeps the lifeline open.
-    if (!mkdtemp(pattern) || pipe2(input, O_CLOEXEC) != 0 || pipe2(output, O_CLOEXEC) != 0) {
+    if (directory_.empty() || pipe2(input, O_CLOEXEC) != 0 || pipe2(output, O_CLOEXEC) != 0) {
         error_ = std::string("cannot prepare telvane-faultd: ") + std::strerror(errno);
         return;
     }
-    directory_ = pattern;
     std::string control = directory_ + "/fault";
     char *argv[] = {const_cast<char *>(path), options_.user.data(), options_.password.data(), control.data(),
                     nullptr};
@@ -63,8 +61,6 @@ FaultServer::FaultServer(Options options) : options_(std::move(options))
 FaultServer::~FaultServer()
 {
     stop();
-    if (!directory_.empty())
-        std::filesystem::remove_all(directory_);
 }
 
 bool FaultServer::setFault(std::string_view fault)

@@ -1,6 +1,8 @@
 // Starts telvane-faultd, the fault-injecting SSH server of the tests, for the life of one object.
 #pragma once
 
+#include "support/Files.h"
+
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -8,7 +10,7 @@
 namespace telvane::test {
 
 /// One telvane-faultd on a loopback port the system picks, until this object or this process ends. Its
-/// faults: stall-banner, dribble-banner (never finished), stall-kex, stall-auth, refuse-password,
+/// faults: stall-banner, dribble-banner (never finished), stall-auth, refuse-password,
 /// refuse-channel, refuse-exec, slow (40 ms a reply, output in 16-byte packets), drop-after=N and
 /// reset-after=N (a FIN or RST once N bytes of output are out, or at the command's end), flood-stderr=N,
 /// late-status (3 s after EOF) and no-status.
@@ -34,7 +36,7 @@ public:
     const std::string &user() const { return options_.user; }
 
     /// The username that picks @p fault for one connection: "tester+refuse-exec". Faults that strike before
-    /// the login (stall-banner, dribble-banner, stall-kex) cannot be picked this way; use setFault.
+    /// the login (stall-banner, dribble-banner) cannot be picked this way; use setFault.
     std::string userWithFault(std::string_view fault) const
     {
         return options_.user + "+" + std::string(fault);
@@ -49,7 +51,8 @@ public:
 
 private:
     Options options_;
-    std::string directory_; // temporary: log and control file
+    TemporaryDirectory scratch_{"telvane-faultd"};
+    const std::string directory_ = scratch_.path().string(); // log and control file
     std::string error_;
     pid_t pid_ = -1;
     int port_ = 0;

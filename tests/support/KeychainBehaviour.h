@@ -49,8 +49,9 @@ protected:
     }                                                                                                        \
     TEST_F(Fixture, ForgetRemovesTheFirstPairThenTheNextThenSaysNo)                                          \
     {                                                                                                        \
-        auto sensor = Telvane::create("id", "n", "pi.local", 2222L);                                         \
+        auto sensor = Telvane::create("id", "n", "Pi.Local", 2222L);                                         \
         const std::string service = sensor->serviceNameForSensor();                                          \
+        EXPECT_EQ("com.quillmere.sensor.credentials (Pi.Local)", service); /* the host as written */         \
         ASSERT_TRUE(backend->setPassword("pw1", service, "first"));                                          \
         ASSERT_TRUE(backend->setPassword("pw2", service, "second"));                                         \
         const auto names = accountNames(backend->accountsForService(service));                               \
@@ -62,5 +63,5 @@ protected:
         /* The same host on another port shares the pair; another host does not. */                          \
         ASSERT_TRUE(backend->setPassword("pw", service, "u"));                                               \
         EXPECT_FALSE(TelvaneCredentials::forgetCredentials(*Telvane::create("x", "x", "other")));            \
-        EXPECT_TRUE(TelvaneCredentials::forgetCredentials(*Telvane::create("y", "y", "pi.local", 22L)));     \
+        EXPECT_TRUE(TelvaneCredentials::forgetCredentials(*Telvane::create("y", "y", "Pi.Local", 22L)));     \
     }

@@ -95,10 +95,8 @@ GSubprocess *KeyringDaemon::spawn(const char *const *argv, int flags)
 
 bool KeyringDaemon::start(With what)
 {
-    std::string pattern = (std::filesystem::temp_directory_path() / "telvane-secret-service-XXXXXX").string();
-    if (!::mkdtemp(pattern.data()))
-        return fail(std::string("mkdtemp: ") + std::strerror(errno));
-    dir_ = pattern;
+    if (dir_.empty())
+        return fail("cannot make a temporary directory");
     for (const char *sub : {"/home", "/data", "/config", "/cache", "/run"})
         std::filesystem::create_directory(dir_ + sub);
     std::filesystem::permissions(dir_ + "/run", std::filesystem::perms::owner_all);
@@ -234,7 +232,7 @@ bool KeyringDaemon::callService(const char *method)
 }
 
 // Each case is a process of its own (ctest runs them one by one), so GLib's session connection and
-// libsecret's service proxy are left as they are: only the daemons and their directory go.
+// libsecret's service proxy are left as they are: only the daemons go, and then their directory.
 KeyringDaemon::~KeyringDaemon()
 {
     if (monitor_)
@@ -245,8 +243,6 @@ KeyringDaemon::~KeyringDaemon()
             g_subprocess_wait(process, nullptr, nullptr);
             g_object_unref(process);
         }
-    if (!dir_.empty())
-        std::filesystem::remove_all(dir_);
 }
 
 } // namespace telvane::test

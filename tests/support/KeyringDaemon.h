@@ -2,6 +2,8 @@
 // keyring is created and unlocked from a password on its standard input, so that storing never prompts.
 #pragma once
 
+#include "support/Files.h"
+
 #include <string>
 
 typedef struct _GDBusConnection GDBusConnection;
@@ -42,7 +44,9 @@ private:
     bool startMonitor();
     bool callService(const char *method);
 
-    std::string dir_, address_, error_;
+    TemporaryDirectory scratch_{"telvane-secret-service"};
+    const std::string dir_ = scratch_.path().string();
+    std::string address_, error_;
     GSubprocess *bus_ = nullptr, *keyring_ = nullptr;
     // This process's shared session connection, with exit-on-close off so that the bus may go first.
     GDBusConnection *sharedBus_ = nullptr;

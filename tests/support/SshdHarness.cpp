@@ -1,7 +1,7 @@
 #include "support/SshdHarness.h"
 #include "support/Files.h"
+#include "support/Loopback.h"
 
-#include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -10,12 +10,10 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <netinet/in.h>
 #include <pwd.h>
 #include <random>
 #include <sys/file.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -40,20 +38,6 @@ bool runTool(const std::string &command, const std::string &input = {})
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// A port free on 127.0.0.1 now; one taken meanwhile (or busy on ::1) makes start() try another.
-int freePort()
-{
-    Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (::bind(socket.get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
-        ::getsockname(socket.get(), reinterpret_cast<sockaddr *>(&address), &length) != 0)
-        return 0;
-    return ntohs(address.sin_port);
-}
-
 } // namespace
 
 bool SshdHarness::fail(std::string why)
@@ -74,10 +58,8 @@ bool SshdHarness::start()
     ::mkdir("/run/sshd", 0755); // sshd refuses to start without its privilege-separation directory
     if (!prepareAccount())
         return false;
-    char pattern[] = "/tmp/telvane-sshd-XXXXXX";
-    if (!::mkdtemp(pattern))
+    if ((directory_ = scratch_.emplace("telvane-sshd").path().string()).empty())
         return fail(std::string("mkdtemp: ") + std::strerror(errno));
-    directory_ = pattern;
     ::chmod(directory_.c_str(), 0755); // the test account reads the scripts that tests leave here
     for (const std::string type : {"ed25519", "ecdsa"})
         if (!runTool("/usr/bin/ssh-keygen -q -t " + type + " -N '' -f " + directory_ + "/ssh_host_" + type +
@@ -122,7 +104,8 @@ bool SshdHarness::prepareAccount()
 
 bool SshdHarness::spawn()
 {
-    if ((port_ = freePort()) == 0)
+    // A port free on 127.0.0.1 now; one taken meanwhile (or busy on ::1) makes start() try another.
+    if ((port_ = LoopbackSocket().port()) == 0)
         return fail("no free port on loopback");
     std::string extra = extraConfig_;
     for (auto at = extra.find("%PORT%"); at != std::string::npos; at = extra.find("%PORT%", at))
@@ -192,11 +175,8 @@ void SshdHarness::killDaemon()
 void SshdHarness::stop()
 {
     killDaemon();
-    if (!directory_.empty()) {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory_, ignored);
-        directory_.clear();
-    }
+    scratch_.reset();
+    directory_.clear();
 }
 
 std::string SshdHarness::writeFile(const std::string &name, const std::string &text) const

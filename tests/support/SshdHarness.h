@@ -1,6 +1,9 @@
 // A throwaway OpenSSH server on loopback for tests and benchmarks (no gtest in here; SshdFixture.h wraps it).
 #pragma once
 
+#include "support/Files.h"
+
+#include <optional>
 #include <string>
 #include <sys/types.h>
 
@@ -47,6 +50,7 @@ private:
     void killDaemon();
 
     std::string reason_, extraConfig_, directory_, password_;
+    std::optional<TemporaryDirectory> scratch_; // directory_, while the daemon may run
     int port_ = 0;
     pid_t pid_ = -1;
 };

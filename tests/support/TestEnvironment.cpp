@@ -3,18 +3,11 @@
 #include "Telvane_p.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <poll.h>
 #include <thread>
 
 namespace telvane::test {
-
-bool inCI()
-{
-    const char *ci = std::getenv("CI");
-    return ci && std::string(ci) == "true";
-}
 
 LogCapture::LogCapture()
 {

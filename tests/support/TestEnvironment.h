@@ -8,15 +8,20 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace telvane::test {
 
-bool inCI();
+inline bool inCI()
+{
+    return std::string_view(std::getenv("CI") ? std::getenv("CI") : "") == "true";
+}
 
 /// Skips the test when @p available is false, naming @p why; fails instead under CI=true.
 #define TELVANE_REQUIRE_COMPONENT(available, why)                                                            \
@@ -28,6 +33,12 @@ bool inCI();
                 GTEST_SKIP() << (why);                                                                       \
         }                                                                                                    \
     } while (0)
+
+/// The fixture @p Base with data rows of type @p Row, for TEST_P: `using Refused = WithRows<FaultTest,
+/// Refusal>;`
+template <class Base, class Row> class WithRows : public Base, public ::testing::WithParamInterface<Row>
+{
+};
 
 class LogCapture
 {

@@ -1,43 +1,14 @@
+// The text rules of a run. Normalisation, substitution and the transcript's red span are checked against
+// models of their rules by the fuzzers in fuzz/, which scripts/test runs; what is left here has no model
+// there.
 #include "ScriptText_p.h"
 #include "support/TestEnvironment.h"
+
+#include <Telvane/TelvaneTranscript.h>
 
 #include <cerrno>
 
 using telvane::isSendableText;
-using telvane::normaliseScript;
-using telvane::substitutePlaceholders;
-
-TEST(Substitution, VisitsArgumentsInOrderReplacesEveryOccurrenceAndLeavesUnknownKeys)
-{
-    // A's value holds B's placeholder: replaced when B comes later, kept when B was visited before.
-    EXPECT_EQ("x=one-two", substitutePlaceholders("x=__A__", {{"A", "one-__B__"}, {"B", "two"}}));
-    EXPECT_EQ("x=one-__B__", substitutePlaceholders("x=__A__", {{"B", "two"}, {"A", "one-__B__"}}));
-    EXPECT_EQ("ping h; ping h; __OTHER__",
-              substitutePlaceholders("ping __HOST__; ping __HOST__; __OTHER__", {{"HOST", "h"}}));
-    EXPECT_EQ("__K__!", substitutePlaceholders("__K__", {{"K", "__K__!"}})); // does not loop
-    EXPECT_EQ("a=b", substitutePlaceholders("a=____", {{"", "b"}}));
-}
-
-TEST(Normalisation, DropsLinesWithANumberSignFoldsLineFeedsAndPutsThePasswordInLast)
-{
-    const std::tuple<std::string, std::string, std::string> rows[] = {
-        {"#!/bin/sh\necho hi\n", "", "\necho hi\n"},
-        // A trailing comment takes its command with it; so does any other use of "#".
-        {"echo x # note\na\necho ${#v}\n", "", "\na\n"},
-        // Comments only: at most one line break is left, and that is still a script to send.
-        {"# one\n# two\n\n# three\n", "", "\n"},
-        {"# no line end", "", ""},
-        {"\n\na\n\n\n\nb", "", "\na\nb"},
-        {"a\n \n\t\nb", "", "a\n \n\t\nb"},
-        // A carriage return ends a line for the "#" rule, and is neither removed nor folded.
-        {"a\r\n# c\r\nb\r\n", "", "a\r\n\r\nb\r\n"},
-        {"echo __PASSWORD__ | sudo -S true\n", "p#ss", "echo p#ss | sudo -S true\n"},
-        {"echo __PASSWORD__ # sudo\n", "secret", "\n"}, // the placeholder goes with its line
-        {"x=__PASSWORD__\n", "", "x=\n"},
-    };
-    for (const auto &[script, password, expected] : rows)
-        EXPECT_EQ(expected, normaliseScript(script, password)) << ::testing::PrintToString(script);
-}
 
 TEST(Normalisation, SendableTextIsValidUtf8WithoutNul)
 {
@@ -68,4 +39,14 @@ TEST(Log, SinkReceivesFormattedLinesAndPerrorText)
     EXPECT_EQ((std::vector<std::string>{"libssh2_channel_read failed(): -7\n", "socket: Connection refused"}),
               log.lines());
     EXPECT_EQ(ECONNREFUSED, errno);
+}
+
+// The words and format arguments that the renderers' code-to-marker rows never vary.
+TEST(Transcript, WordsAndLinesOfGivenFormats)
+{
+    EXPECT_EQ("invalid credentials", TelvaneTranscript::wordsForError(3));
+    EXPECT_EQ("", TelvaneTranscript::wordsForError(7));
+    EXPECT_EQ("Fehler: 2", TelvaneTranscript::closingLine(2, "fertig", "Fehler: %ld"));
+    EXPECT_EQ("Connecting over SSH to h%@ on port 22: ",
+              TelvaneTranscript::connectingLine(TelvaneTranscript::connectingFormat, "h%@", 22));
 }

@@ -21,18 +21,6 @@ struct RecordedSensor
 };
 } // namespace
 
-TEST(Sensor, CreateDefaultsThePortTo22AndKeepsAnyOther)
-{
-    auto sensor = Telvane::create("id", "Kitchen", "pi.local");
-    EXPECT_EQ(22, sensor->port());
-    EXPECT_EQ("id Kitchen pi.local", sensor->identifier() + " " + sensor->name() + " " + sensor->hostname());
-    EXPECT_FALSE(sensor->running() || sensor->script() || sensor->pipe() || sensor->delegate());
-    EXPECT_EQ(70000, Telvane::create("", "", "h", 70000L)->port()); // cut to 16 bits only when connecting
-    EXPECT_EQ(5.0, TelvaneVersionNumber);
-    EXPECT_STREQ("@(#)PROGRAM:Telvane  PROJECT:Telvane-5\n",
-                 reinterpret_cast<const char *>(TelvaneVersionString));
-}
-
 TEST(Sensor, RunsTheSubstitutedTextStoresTheTemplateAndIgnoresAnEmptyOne)
 {
     RecordedSensor r;
@@ -43,6 +31,7 @@ TEST(Sensor, RunsTheSubstitutedTextStoresTheTemplateAndIgnoresAnEmptyOne)
     ASSERT_EQ(1u, r.scripts.size());
     EXPECT_EQ("ping -c 3 gw && ping -c 3 gw", r.scripts[0]);
     EXPECT_EQ("ping -c __N__ __H__ && ping -c __N__ __H__", r.sensor->script());
+    EXPECT_EQ(22, r.sensor->port());
     EXPECT_EQ("3", r.sensor->args()->at(0).second);
     // No arguments: the template runs as it stands and no arguments are stored.
     r.sensor->runScript("echo __N__", std::nullopt);
@@ -96,9 +85,7 @@ struct EarlyFailure
     double timeout;
     const char *logged; // the only log line
 };
-class EarlyFailures : public ::testing::TestWithParam<EarlyFailure>
-{
-};
+using EarlyFailures = ::testing::TestWithParam<EarlyFailure>;
 } // namespace
 
 // Runs that fail before touching the SSH library: code 1, once, and nothing asked.
@@ -144,12 +131,4 @@ TEST(Sensor, AnAddressThatIsNotAnIpIsReportedToNobody)
     EXPECT_EQ(before, telvane::sshLibraryReferences());
     sensor.reset(); // with its pipe, which outlives a failed run on purpose
     EXPECT_EQ(descriptors, telvane::test::openDescriptorCount());
-}
-
-TEST(Sensor, ServiceNameNamesTheHostAsWritten)
-{
-    auto a = Telvane::create("1", "a", "Pi.Local", 22L);
-    EXPECT_EQ("com.quillmere.sensor.credentials (Pi.Local)", a->serviceNameForSensor());
-    EXPECT_EQ(a->serviceNameForSensor(),
-              Telvane::create("2", "b", "Pi.Local", 2222L)->serviceNameForSensor());
 }

@@ -260,9 +260,7 @@ void serveRequests(Connection &c, const char *const *account)
             std::this_thread::sleep_for(200ms);
         }
     }
-    if (c.fault.is("stall-kex")) // the client answers with its KEXINIT, then waits for ours forever
-        send(fd, "SSH-2.0-telvane_faultd\r\n", 24, MSG_NOSIGNAL);
-    if (c.fault.is("stall-banner") || c.fault.is("dribble-banner") || c.fault.is("stall-kex")) {
+    if (c.fault.is("stall-banner") || c.fault.is("dribble-banner")) {
         drain(fd, -1);
         _exit(0);
     }

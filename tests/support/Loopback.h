@@ -7,8 +7,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <vector>
-
 namespace telvane::test {
 
 /// A socket bound to a free loopback port. Without a @p backlog every connection to it is refused; with one,
