@@ -330,10 +330,10 @@ private Q_SLOTS:
         QFile::setPermissions(directory.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
                                                     QFile::WriteOther | QFile::ExeOther);
         const std::string passwordFile = sshd->writeFile("host-password", sshd->password() + "\n");
-        telvane::test::ProcessOptions options;
-        options.interruptAfter = std::chrono::seconds(10); // by then well into the run; closes the window
-        options.interruptSignal = SIGTERM;
-        options.timeout = std::chrono::seconds(30);
+        // SIGTERM closes the window, by then well into the run.
+        const telvane::test::ProcessOptions options{.timeout = std::chrono::seconds(30),
+                                                    .interruptAfter = std::chrono::seconds(10),
+                                                    .interruptSignal = SIGTERM};
         run = telvane::test::runProcess({TELVANE_DIAGNOSTICS_HOST, "-p", std::to_string(sshd->port()), "-l",
                                          sshd->username(), "--password-file", passwordFile, "127.0.0.1",
                                          script("touch " + started.toUtf8() + "\nsleep 60\n").toStdString()},

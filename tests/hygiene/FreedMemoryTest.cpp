@@ -1,7 +1,7 @@
 // Memory that held a password is cleared before it is given back: while armed, a free() of our own (where
 // operator delete and libssh both end) looks into every freed block. Sanitizers own free(): plain build only.
 #include "Platform/SshLibrary_p.h"
-#include "integration/SensorRun.h"
+#include "support/SshdFixture.h"
 
 #include <Telvane/Platform/TelvaneKeychain.h>
 

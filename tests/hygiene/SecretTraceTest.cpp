@@ -1,8 +1,8 @@
 // The password leaves no trace where others can read it: not in a log line, whatever the outcome of the run,
 // and in no file unless the user chose the file keyring. (The command line's verbose output: tests/cli.)
-#include "support/Loopback.h"
-#include "integration/SensorRun.h"
 #include "support/Files.h"
+#include "support/Loopback.h"
+#include "support/SshdFixture.h"
 
 #include <Telvane/Platform/TelvaneKeychain.h>
 

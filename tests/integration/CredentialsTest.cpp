@@ -1,6 +1,6 @@
 // Where a run's credentials come from, what the server's answer does to the keyring, and what is never sent.
 #include "Platform/SshLibrary_p.h"
-#include "integration/SensorRun.h"
+#include "support/SshdFixture.h"
 
 using namespace telvane::test;
 using Event = RecordingDelegate::Event;

@@ -2,7 +2,7 @@
 // hears of it, and holds nothing afterwards, not even a descriptor.
 #include "Platform/SshLibrary_p.h"
 #include "support/Loopback.h"
-#include "integration/SensorRun.h"
+#include "support/SshdFixture.h"
 
 using namespace telvane::test;
 using Event = RecordingDelegate::Event;

@@ -1,7 +1,7 @@
 // Stopping a run from outside, at any moment, and readers that walk away: the run always ends, promptly,
 // reports at most once, and leaves no library reference behind.
 #include "Platform/SshLibrary_p.h"
-#include "integration/SensorRun.h"
+#include "support/SshdFixture.h"
 
 #include <thread>
 

@@ -1,9 +1,9 @@
 // Host keys against known-hosts files shared with OpenSSH, keyboard-interactive logins through PAM, and
 // UTF-8 credentials as the server receives them.
-#include "integration/SensorRun.h"
 #include "support/FaultServer.h"
 #include "support/Files.h"
 #include "support/Process.h"
+#include "support/SshdFixture.h"
 
 #include <fstream>
 

@@ -1,7 +1,7 @@
 // Whole runs against a real sshd: what the remote script writes arrives byte for byte, and its exit status
 // with it, whatever the size of the output and the shape of the script.
-#include "integration/SensorRun.h"
 #include "support/Process.h"
+#include "support/SshdFixture.h"
 
 #include <sys/resource.h>
 #include <thread>
@@ -130,15 +130,13 @@ TEST_F(SensorRunTest, ASilentScriptUnderASubSecondTimeOutCostsNoProcessorTime)
 // The example host program in examples/, run as a user would run it, so that it cannot rot.
 TEST_F(SshdTest, MinimalHostPrintsTheOutputAndExitsWithTheScriptsStatus)
 {
-    telvane::test::ProcessOptions memoryKeyring;
-    memoryKeyring.environment = {{"TELVANE_KEYRING", "memory"}};
     for (const auto &[password, script, status, out] :
          {std::tuple{sshd().password(), "echo hello from $(whoami)\nexit 3", 3, "hello from telvane-test\n"},
           {std::string("not-the-password"), "echo never", 103, ""}}) {
         const auto run =
             runProcess({TELVANE_MINIMAL_HOST, sshd().host(), std::to_string(sshd().port()), sshd().username(),
                         sshd().writeFile("password", password + "\n"), script},
-                       memoryKeyring);
+                       {.environment = {{"TELVANE_KEYRING", "memory"}}});
         EXPECT_EQ(status, run.status) << run.err;
         EXPECT_EQ(out, run.out);
     }

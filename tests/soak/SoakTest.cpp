@@ -30,24 +30,19 @@ long residentKiB()
     return pages * sysconf(_SC_PAGESIZE) / 1024;
 }
 
-class Soak : public SshdSensorTest
+class Soak : public SensorRunTest
 {
 protected:
     // Counted after one run: what the first connection sets up for the life of the process is not left over.
     void SetUp() override
     {
-        SshdSensorTest::SetUp();
+        SensorRunTest::SetUp();
         if (IsSkipped())
             return;
         std::thread([] {}).join(); // ThreadSanitizer's helper thread comes with the first one
         threads_ = threadCount();
-        {
-            auto sensor = Telvane::create("warm", "Warm", sshd().host(), sshd().port());
-            auto delegate = accountDelegate();
-            sensor->setDelegate(delegate);
-            sensor->runScript("echo warm", std::nullopt);
-            ASSERT_TRUE(delegate->waitForEnd(30s)) << log.joined();
-        }
+        ASSERT_TRUE(runToEnd(*makeSensor(), "echo warm")) << log.joined();
+        freshDelegate(); // lets go of the warm run's pipe
         ASSERT_TRUE(settled());
         descriptors_ = openDescriptorCount();
     }
@@ -64,7 +59,6 @@ protected:
         return ::testing::AssertionSuccess();
     }
 
-    LogCapture log;
     int threads_ = 0;
     int descriptors_ = -1; // -1 until the warm-up: every count matches
 };

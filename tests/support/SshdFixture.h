@@ -37,16 +37,23 @@ private:
     static inline std::unique_ptr<SshdHarness> harness_;
 };
 
-/// For suites that run sensors against the daemon: an in-memory keyring, fresh for every test.
-class SshdSensorTest : public SshdTest
+/// For suites that run sensors against the daemon: an in-memory keyring, fresh for every test, a recording
+/// delegate that answers with the daemon's account, and a watch on every log line for the password.
+class SensorRunTest : public SshdTest
 {
 protected:
     void SetUp() override
     {
         SshdTest::SetUp();
         TelvaneKeychain::setBackend(TelvaneKeychain::makeBackend("memory"));
+        freshDelegate();
     }
-    void TearDown() override { TelvaneKeychain::setBackend(nullptr); }
+    void TearDown() override
+    {
+        for (const auto &line : log.lines())
+            EXPECT_EQ(std::string::npos, line.find(sshd().password())) << "a log line holds the password";
+        TelvaneKeychain::setBackend(nullptr);
+    }
     /// A delegate that answers with the daemon's account.
     static std::shared_ptr<RecordingDelegate> accountDelegate()
     {
@@ -54,6 +61,31 @@ protected:
         delegate->answer = TelvaneCredentialsDictionary{sshd().username(), sshd().password()};
         return delegate;
     }
+    /// A new account delegate; the sensors made from now on get it.
+    void freshDelegate() { delegate = accountDelegate(); }
+
+    std::shared_ptr<Telvane> makeSensor(double timeout = 10.0) const
+    {
+        return makeSensor(sshd().host(), sshd().port(), timeout);
+    }
+    std::shared_ptr<Telvane> makeSensor(const std::string &host, long port, double timeout = 10.0) const
+    {
+        auto sensor = Telvane::create("test", "Test sensor", host, port, timeout);
+        sensor->setDelegate(delegate);
+        return sensor;
+    }
+
+    /// Runs @p script on @p sensor and waits until the run has ended and its output reached end of file.
+    ::testing::AssertionResult runToEnd(Telvane &sensor, const std::string &script)
+    {
+        sensor.runScript(script, std::nullopt);
+        if (!delegate->waitForEnd(std::chrono::seconds(60)) || !waitUntil([&] { return !sensor.running(); }))
+            return ::testing::AssertionFailure() << "the run did not end";
+        return ::testing::AssertionSuccess();
+    }
+
+    LogCapture log;
+    std::shared_ptr<RecordingDelegate> delegate;
 };
 
 } // namespace telvane::test

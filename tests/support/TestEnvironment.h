@@ -34,8 +34,7 @@ inline bool inCI()
         }                                                                                                    \
     } while (0)
 
-/// The fixture @p Base with data rows of type @p Row, for TEST_P: `using Refused = WithRows<FaultTest,
-/// Refusal>;`
+/// The fixture @p Base with data rows of type @p Row, for TEST_P.
 template <class Base, class Row> class WithRows : public Base, public ::testing::WithParamInterface<Row>
 {
 };

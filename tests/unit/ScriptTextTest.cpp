@@ -1,6 +1,5 @@
-// The text rules of a run. Normalisation, substitution and the transcript's red span are checked against
-// models of their rules by the fuzzers in fuzz/, which scripts/test runs; what is left here has no model
-// there.
+// Text rules without a model in fuzz/ (whose fuzzers, run by scripts/test, hold normalisation, substitution
+// and the transcript's red span to models of their rules).
 #include "ScriptText_p.h"
 #include "support/TestEnvironment.h"
 
