@@ -2,11 +2,7 @@
 
 #include "Platform/HomeDirectory_p.h"
 
-#include <cstdlib>
 #include <fstream>
-#include <pwd.h>
-#include <unistd.h>
-#include <vector>
 
 namespace telvane {
 namespace {

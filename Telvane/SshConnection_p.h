@@ -50,13 +50,12 @@ public:
     std::shared_ptr<TelvanePipe> pipe; // the run's output pipe; set before the run starts, then read-only
 
     // All guarded by the sensor's monitor.
-    int sock = -1;                  // the TCP socket; shut down by teardown, closed with the Connection
-    ssh_session session = nullptr;  // the SSH session on sock, which it leaves open
-    ssh_channel channel = nullptr;  // the session channel running the script
-    bool holdsLibrary = false;      // this run called ssh_init and has not given it back
-    bool scriptStarted = false;     // the exec request went through: a stop signals the remote script
-    std::string hostKeyFingerprint; // the server's key, "SHA256:..." as OpenSSH prints it
-    RemoteExit remoteExit;          // written by libssh's channel callbacks, inside calls on the session
+    int sock = -1;                 // the TCP socket; shut down by teardown, closed with the Connection
+    ssh_session session = nullptr; // the SSH session on sock, which it leaves open
+    ssh_channel channel = nullptr; // the session channel running the script
+    bool holdsLibrary = false;     // this run called ssh_init and has not given it back
+    bool scriptStarted = false;    // the exec request went through: a stop signals the remote script
+    RemoteExit remoteExit;         // written by libssh's channel callbacks, inside calls on the session
 
 private:
     std::atomic<bool> stopped_{false};

@@ -21,7 +21,6 @@
 #include <sys/socket.h>
 #include <thread>
 #include <type_traits>
-#include <unistd.h>
 
 namespace {
 
@@ -171,6 +170,7 @@ private:
             // Deliberately silent towards the delegate: the address text itself is unusable.
             errno = EINVAL;
             telvanePerror("inet_pton");
+            d_.closeConnection(conn_); // nobody hears of it, so nothing else would let go of it
             return false;
         }
         auto &[storage, length] = *address;
@@ -233,7 +233,7 @@ private:
             ssh_key key;
             ~KeyFree() { ssh_key_free(key); }
         } keyFree{key};
-        conn_->hostKeyFingerprint = fingerprintOf(key);
+        const std::string fingerprint = fingerprintOf(key);
         const TelvaneHostKeyPolicy policy = q_.hostKeyPolicy();
         if (policy == TelvaneHostKeyPolicy::AcceptAny)
             return true;
@@ -247,7 +247,7 @@ private:
         TelvaneHostKey shown;
         shown.host = telvane::knownHostsName(host_, q_.port());
         shown.keyType = ssh_key_type_to_char(ssh_key_type(key));
-        shown.fingerprint = conn_->hostKeyFingerprint;
+        shown.fingerprint = fingerprint;
         shown.changed = state == SSH_KNOWN_HOSTS_CHANGED || state == SSH_KNOWN_HOSTS_OTHER;
         if (shown.changed)
             locateKnownEntry(shown, key);
@@ -297,13 +297,13 @@ private:
             return policyAnswer;
         const bool answer =
             askDelegate([&] { return delegate->shouldTrustHostKey(q_, shown, policyAnswer); });
-        return answer && !stopped();
+        return answer && !conn_->stopRequested(); // a stop is reported with the refusal
     }
 
     bool refuseHostKey(const TelvaneHostKey &shown)
     {
-        if (conn_->stopRequested())
-            return false; // stopped() has reported it
+        if (stopped())
+            return false; // reported there
         if (shown.changed) {
             telvaneLog("WARNING: REMOTE HOST IDENTIFICATION HAS CHANGED for %s!", shown.host.c_str());
             telvaneLog("The %s key sent by the remote host is %s.", shown.keyType.c_str(),

@@ -47,8 +47,12 @@ void TelvanePrivate::doScript(std::shared_ptr<Connection> conn)
         waitForDirections(*conn, sock, directions, waitMilliseconds(q.timeout()));
     };
 
+    // Its own connection's stop, not only the sensor's flag: a newer run may have set that again meanwhile.
+    const auto live = [&] {
+        return running && !conn->stopRequested();
+    };
     int last = 0;
-    while (running) {
+    while (live()) {
         last = read();
         if (last > 0) {
             if (!writer->writeData(buffer, static_cast<std::size_t>(last)))
@@ -62,7 +66,7 @@ void TelvanePrivate::doScript(std::shared_ptr<Connection> conn)
 
     if (last < 0 && last != SSH_EOF) {
         // A read error, or a stop that met the pump waiting: only the error while running is reported.
-        if (running && last != SSH_AGAIN) {
+        if (live() && last != SSH_AGAIN) {
             telvaneLog("libssh2_channel_read failed(): %d\n", last);
             std::string detail;
             {
@@ -85,7 +89,7 @@ void TelvanePrivate::doScript(std::shared_ptr<Connection> conn)
                 ssh_channel_get_exit_status(conn->channel); // takes in what arrived, without waiting
                 return conn->remoteExit.status.has_value() || !ssh_channel_is_open(conn->channel);
             };
-            while (running && !closedOrReported())
+            while (live() && !closedOrReported())
                 wait();
         }
         telvane::RemoteExit remoteExit;

@@ -24,8 +24,9 @@ public:
     void runScript(const std::string &script);
     void doScript(std::shared_ptr<Connection> connection);
     /// Waits until @p sock is ready in the libssh @p directions (SSH_READ_PENDING, SSH_WRITE_PENDING) for at
-    /// most @p milliseconds (-1: no limit), or until the connection is stopped. The caller read both under the
-    /// monitor and waits outside it, where the session may be freed at any moment. Result as poll's.
+    /// most @p milliseconds (-1: no limit), or until the connection is stopped. The caller reads both under
+    /// the monitor; the pump then waits outside it (the session may be freed meanwhile), the connecting half
+    /// inside it (close() stops the connection first, which ends the wait). Result as poll's.
     static int waitForDirections(const Connection &connection, int sock, int directions, int milliseconds);
     /// The milliseconds of a wait with @p timeout: its whole seconds, or -1 (no limit) when they are 0.
     static int waitMilliseconds(double timeout);
