@@ -60,7 +60,9 @@ TEST_F(Stop, WhileThePumpWaitsOnAQuietScriptNothingIsReported)
     EXPECT_TRUE(waitUntil([&] { return telvane::sshLibraryReferences() == 0; }, 5s));
     EXPECT_EQ(0, delegate->count(Event::Terminated) + delegate->count(Event::Failed));
     // The server was asked to end the script, not only to close its channel.
-    EXPECT_TRUE(waitUntil([] { return std::system("pgrep -f '^sleep 3713' >/dev/null") != 0; }, 3s));
+    // pgrep's 1 is "none found"; a missing pgrep (127) proves nothing.
+    EXPECT_TRUE(
+        waitUntil([] { return WEXITSTATUS(std::system("pgrep -f '^sleep 3713' >/dev/null")) == 1; }, 3s));
 }
 
 TEST_F(Stop, AReaderThatClosesItsEndEndsTheRunWithoutKillingTheHost)
