@@ -45,15 +45,17 @@ std::optional<std::string> sessionOption(ssh_session session, ssh_options_e type
 
 } // namespace
 
-bool settleHostSpec(Options &options, bool portGiven, std::string &error)
+bool settleHostSpec(Options &options, bool &portGiven, std::string &error)
 {
-    auto parsed = parseHostSpec(options.host, options.port, error);
+    auto parsed = parseHostSpec(options.host, 0, error); // 0: no port written in the host
     if (!parsed)
         return false;
     if (!options.user)
         options.user = parsed->user;
-    if (!portGiven)
+    if (!portGiven && parsed->port != 0) {
         options.port = parsed->port;
+        portGiven = true; // so that ~/.ssh/config's Port (or libssh's 22) does not override it
+    }
     options.host = parsed->host;
     return true;
 }
