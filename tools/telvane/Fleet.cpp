@@ -93,11 +93,18 @@ private:
 class FleetDelegate : public CliDelegate
 {
 public:
-    FleetDelegate(const Options &options, TtyPrompt &prompt, SharedLogin &login,
+    FleetDelegate(const Options &options, TtyPrompt &prompt, Console &console, SharedLogin &login,
                   std::optional<std::string> user)
-        : CliDelegate(options, prompt, nullptr), remember_(options.remember), login_(login),
-          user_(std::move(user))
+        : CliDelegate(options, prompt, nullptr), remember_(options.remember), console_(console),
+          login_(login), user_(std::move(user))
     {}
+    bool shouldTrustHostKey(Telvane &sensor, const TelvaneHostKey &key, bool policyAnswer) override
+    {
+        console_.holdProgress(true); // the progress line must not be drawn over the question
+        const bool trusted = CliDelegate::shouldTrustHostKey(sensor, key, policyAnswer);
+        console_.holdProgress(false);
+        return trusted;
+    }
     std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &, bool *persist) override
     {
         *persist = remember_;
@@ -106,6 +113,7 @@ public:
 
 private:
     const bool remember_;
+    Console &console_;
     SharedLogin &login_;
     const std::optional<std::string> user_;
 };
@@ -259,7 +267,7 @@ private:
         auto sensor = Telvane::create(host.label, host.label, host.host, host.port, options_.timeout);
         sensor->setHostKeyPolicy(hostKeyPolicyFor(options_.strictHostKeyChecking));
         sensor->setKnownHostsFile(options_.knownHostsFile.value_or(""));
-        auto delegate = std::make_shared<FleetDelegate>(options_, prompt_, login_, host.user);
+        auto delegate = std::make_shared<FleetDelegate>(options_, prompt_, console_, login_, host.user);
         sensor->setDelegate(delegate);
         {
             std::lock_guard lock(mutex_);

@@ -203,7 +203,7 @@ void Console::progress(const std::string &text)
     if (!terminal_)
         return;
     std::lock_guard lock(mutex_);
-    if (held_)
+    if (holds_ > 0)
         return;
     writeAll(STDERR_FILENO, "\r\033[K" + text);
     shown_ = true;
@@ -213,7 +213,7 @@ void Console::holdProgress(bool held)
 {
     std::lock_guard lock(mutex_);
     clearLocked();
-    held_ = held;
+    holds_ += held ? 1 : -1;
 }
 
 void Console::clearProgress()

@@ -33,7 +33,8 @@ public:
     /// Redraws the progress line; only when standard error is a terminal and no question is on it.
     void progress(const std::string &text);
     void clearProgress();
-    /// While @p held, the progress line is erased and not drawn, so that a question on the terminal stays.
+    /// While held, the progress line is erased and not drawn, so that a question on the terminal stays.
+    /// Holds from several threads nest: the line returns once each is released.
     void holdProgress(bool held);
     /// True once standard output could not be written: its reader went away.
     bool broken() const { return broken_; }
@@ -43,7 +44,7 @@ private:
     std::mutex mutex_;
     const bool terminal_;
     bool shown_ = false; // guarded by mutex_
-    bool held_ = false;  // guarded by mutex_
+    int holds_ = 0;      // guarded by mutex_
     std::atomic<bool> broken_{false};
 };
 

@@ -34,6 +34,9 @@ std::optional<std::string> TtyPrompt::ask(const std::string &prompt, bool hidden
 {
     if (tty_ < 0)
         return std::nullopt;
+    // One question at a time: hosts of a fleet run may ask at once, and their prompts and answers (and the
+    // terminal's echo setting) must not interleave.
+    std::lock_guard lock(mutex_);
     termios saved{};
     const bool restore = hidden && ::tcgetattr(tty_, &saved) == 0;
     if (restore) {

@@ -8,7 +8,8 @@
 #include <thread>
 
 /// Asks questions on the controlling terminal, so that answers never mix with the script's output.
-/// cancel() from any thread ends a question that is waiting, and every later one.
+/// cancel() from any thread ends a question that is waiting, and every later one. Questions from several
+/// threads are asked one after another.
 class TtyPrompt
 {
 public:
@@ -25,7 +26,8 @@ public:
 
 private:
     int tty_ = -1;
-    int cancel_ = -1; // eventfd, readable once cancelled
+    int cancel_ = -1;  // eventfd, readable once cancelled
+    std::mutex mutex_; // held for the whole of a question
 };
 
 /// A small "connecting" indicator on standard error while nothing else is shown; only on a terminal.
