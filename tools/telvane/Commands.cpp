@@ -131,13 +131,6 @@ private:
     bool colour_;
 };
 
-bool colourFor(const Options &options)
-{
-    if (options.colour == "always")
-        return true;
-    return options.colour == "auto" && colourWanted(STDOUT_FILENO);
-}
-
 // Copies the script's output to ours until it ends; after a failed write the rest is read and dropped, so
 // that the run can end.
 void copyOutput(TelvaneFileHandle &output, Telvane &sensor, OutputWriter &out, Transcript *transcript)
@@ -245,7 +238,7 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     std::unique_ptr<Progress> spinner;
     std::unique_ptr<Transcript> transcript;
     if (diagnose) {
-        transcript = std::make_unique<Transcript>(out, colourFor(options));
+        transcript = std::make_unique<Transcript>(out, colourChosen(options.colour, STDOUT_FILENO));
     } else {
         spinner = std::make_unique<Progress>("telvane: connecting to " + options.host + " port " +
                                              std::to_string(options.port));

@@ -147,7 +147,7 @@ public:
                 : options.prefix || hosts_.size() > 1 ? OutputMode::Prefix
                                                       : OutputMode::Plain;
         colour_ = diagnose && (mode_ == OutputMode::Prefix || mode_ == OutputMode::Plain) &&
-                  colourWanted(STDOUT_FILENO);
+                  colourChosen(options.colour, STDOUT_FILENO);
         telvaneSetLogSink([this](std::string_view line) { logged(line); });
     }
     ~FleetRun() { telvaneSetLogSink({}); }

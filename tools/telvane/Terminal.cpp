@@ -118,6 +118,11 @@ bool colourWanted(int fd)
     return ::isatty(fd) && !(noColour && *noColour);
 }
 
+bool colourChosen(const std::string &when, int fd)
+{
+    return when == "always" || (when == "auto" && colourWanted(fd));
+}
+
 bool writeAll(int fd, const char *data, std::size_t size)
 {
     while (size > 0) {

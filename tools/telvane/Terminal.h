@@ -50,6 +50,8 @@ private:
 
 /// True when @p fd is a terminal and NO_COLOR is not set.
 bool colourWanted(int fd);
+/// What --color=@p when (auto, always or never) means for @p fd.
+bool colourChosen(const std::string &when, int fd);
 /// Writes all of @p data to @p fd; false when the reader went away.
 bool writeAll(int fd, const char *data, std::size_t size);
 inline bool writeAll(int fd, const std::string &s)
