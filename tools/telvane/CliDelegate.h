@@ -8,6 +8,10 @@
 #include <condition_variable>
 #include <mutex>
 
+/// The first line of the password file at @p path, without its line end; an empty file is an empty password,
+/// which the server may accept. Nothing when the file cannot be read.
+std::optional<std::string> readPasswordFile(const std::string &path);
+
 class CliDelegate : public TelvaneDelegate
 {
 public:
@@ -43,5 +47,5 @@ private:
     bool passwordFileWasEmpty_ = false;         // guarded by mutex_
     bool passwordTyped_ = false;                // guarded by mutex_
 
-    std::optional<std::string> readPasswordFile();
+    std::optional<std::string> passwordFromFile();
 };

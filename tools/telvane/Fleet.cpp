@@ -16,7 +16,6 @@
 #include <condition_variable>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 #include <unistd.h>
 
@@ -52,7 +51,7 @@ public:
             return std::nullopt;
         if (!passwordAsked_)
             password_ = options_.passwordFile
-                            ? readPasswordFile()
+                            ? readPasswordFile(*options_.passwordFile)
                             : ask("Password of " + *user + " (for every host that asks): ", true);
         passwordAsked_ = true;
         if (!password_)
@@ -67,16 +66,6 @@ private:
         auto answer = prompt_.ask(question, hidden);
         console_.holdProgress(false);
         return answer;
-    }
-    std::optional<std::string> readPasswordFile() const
-    {
-        std::ifstream in(*options_.passwordFile);
-        std::string line;
-        if (!in || !std::getline(in, line))
-            return std::nullopt;
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        return line;
     }
 
     const Options &options_;
