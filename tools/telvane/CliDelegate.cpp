@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fstream>
 #include <sys/stat.h>
+#include <thread>
 
 std::optional<std::string> readPasswordFile(const std::string &path)
 {
@@ -18,6 +19,24 @@ std::optional<std::string> readPasswordFile(const std::string &path)
     std::optional<std::string> password(std::move(line));
     telvaneWipe(line); // a short string is copied by the move, not taken
     return password;
+}
+
+std::string failureWords(long code, const std::string &reason)
+{
+    switch (code) {
+    case TelvaneErrorNoCredentials:
+        return "no credentials were given (use --user and --password-file, or run on a terminal)";
+    case TelvaneErrorAuthentication:
+        return "authentication failed: " + reason;
+    default:
+        return "connection failed" + (reason.empty() ? std::string() : ": " + reason);
+    }
+}
+
+void waitForRelease(const std::shared_ptr<Telvane> &sensor)
+{
+    for (int i = 0; i < 2000 && sensor.use_count() > 1; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 CliDelegate::CliDelegate(const Options &options, TtyPrompt &prompt, Progress *progress)

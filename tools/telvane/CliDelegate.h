@@ -12,6 +12,11 @@
 /// which the server may accept. Nothing when the file cannot be read.
 std::optional<std::string> readPasswordFile(const std::string &path);
 
+/// How a failure with TelvaneError @p code reads for the user: "connection failed: REASON" and the like.
+std::string failureWords(long code, const std::string &reason);
+/// Waits (a little) until the pump thread has let go of @p sensor, its last act, so no thread outlives it.
+void waitForRelease(const std::shared_ptr<Telvane> &sensor);
+
 class CliDelegate : public TelvaneDelegate
 {
 public:

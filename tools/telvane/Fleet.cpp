@@ -107,18 +107,6 @@ private:
     const std::optional<std::string> user_;
 };
 
-std::string failureWords(long code, const std::string &reason)
-{
-    switch (code) {
-    case TelvaneErrorNoCredentials:
-        return "no credentials were given (use --user and --password-file, or run on a terminal)";
-    case TelvaneErrorAuthentication:
-        return "authentication failed: " + reason;
-    default:
-        return "connection failed" + (reason.empty() ? std::string() : ": " + reason);
-    }
-}
-
 // A pool of at most --parallel workers. Each takes the next host, makes its sensor, connects (on the
 // worker's own thread, as runScript blocks), reads the output and lets the sensor go before taking the
 // next: so at most `workers` sensors exist, each with one pump thread, and the threads stay within
@@ -285,9 +273,7 @@ private:
             active_[slot].reset();
             --running_;
         }
-        // The pump thread lets go of the sensor as its last act; wait for that, so pumps stay within bound.
-        for (int i = 0; i < 2000 && sensor.use_count() > 1; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        waitForRelease(sensor); // so that pump threads stay within bound
         const auto failure = sensor->lastFailure();
         classify(end, failure ? failure->reason : "the address it resolved to is neither IPv4 nor IPv6",
                  result);

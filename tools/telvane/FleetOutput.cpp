@@ -65,12 +65,7 @@ private:
             out.append(line);
         } else {
             const TelvaneTranscriptPiece piece = telvaneMarkTranscriptPiece(line);
-            if (colour_ && piece.redLength > 0)
-                out += piece.text.substr(0, piece.redStart) + "\033[31m" +
-                       piece.text.substr(piece.redStart, piece.redLength) + "\033[0m" +
-                       piece.text.substr(piece.redStart + piece.redLength);
-            else
-                out += piece.text;
+            out += colour_ ? paintedRed(piece.text, piece.redStart, piece.redLength) : piece.text;
         }
         console_.out(out);
     }

@@ -123,6 +123,15 @@ bool colourChosen(const std::string &when, int fd)
     return when == "always" || (when == "auto" && colourWanted(fd));
 }
 
+std::string paintedRed(std::string_view text, std::size_t start, std::size_t length)
+{
+    if (length == 0)
+        return std::string(text);
+    std::string out(text.substr(0, start));
+    out.append("\033[31m").append(text.substr(start, length)).append("\033[0m");
+    return out.append(text.substr(start + length));
+}
+
 bool writeAll(int fd, const char *data, std::size_t size)
 {
     while (size > 0) {

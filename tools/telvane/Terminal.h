@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 /// Asks questions on the controlling terminal, so that answers never mix with the script's output.
@@ -52,6 +53,8 @@ private:
 bool colourWanted(int fd);
 /// What --color=@p when (auto, always or never) means for @p fd.
 bool colourChosen(const std::string &when, int fd);
+/// @p text with its @p length bytes from @p start in red (as it is when @p length is 0).
+std::string paintedRed(std::string_view text, std::size_t start, std::size_t length);
 /// Writes all of @p data to @p fd; false when the reader went away.
 bool writeAll(int fd, const char *data, std::size_t size);
 inline bool writeAll(int fd, const std::string &s)
