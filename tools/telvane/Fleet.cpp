@@ -228,6 +228,11 @@ private:
             result.words = error;
         } else {
             runSensor(host, result, *output, slot);
+            if (auto failure = output->failure()) { // the run is of no use when its output is lost
+                result.end = HostResult::End::Failed;
+                result.code = 0;
+                result.words = std::move(*failure);
+            }
         }
         result.seconds = std::chrono::duration<double>(Clock::now() - begun).count();
         if (output && result.end != HostResult::End::NotStarted)

@@ -79,13 +79,21 @@ private:
 class FileOutput : public HostOutput
 {
 public:
-    explicit FileOutput(int fd) : fd_(fd) {}
+    FileOutput(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
     ~FileOutput() override { ::close(fd_); }
-    void write(std::string_view data) override { writeAll(fd_, data.data(), data.size()); }
+    void write(std::string_view data) override
+    {
+        errno = 0;
+        if (!failure_ && !writeAll(fd_, data.data(), data.size()))
+            failure_ = "cannot write " + path_ + ": " + std::strerror(errno ? errno : EIO);
+    }
     void finish(const FleetHost &, const HostResult &) override {}
+    std::optional<std::string> failure() const override { return failure_; }
 
 private:
     const int fd_;
+    const std::string path_;
+    std::optional<std::string> failure_; // the first write that failed; the rest of the output is dropped
 };
 
 std::string iso8601(std::chrono::system_clock::time_point when)
@@ -246,7 +254,7 @@ std::unique_ptr<HostOutput> openHostOutput(OutputMode mode, const FleetHost &hos
         error = "cannot write " + path + ": " + std::strerror(errno);
         return nullptr;
     }
-    return std::make_unique<FileOutput>(fd);
+    return std::make_unique<FileOutput>(fd, path);
 }
 
 std::string describe(const HostResult &result)

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -56,6 +57,8 @@ public:
     virtual void write(std::string_view data) = 0;
     /// The end of the host's output; JSON writes its whole record here.
     virtual void finish(const FleetHost &host, const HostResult &result) = 0;
+    /// Why the output could not be kept, when it could not (a file on a full disk).
+    virtual std::optional<std::string> failure() const { return std::nullopt; }
 };
 
 enum class OutputMode { Plain, Prefix, Directory, Json };
