@@ -162,7 +162,8 @@ public:
         } catch (const nlohmann::json::type_error &) { // not valid UTF-8
             record["output"] = base64(output_);
             record["encoding"] = "base64";
-            line = record.dump();
+            // A host or label given in another encoding is shown with U+FFFD rather than ending the run.
+            line = record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
         }
         console_.out(line + "\n");
         output_.clear();
