@@ -12,7 +12,7 @@ TEST_F(CliTest, RunSubstitutesArgumentsInOrderNamesRemovedLinesOnceAndPassesTheS
 {
     const auto ok = telvane(login({"run", "-v", "-a", "WHO=__X__", "-a", "X=world", sshd().host(),
                                    script("#!/bin/sh\r\necho hello __WHO__\r\necho gone # why\r\n"
-                                          "# a comment\r\n  # another\r\nx=${#y}\r\n")}));
+                                          "# a comment\r\n  # another\r\nx=${#y}\r\n\r# cr\r\ntrue\r\n")}));
     EXPECT_EQ(0, ok.status) << ok.err;
     EXPECT_EQ("hello world\n", ok.out);
     EXPECT_EQ(1u, occurrences(ok.err, "CRLF line ends")) << ok.err;
@@ -304,6 +304,9 @@ TEST_F(CliTest, TakesSshsSpellingsOfHostsAndHostKeyChecking)
          0,
          ""},
         {{"run", "--password-file", passwordFile, "cellar", echo}, 0, ""},
+        {{"run", "-l", sshd().username(), "--password-file", passwordFile, sshd().host() + ":" + port, echo},
+         0,
+         ""},
         {login({"run", "-o", "UserKnownHostsFile=" + fresh, "-o", "StrictHostKeyChecking=yes", sshd().host(),
                 echo}),
          255, "Host key verification failed"},

@@ -92,9 +92,14 @@ TEST_F(Fleet, HostsFileOutputDirectoryAndJsonRecords)
     const std::string hosts =
         write("hosts", "# the rack\n\n  " + good[0] + "\n" + good[1] + "  \n" + closed + "\n");
     const fs::path dir = home / "out";
+    fs::create_directories(dir);
+    fs::create_symlink("/dev/full", dir / good[2]); // a full disk for one host
     const auto files =
-        run({}, "echo $SSH_CONNECTION | cut -d' ' -f3", {"--hosts", hosts, "--output-dir", dir});
+        run({good[2]}, "echo $SSH_CONNECTION | cut -d' ' -f3", {"--hosts", hosts, "--output-dir", dir});
     EXPECT_EQ(3, files.status) << files.err;
+    EXPECT_NE(std::string::npos, files.err.find(good[2] + ": cannot write " + (dir / good[2]).string() +
+                                                ": No space left on device"))
+        << files.err;
     EXPECT_EQ("", files.out);
     EXPECT_EQ("127.0.0.1\n", telvane::test::readFile(dir / good[0]));
     EXPECT_EQ("::1\n", telvane::test::readFile(dir / good[1]));

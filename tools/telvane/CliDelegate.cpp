@@ -5,6 +5,39 @@
 #include <cstring>
 #include <fstream>
 #include <sys/stat.h>
+#include <thread>
+
+std::optional<std::string> readPasswordFile(const std::string &path)
+{
+    std::ifstream in(path);
+    if (!in)
+        return std::nullopt;
+    std::string line;
+    std::getline(in, line);
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    std::optional<std::string> password(std::move(line));
+    telvaneWipe(line); // a short string is copied by the move, not taken
+    return password;
+}
+
+std::string failureWords(long code, const std::string &reason)
+{
+    switch (code) {
+    case TelvaneErrorNoCredentials:
+        return "no credentials were given (use --user and --password-file, or run on a terminal)";
+    case TelvaneErrorAuthentication:
+        return "authentication failed: " + reason;
+    default:
+        return "connection failed" + (reason.empty() ? std::string() : ": " + reason);
+    }
+}
+
+void waitForRelease(const std::shared_ptr<Telvane> &sensor)
+{
+    for (int i = 0; i < 2000 && sensor.use_count() > 1; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
 
 CliDelegate::CliDelegate(const Options &options, TtyPrompt &prompt, Progress *progress)
     : options_(options), prompt_(prompt), progress_(progress)
@@ -45,7 +78,7 @@ std::optional<TelvaneCredentialsDictionary> CliDelegate::credentialsForSensor(Te
         return std::nullopt;
 
     std::optional<std::string> password =
-        options_.passwordFile ? readPasswordFile()
+        options_.passwordFile ? passwordFromFile()
                               : prompt_.ask(*user + "@" + sensor.hostname() + "'s password: ", true);
     if (!password)
         return std::nullopt;
@@ -60,20 +93,11 @@ std::optional<TelvaneCredentialsDictionary> CliDelegate::credentialsForSensor(Te
     return credentials;
 }
 
-// The first line of the password file; an empty file is an empty password, which the server may accept.
-std::optional<std::string> CliDelegate::readPasswordFile()
+std::optional<std::string> CliDelegate::passwordFromFile()
 {
-    std::ifstream in(*options_.passwordFile);
-    if (!in)
-        return std::nullopt;
-    std::string line;
-    std::getline(in, line);
-    if (!line.empty() && line.back() == '\r')
-        line.pop_back();
+    auto password = readPasswordFile(*options_.passwordFile);
     std::lock_guard lock(mutex_);
-    passwordFileWasEmpty_ = line.empty();
-    std::optional<std::string> password(std::move(line));
-    telvaneWipe(line); // a short string is copied by the move, not taken
+    passwordFileWasEmpty_ = password && password->empty();
     return password;
 }
 

@@ -13,7 +13,6 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -48,28 +47,20 @@ private:
     std::vector<std::string> lines_; // guarded by mutex_
 };
 
-void say(const char *format, const std::string &host, long port, const std::string &detail)
-{
-    std::fprintf(stderr, format, host.c_str(), port, detail.c_str());
-    std::fputc('\n', stderr);
-}
-
 int reportFailure(long code, const Options &options, const std::string &reason, bool emptyPassword)
 {
+    const std::string words =
+        failureWords(code, code == TelvaneErrorAuthentication && emptyPassword
+                               ? "the server refused the empty password (the password file " +
+                                     *options.passwordFile + " was empty)"
+                               : reason);
+    std::fprintf(stderr, "telvane: %s port %ld: %s\n", options.host.c_str(), options.port, words.c_str());
     switch (code) {
     case TelvaneErrorNoCredentials:
-        say("telvane: %s port %ld: no credentials were given%s", options.host, options.port,
-            " (use --user and --password-file, or run on a terminal)");
         return ExitNoCredentials;
     case TelvaneErrorAuthentication:
-        say("telvane: %s port %ld: authentication failed: %s", options.host, options.port,
-            emptyPassword ? "the server refused the empty password (the password file " +
-                                *options.passwordFile + " was empty)"
-                          : reason);
         return ExitAuthentication;
     default:
-        say("telvane: %s port %ld: connection failed%s", options.host, options.port,
-            reason.empty() ? "" : ": " + reason);
         return ExitConnection;
     }
 }
@@ -106,16 +97,7 @@ public:
             return;
         }
         const TelvaneTranscriptPiece piece = telvaneMarkTranscriptPiece(text);
-        if (piece.redLength == 0) {
-            out_.write(piece.text);
-            return;
-        }
-        std::string out = piece.text.substr(0, piece.redStart);
-        out += "\033[31m";
-        out.append(piece.text, piece.redStart, piece.redLength);
-        out += "\033[0m";
-        out.append(piece.text, piece.redStart + piece.redLength);
-        out_.write(out);
+        out_.write(paintedRed(piece.text, piece.redStart, piece.redLength));
     }
 
     /// The closing line, on a line of its own whatever the script's output ended with.
@@ -130,13 +112,6 @@ private:
     OutputWriter &out_;
     bool colour_;
 };
-
-bool colourFor(const Options &options)
-{
-    if (options.colour == "always")
-        return true;
-    return options.colour == "auto" && colourWanted(STDOUT_FILENO);
-}
 
 // Copies the script's output to ours until it ends; after a failed write the rest is read and dropped, so
 // that the run can end.
@@ -166,13 +141,6 @@ std::optional<int> outputFailure(const OutputWriter &out)
     default:
         return std::nullopt;
     }
-}
-
-void waitForThreads(const std::shared_ptr<Telvane> &sensor)
-{
-    // The pump thread lets go of the sensor as its last act; wait for that so no thread outlives main.
-    for (int i = 0; i < 2000 && sensor.use_count() > 1; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 // The keyring as the run sees it when the command line names both username and password: those win, so the
@@ -245,7 +213,7 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     std::unique_ptr<Progress> spinner;
     std::unique_ptr<Transcript> transcript;
     if (diagnose) {
-        transcript = std::make_unique<Transcript>(out, colourFor(options));
+        transcript = std::make_unique<Transcript>(out, colourChosen(options.colour, STDOUT_FILENO));
     } else {
         spinner = std::make_unique<Progress>("telvane: connecting to " + options.host + " port " +
                                              std::to_string(options.port));
@@ -280,7 +248,7 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     }
     // The end is reported before the output closes, so it is known by now if it was reported at all.
     const std::optional<long> result = delegate->waitForEnd(std::chrono::milliseconds(0));
-    waitForThreads(sensor);
+    waitForRelease(sensor);
 
     if (const int signal = signals.received()) {
         std::fprintf(stderr, "telvane: interrupted\n");
@@ -293,9 +261,8 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
         return *status;
     if (!result) {
         // Only an address that cannot be used ends a run without a report.
-        say("telvane: %s port %ld: connection failed%s", options.host, options.port,
-            ": the address it resolved to is neither IPv4 nor IPv6");
-        return ExitConnection;
+        return reportFailure(TelvaneErrorConnection, options,
+                             "the address it resolved to is neither IPv4 nor IPv6", false);
     }
     if (*result < 0) {
         const long code = -*result;

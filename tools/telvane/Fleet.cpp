@@ -16,7 +16,6 @@
 #include <condition_variable>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 #include <unistd.h>
 
@@ -52,7 +51,7 @@ public:
             return std::nullopt;
         if (!passwordAsked_)
             password_ = options_.passwordFile
-                            ? readPasswordFile()
+                            ? readPasswordFile(*options_.passwordFile)
                             : ask("Password of " + *user + " (for every host that asks): ", true);
         passwordAsked_ = true;
         if (!password_)
@@ -67,16 +66,6 @@ private:
         auto answer = prompt_.ask(question, hidden);
         console_.holdProgress(false);
         return answer;
-    }
-    std::optional<std::string> readPasswordFile() const
-    {
-        std::ifstream in(*options_.passwordFile);
-        std::string line;
-        if (!in || !std::getline(in, line))
-            return std::nullopt;
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        return line;
     }
 
     const Options &options_;
@@ -93,11 +82,18 @@ private:
 class FleetDelegate : public CliDelegate
 {
 public:
-    FleetDelegate(const Options &options, TtyPrompt &prompt, SharedLogin &login,
+    FleetDelegate(const Options &options, TtyPrompt &prompt, Console &console, SharedLogin &login,
                   std::optional<std::string> user)
-        : CliDelegate(options, prompt, nullptr), remember_(options.remember), login_(login),
-          user_(std::move(user))
+        : CliDelegate(options, prompt, nullptr), remember_(options.remember), console_(console),
+          login_(login), user_(std::move(user))
     {}
+    bool shouldTrustHostKey(Telvane &sensor, const TelvaneHostKey &key, bool policyAnswer) override
+    {
+        console_.holdProgress(true); // the progress line must not be drawn over the question
+        const bool trusted = CliDelegate::shouldTrustHostKey(sensor, key, policyAnswer);
+        console_.holdProgress(false);
+        return trusted;
+    }
     std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &, bool *persist) override
     {
         *persist = remember_;
@@ -106,21 +102,10 @@ public:
 
 private:
     const bool remember_;
+    Console &console_;
     SharedLogin &login_;
     const std::optional<std::string> user_;
 };
-
-std::string failureWords(long code, const std::string &reason)
-{
-    switch (code) {
-    case TelvaneErrorNoCredentials:
-        return "no credentials were given (use --user and --password-file, or run on a terminal)";
-    case TelvaneErrorAuthentication:
-        return "authentication failed: " + reason;
-    default:
-        return "connection failed" + (reason.empty() ? std::string() : ": " + reason);
-    }
-}
 
 // A pool of at most --parallel workers. Each takes the next host, makes its sensor, connects (on the
 // worker's own thread, as runScript blocks), reads the output and lets the sensor go before taking the
@@ -139,7 +124,7 @@ public:
                 : options.prefix || hosts_.size() > 1 ? OutputMode::Prefix
                                                       : OutputMode::Plain;
         colour_ = diagnose && (mode_ == OutputMode::Prefix || mode_ == OutputMode::Plain) &&
-                  colourWanted(STDOUT_FILENO);
+                  colourChosen(options.colour, STDOUT_FILENO);
         telvaneSetLogSink([this](std::string_view line) { logged(line); });
     }
     ~FleetRun() { telvaneSetLogSink({}); }
@@ -243,6 +228,11 @@ private:
             result.words = error;
         } else {
             runSensor(host, result, *output, slot);
+            if (auto failure = output->failure()) { // the run is of no use when its output is lost
+                result.end = HostResult::End::Failed;
+                result.code = 0;
+                result.words = std::move(*failure);
+            }
         }
         result.seconds = std::chrono::duration<double>(Clock::now() - begun).count();
         if (output && result.end != HostResult::End::NotStarted)
@@ -259,7 +249,7 @@ private:
         auto sensor = Telvane::create(host.label, host.label, host.host, host.port, options_.timeout);
         sensor->setHostKeyPolicy(hostKeyPolicyFor(options_.strictHostKeyChecking));
         sensor->setKnownHostsFile(options_.knownHostsFile.value_or(""));
-        auto delegate = std::make_shared<FleetDelegate>(options_, prompt_, login_, host.user);
+        auto delegate = std::make_shared<FleetDelegate>(options_, prompt_, console_, login_, host.user);
         sensor->setDelegate(delegate);
         {
             std::lock_guard lock(mutex_);
@@ -288,9 +278,7 @@ private:
             active_[slot].reset();
             --running_;
         }
-        // The pump thread lets go of the sensor as its last act; wait for that, so pumps stay within bound.
-        for (int i = 0; i < 2000 && sensor.use_count() > 1; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        waitForRelease(sensor); // so that pump threads stay within bound
         const auto failure = sensor->lastFailure();
         classify(end, failure ? failure->reason : "the address it resolved to is neither IPv4 nor IPv6",
                  result);

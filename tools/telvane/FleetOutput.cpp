@@ -65,12 +65,7 @@ private:
             out.append(line);
         } else {
             const TelvaneTranscriptPiece piece = telvaneMarkTranscriptPiece(line);
-            if (colour_ && piece.redLength > 0)
-                out += piece.text.substr(0, piece.redStart) + "\033[31m" +
-                       piece.text.substr(piece.redStart, piece.redLength) + "\033[0m" +
-                       piece.text.substr(piece.redStart + piece.redLength);
-            else
-                out += piece.text;
+            out += colour_ ? paintedRed(piece.text, piece.redStart, piece.redLength) : piece.text;
         }
         console_.out(out);
     }
@@ -84,13 +79,21 @@ private:
 class FileOutput : public HostOutput
 {
 public:
-    explicit FileOutput(int fd) : fd_(fd) {}
+    FileOutput(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
     ~FileOutput() override { ::close(fd_); }
-    void write(std::string_view data) override { writeAll(fd_, data.data(), data.size()); }
+    void write(std::string_view data) override
+    {
+        errno = 0;
+        if (!failure_ && !writeAll(fd_, data.data(), data.size()))
+            failure_ = "cannot write " + path_ + ": " + std::strerror(errno ? errno : EIO);
+    }
     void finish(const FleetHost &, const HostResult &) override {}
+    std::optional<std::string> failure() const override { return failure_; }
 
 private:
     const int fd_;
+    const std::string path_;
+    std::optional<std::string> failure_; // the first write that failed; the rest of the output is dropped
 };
 
 std::string iso8601(std::chrono::system_clock::time_point when)
@@ -159,7 +162,8 @@ public:
         } catch (const nlohmann::json::type_error &) { // not valid UTF-8
             record["output"] = base64(output_);
             record["encoding"] = "base64";
-            line = record.dump();
+            // A host or label given in another encoding is shown with U+FFFD rather than ending the run.
+            line = record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
         }
         console_.out(line + "\n");
         output_.clear();
@@ -203,7 +207,7 @@ void Console::progress(const std::string &text)
     if (!terminal_)
         return;
     std::lock_guard lock(mutex_);
-    if (held_)
+    if (holds_ > 0)
         return;
     writeAll(STDERR_FILENO, "\r\033[K" + text);
     shown_ = true;
@@ -213,7 +217,7 @@ void Console::holdProgress(bool held)
 {
     std::lock_guard lock(mutex_);
     clearLocked();
-    held_ = held;
+    holds_ += held ? 1 : -1;
 }
 
 void Console::clearProgress()
@@ -251,7 +255,7 @@ std::unique_ptr<HostOutput> openHostOutput(OutputMode mode, const FleetHost &hos
         error = "cannot write " + path + ": " + std::strerror(errno);
         return nullptr;
     }
-    return std::make_unique<FileOutput>(fd);
+    return std::make_unique<FileOutput>(fd, path);
 }
 
 std::string describe(const HostResult &result)

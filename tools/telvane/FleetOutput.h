@@ -8,6 +8,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -33,7 +34,8 @@ public:
     /// Redraws the progress line; only when standard error is a terminal and no question is on it.
     void progress(const std::string &text);
     void clearProgress();
-    /// While @p held, the progress line is erased and not drawn, so that a question on the terminal stays.
+    /// While held, the progress line is erased and not drawn, so that a question on the terminal stays.
+    /// Holds from several threads nest: the line returns once each is released.
     void holdProgress(bool held);
     /// True once standard output could not be written: its reader went away.
     bool broken() const { return broken_; }
@@ -43,7 +45,7 @@ private:
     std::mutex mutex_;
     const bool terminal_;
     bool shown_ = false; // guarded by mutex_
-    bool held_ = false;  // guarded by mutex_
+    int holds_ = 0;      // guarded by mutex_
     std::atomic<bool> broken_{false};
 };
 
@@ -55,6 +57,8 @@ public:
     virtual void write(std::string_view data) = 0;
     /// The end of the host's output; JSON writes its whole record here.
     virtual void finish(const FleetHost &host, const HostResult &result) = 0;
+    /// Why the output could not be kept, when it could not (a file on a full disk).
+    virtual std::optional<std::string> failure() const { return std::nullopt; }
 };
 
 enum class OutputMode { Plain, Prefix, Directory, Json };

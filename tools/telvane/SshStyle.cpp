@@ -10,6 +10,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -19,12 +20,18 @@ std::string lowered(std::string text)
     return text;
 }
 
+// As the library finds it: a relative $HOME would name a file below the working directory.
 std::string homeDirectory()
 {
-    if (const char *home = std::getenv("HOME"); home && *home)
+    if (const char *home = std::getenv("HOME"); home && *home == '/')
         return home;
-    const passwd *entry = ::getpwuid(::getuid());
-    return entry ? entry->pw_dir : "";
+    std::vector<char> buffer(16384);
+    passwd entry{};
+    passwd *found = nullptr;
+    if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
+        found->pw_dir && *found->pw_dir == '/')
+        return found->pw_dir;
+    return {};
 }
 
 struct SessionFree
@@ -45,15 +52,17 @@ std::optional<std::string> sessionOption(ssh_session session, ssh_options_e type
 
 } // namespace
 
-bool settleHostSpec(Options &options, bool portGiven, std::string &error)
+bool settleHostSpec(Options &options, bool &portGiven, std::string &error)
 {
-    auto parsed = parseHostSpec(options.host, options.port, error);
+    auto parsed = parseHostSpec(options.host, 0, error); // 0: no port written in the host
     if (!parsed)
         return false;
     if (!options.user)
         options.user = parsed->user;
-    if (!portGiven)
+    if (!portGiven && parsed->port != 0) {
         options.port = parsed->port;
+        portGiven = true; // so that ~/.ssh/config's Port (or libssh's 22) does not override it
+    }
     options.host = parsed->host;
     return true;
 }
@@ -88,7 +97,10 @@ bool applySshOptions(const std::vector<std::string> &given, Options &options, st
 
 void applySshConfig(Options &options, bool portGiven)
 {
-    const std::string path = homeDirectory() + "/.ssh/config";
+    const std::string home = homeDirectory();
+    if (home.empty())
+        return; // no home: no config, rather than "/.ssh/config"
+    const std::string path = home + "/.ssh/config";
     struct stat st
     {
     };

@@ -6,8 +6,9 @@
 #include <string>
 
 /// Splits USER@HOST (and HOST:PORT, [IPV6]:PORT) in options.host; -l wins over the USER written there, and
-/// -p over the PORT. False, with @p error, when the host is not one of those forms.
-bool settleHostSpec(Options &options, bool portGiven, std::string &error);
+/// -p over the PORT; a PORT written there sets @p portGiven. False, with @p error, when the host is not one
+/// of those forms.
+bool settleHostSpec(Options &options, bool &portGiven, std::string &error);
 
 /// Reads each -o KEY=VALUE (or "KEY VALUE"); StrictHostKeyChecking and UserKnownHostsFile are understood.
 bool applySshOptions(const std::vector<std::string> &given, Options &options, std::string &error);

@@ -34,6 +34,9 @@ std::optional<std::string> TtyPrompt::ask(const std::string &prompt, bool hidden
 {
     if (tty_ < 0)
         return std::nullopt;
+    // One question at a time: hosts of a fleet run may ask at once, and their prompts and answers (and the
+    // terminal's echo setting) must not interleave.
+    std::lock_guard lock(mutex_);
     termios saved{};
     const bool restore = hidden && ::tcgetattr(tty_, &saved) == 0;
     if (restore) {
@@ -113,6 +116,20 @@ bool colourWanted(int fd)
 {
     const char *noColour = std::getenv("NO_COLOR");
     return ::isatty(fd) && !(noColour && *noColour);
+}
+
+bool colourChosen(const std::string &when, int fd)
+{
+    return when == "always" || (when == "auto" && colourWanted(fd));
+}
+
+std::string paintedRed(std::string_view text, std::size_t start, std::size_t length)
+{
+    if (length == 0)
+        return std::string(text);
+    std::string out(text.substr(0, start));
+    out.append("\033[31m").append(text.substr(start, length)).append("\033[0m");
+    return out.append(text.substr(start + length));
 }
 
 bool writeAll(int fd, const char *data, std::size_t size)

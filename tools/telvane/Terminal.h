@@ -5,10 +5,12 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 /// Asks questions on the controlling terminal, so that answers never mix with the script's output.
-/// cancel() from any thread ends a question that is waiting, and every later one.
+/// cancel() from any thread ends a question that is waiting, and every later one. Questions from several
+/// threads are asked one after another.
 class TtyPrompt
 {
 public:
@@ -25,7 +27,8 @@ public:
 
 private:
     int tty_ = -1;
-    int cancel_ = -1; // eventfd, readable once cancelled
+    int cancel_ = -1;  // eventfd, readable once cancelled
+    std::mutex mutex_; // held for the whole of a question
 };
 
 /// A small "connecting" indicator on standard error while nothing else is shown; only on a terminal.
@@ -48,6 +51,10 @@ private:
 
 /// True when @p fd is a terminal and NO_COLOR is not set.
 bool colourWanted(int fd);
+/// What --color=@p when (auto, always or never) means for @p fd.
+bool colourChosen(const std::string &when, int fd);
+/// @p text with its @p length bytes from @p start in red (as it is when @p length is 0).
+std::string paintedRed(std::string_view text, std::size_t start, std::size_t length);
 /// Writes all of @p data to @p fd; false when the reader went away.
 bool writeAll(int fd, const char *data, std::size_t size);
 inline bool writeAll(int fd, const std::string &s)

@@ -128,18 +128,22 @@ bool isComment(std::string_view line)
 bool reviewLines(std::string_view text, const std::string &name, std::vector<std::string> &warnings)
 {
     bool anyRuns = false;
-    std::size_t number = 0;
+    // Lines end at carriage returns too, as they do for the sending; numbers count line feeds only, as an
+    // editor shows them (a CRLF file keeps its numbers).
+    std::size_t number = 1, warned = 0;
     for (std::size_t pos = 0; pos < text.size();) {
-        const std::size_t end = std::min(text.find('\n', pos), text.size());
+        const std::size_t end = std::min(text.find_first_of("\n\r", pos), text.size());
         const std::string_view line = text.substr(pos, end - pos);
-        pos = end + 1;
-        ++number;
         if (line.find('#') == std::string_view::npos) {
             anyRuns = anyRuns || !isBlank(line);
-        } else if (!isComment(line)) {
+        } else if (!isComment(line) && warned != number) {
             warnings.push_back(name + " line " + std::to_string(number) +
                                " holds \"#\", so the whole line is removed before sending");
+            warned = number;
         }
+        if (end < text.size() && text[end] == '\n')
+            ++number;
+        pos = end + 1;
     }
     return anyRuns;
 }
