@@ -59,8 +59,8 @@ public:
     /// Sets the preset password; std::nullopt takes it away.
     void setPassword(std::optional<QString> password);
 
-    /// Adds @p text to the transcript, its first span between asterisks in red. Any thread; returns at once,
-    /// and the text appears once the GUI thread gets to it.
+    /// Adds @p text to the transcript, its first span between asterisks in red. GUI thread only; returns at
+    /// once, and the text appears once the event loop gets to it.
     void appendOutput(const QString &text);
 
     /// The size the panel had at its last layout; at first the size it was designed with.
