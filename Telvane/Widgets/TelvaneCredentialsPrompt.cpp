@@ -6,7 +6,6 @@
 
 #include <Telvane/Telvane.h>
 
-#include <QtWidgets/QApplication>
 #include <QtWidgets/QCheckBox>
 #include <QtWidgets/QDialog>
 #include <QtWidgets/QDialogButtonBox>
