@@ -6,7 +6,6 @@
 
 #include <Telvane/Telvane.h>
 
-#include <QtWidgets/QApplication>
 #include <QtWidgets/QCheckBox>
 #include <QtWidgets/QDialog>
 #include <QtWidgets/QDialogButtonBox>
@@ -51,10 +50,8 @@ public:
     explicit CredentialsDialog(const QString &sensorName)
     {
         setObjectName(QStringLiteral("TelvaneCredentialsDialog"));
-        // The key carries the alert's "%@" placeholder; translations keep it.
-        const QString message =
-            TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Authentication required for %@"))
-                .replace(QLatin1String("%@"), sensorName);
+        const QString message = TelvaneWidgets::localizedWith(
+            QT_TRANSLATE_NOOP("Localizable", "Authentication required for %@"), sensorName);
         setWindowTitle(message);
         setWindowModality(Qt::ApplicationModal);
 

@@ -9,6 +9,7 @@
 #include <Telvane/Telvane.h>
 
 #include <QtCore/QFile>
+#include <QtCore/QStringDecoder>
 #include <QtGui/QClipboard>
 #include <QtGui/QFontDatabase>
 #include <QtGui/QGuiApplication>
@@ -21,6 +22,7 @@
 #include <QtGui/QTextFrame>
 #include <QtWidgets/QScrollBar>
 
+using TelvaneWidgets::localized;
 using TelvaneWidgets::MarkedPiece;
 using TelvaneWidgets::markPiece;
 
@@ -33,12 +35,6 @@ QString readScript(const QString &path)
     if (!file.open(QIODevice::ReadOnly))
         return {};
     return TelvaneWidgets::scriptText(file.readAll()).value_or(QString());
-}
-
-/// A text of the transcript's vocabulary in the user's language.
-QString word(const char *key)
-{
-    return TelvaneWidgets::localized(key);
 }
 
 } // namespace
@@ -68,8 +64,10 @@ public:
     Ui::TelvaneDiagnosticsView ui;
     std::optional<QString> username;
     std::optional<QString> password;
-    bool notifiedRunning = false;          // the value runningChanged last told
-    TelvaneWidgets::OutputDecoder decoder; // the script's output, across chunks
+    bool notifiedRunning = false; // the value runningChanged last told
+    // The script's output, across chunks: a character split between two comes out whole with the second; an
+    // invalid byte shows as U+FFFD, so that the output is seen rather than dropped.
+    QStringDecoder decoder{QStringDecoder::Utf8};
     QSize preferredSize;
 };
 
@@ -77,14 +75,14 @@ void TelvaneDiagnosticsView::Private::listen()
 {
     using namespace TelvaneTranscript;
     connect(&runner, &TelvaneSensorRunner::started, q, [this] {
-        decoder.reset();
-        render(word(ok));
+        decoder.resetState(); // a character the previous run left unfinished
+        render(localized(ok));
     });
     connect(&runner, &TelvaneSensorRunner::outputReceived, q,
-            [this](const QByteArray &chunk) { render(decoder.decode(chunk)); });
+            [this](const QByteArray &chunk) { render(decoder(chunk)); });
     connect(&runner, &TelvaneSensorRunner::finished, q, [this](long status) {
-        finish(QString::fromStdString(closingLine(status, word(completed).toStdString(),
-                                                  word(terminatedWithErrorFormat).toStdString())));
+        finish(QString::fromStdString(closingLine(status, localized(completed).toStdString(),
+                                                  localized(terminatedWithErrorFormat).toStdString())));
     });
     connect(&runner, &TelvaneSensorRunner::failed, q, [this](long code) { fail(code); });
     connect(&runner, &TelvaneSensorRunner::credentialsRequested, q, [this] { answerCredentials(); });
@@ -103,8 +101,8 @@ void TelvaneDiagnosticsView::Private::fail(long code)
 {
     // The marker completes the connecting line; the run is reported as completed all the same.
     if (const char *marker = TelvaneTranscript::markerForError(code))
-        render(word(marker));
-    finish(word(TelvaneTranscript::completed));
+        render(localized(marker));
+    finish(localized(TelvaneTranscript::completed));
 }
 
 void TelvaneDiagnosticsView::Private::finish(const QString &closing)
@@ -176,7 +174,6 @@ TelvaneDiagnosticsView::TelvaneDiagnosticsView(std::shared_ptr<Telvane> sensor, 
       d((TelvaneWidgets::installTranslator(), std::make_unique<Private>(this, std::move(sensor), script)))
 {
     d->ui.setupUi(this);
-    using TelvaneWidgets::localized;
     d->ui.runAgainButton->setText(localized(QT_TRANSLATE_NOOP("Localizable", "Run Again")));
     d->ui.closeButton->setText(localized(QT_TRANSLATE_NOOP("Localizable", "Close")));
     d->ui.copyToClipboardButton->setText(localized(QT_TRANSLATE_NOOP("Localizable", "Copy to Clipboard")));
@@ -267,8 +264,8 @@ void TelvaneDiagnosticsView::viewWillAppear()
 {
     const std::shared_ptr<Telvane> sensor = d->runner.sensor();
     const QString name = sensor ? QString::fromStdString(sensor->name()) : QString();
-    d->ui.label->setText(TelvaneWidgets::localized(QT_TRANSLATE_NOOP("Localizable", "Run diagnostics on %@:"))
-                             .replace(QLatin1String("%@"), name));
+    d->ui.label->setText(
+        TelvaneWidgets::localizedWith(QT_TRANSLATE_NOOP("Localizable", "Run diagnostics on %@:"), name));
     onRunAgain();
 }
 
@@ -293,8 +290,9 @@ void TelvaneDiagnosticsView::onRunAgain()
     d->applyInset();
     d->startIndicator();
     if (const std::shared_ptr<Telvane> sensor = d->runner.sensor())
-        d->render(QString::fromStdString(TelvaneTranscript::connectingLine(
-            word(TelvaneTranscript::connectingFormat).toStdString(), sensor->hostname(), sensor->port())));
+        d->render(QString::fromStdString(
+            TelvaneTranscript::connectingLine(localized(TelvaneTranscript::connectingFormat).toStdString(),
+                                              sensor->hostname(), sensor->port())));
     d->runner.start(readScript(d->script)); // running from here on
     d->notifyRunning();
 }

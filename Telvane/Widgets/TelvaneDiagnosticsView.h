@@ -26,8 +26,9 @@ class TELVANE_WIDGETS_EXPORT TelvaneDiagnosticsView : public QWidget
     Q_PROPERTY(bool running READ running NOTIFY runningChanged)
 
 public:
-    /// @p script is the path of the diagnostics script file, read anew at every run. It must be plain ASCII;
-    /// a file that is missing or is not leaves the run without a script, and so without an end.
+    /// @p script is the path of the diagnostics script file, read anew at every run. It must be UTF-8 text
+    /// without NUL bytes; a file that is missing or is not leaves the run without a script, and so without
+    /// an end.
     TelvaneDiagnosticsView(std::shared_ptr<Telvane> sensor, const QString &script, QWidget *parent = nullptr);
     ~TelvaneDiagnosticsView() override;
 
@@ -58,8 +59,8 @@ public:
     /// Sets the preset password; std::nullopt takes it away.
     void setPassword(std::optional<QString> password);
 
-    /// Adds @p text to the transcript, its first span between asterisks in red. Any thread; returns at once,
-    /// and the text appears once the GUI thread gets to it.
+    /// Adds @p text to the transcript, its first span between asterisks in red. GUI thread only; returns at
+    /// once, and the text appears once the event loop gets to it.
     void appendOutput(const QString &text);
 
     /// The size the panel had at its last layout; at first the size it was designed with.

@@ -14,12 +14,6 @@ namespace {
 constexpr int acceptAnswer = 1000;
 constexpr int refuseAnswer = 1001;
 
-/// The text of @p key with its "%@" placeholder replaced by @p value; translations keep the placeholder.
-QString localizedWith(const char *key, const QString &value)
-{
-    return TelvaneWidgets::localized(key).replace(QLatin1String("%@"), value);
-}
-
 /// The command that removes the known entry, quoted for a shell as the log's hint is.
 QString resetCommand(const TelvaneHostKey &key)
 {
@@ -69,7 +63,7 @@ private:
 
     void showUnknown(const QString &host)
     {
-        ui.messageLabel->setText(localizedWith(
+        ui.messageLabel->setText(TelvaneWidgets::localizedWith(
             QT_TRANSLATE_NOOP("Localizable", "The authenticity of host %@ can't be established."), host));
         ui.informativeLabel->setText(TelvaneWidgets::localized(QT_TRANSLATE_NOOP(
             "Localizable", "Its key is not known yet. Compare the fingerprint with the one the host's "
@@ -87,7 +81,7 @@ private:
 
     void showChanged(const QString &host, const TelvaneHostKey &key)
     {
-        ui.messageLabel->setText(localizedWith(
+        ui.messageLabel->setText(TelvaneWidgets::localizedWith(
             QT_TRANSLATE_NOOP("Localizable", "WARNING: The host key of %@ has changed!"), host));
         ui.informativeLabel->setText(TelvaneWidgets::localized(QT_TRANSLATE_NOOP(
             "Localizable", "Someone could be eavesdropping on you right now (a man-in-the-middle attack), or "

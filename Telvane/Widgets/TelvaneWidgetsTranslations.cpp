@@ -45,4 +45,9 @@ QString localized(const char *key)
     return QCoreApplication::translate("Localizable", key);
 }
 
+QString localizedWith(const char *key, const QString &value)
+{
+    return localized(key).replace(QLatin1String("%@"), value);
+}
+
 } // namespace TelvaneWidgets

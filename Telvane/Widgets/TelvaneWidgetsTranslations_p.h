@@ -19,4 +19,7 @@ bool loadTranslation(QTranslator &translator, const QLocale &locale);
 /// The text of @p key in the "Localizable" table, or the key itself.
 QString localized(const char *key);
 
+/// The text of @p key with its "%@" placeholder replaced by @p value; translations keep the placeholder.
+QString localizedWith(const char *key, const QString &value);
+
 } // namespace TelvaneWidgets

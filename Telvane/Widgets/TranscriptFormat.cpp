@@ -2,6 +2,8 @@
 
 #include <Telvane/TelvaneTranscript.h>
 
+#include <QtCore/QStringDecoder>
+
 #include <string>
 
 namespace TelvaneWidgets {

@@ -319,13 +319,19 @@ private Q_SLOTS:
     // The desktop host: bad input ends it at once; a quit while a run goes on ends it promptly and cleanly.
     void host()
     {
-        auto run =
-            telvane::test::runProcess({TELVANE_DIAGNOSTICS_HOST, "127.0.0.1", "/nonexistent/script.sh"});
-        QCOMPARE(run.status, 2);
-        QVERIFY2(run.err.find("cannot read the script") != std::string::npos, run.err.c_str());
+        QTemporaryDir directory;
+        QFile latin1(directory.filePath("latin1.sh")); // no UTF-8
+        QVERIFY(latin1.open(QIODevice::WriteOnly) && latin1.write("echo gr\xfc\xdf\n") > 0 && latin1.flush());
+        telvane::test::ProcessResult run;
+        for (const auto &[path, message] :
+             {std::pair{std::string("/nonexistent/script.sh"), "cannot read the script"},
+              std::pair{latin1.fileName().toStdString(), "is not UTF-8 text; nothing was sent"}}) {
+            run = telvane::test::runProcess({TELVANE_DIAGNOSTICS_HOST, "127.0.0.1", path});
+            QCOMPARE(run.status, 2);
+            QVERIFY2(run.err.find(message) != std::string::npos, run.err.c_str());
+        }
 
         REQUIRE_SSHD();
-        QTemporaryDir directory;
         const QString started = directory.filePath("started");
         QFile::setPermissions(directory.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
                                                     QFile::WriteOther | QFile::ExeOther);

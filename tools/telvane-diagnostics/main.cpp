@@ -141,8 +141,9 @@ std::optional<Sensor> sensorFromArguments(const QCommandLineParser &parser, QStr
         error = QStringLiteral("the script %1 is empty; nothing to run").arg(sensor.script);
         return std::nullopt;
     }
-    if (QStringDecoder decoder(QStringDecoder::Utf8);
-        (void)decoder(text), decoder.hasError() || text.contains('\0')) {
+    // Decoded into a string: the decoder's result is lazy, and only the conversion sets its error flag.
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    if (const QString decoded = decoder(text); decoder.hasError() || decoded.contains(QChar(0))) {
         error = QStringLiteral("the script %1 is not UTF-8 text; nothing was sent").arg(sensor.script);
         return std::nullopt;
     }
