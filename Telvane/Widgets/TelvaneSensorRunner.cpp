@@ -354,7 +354,8 @@ void TelvaneSensorRunner::start(const QString &script, std::optional<TelvaneArgu
             sensor->runScript(text, arguments);
         });
     if (!started)
-        d->link->end(RunEvent(RunEvent::Failed, TelvaneErrorConnection));
+        d->link->end(
+            RunEvent(RunEvent::Failed, TelvaneErrorConnection, "no thread could be started for the run"));
 }
 
 bool TelvaneSensorRunner::isRunning() const
