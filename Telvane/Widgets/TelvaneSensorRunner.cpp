@@ -9,12 +9,10 @@
 #include <QtCore/QMetaMethod>
 #include <QtCore/QPointer>
 
-#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <vector>
 
@@ -82,7 +80,7 @@ public:
         relay_ = nullptr;
         pending_.clear();
         deferred_.clear();
-        endsBeforeStart_.clear();
+        endsAhead_.clear();
         declineAllLocked();
     }
 
@@ -133,14 +131,12 @@ public:
         {
             std::lock_guard lock(mutex_);
             ++readers_;
+            ++starts_;
             postLocked(RunEvent::Started);
-            started_.push_back(output.get());
-            if (started_.size() > 8)
-                started_.pop_front();
-            // The pump may have reported the end before this start reached us: it follows the output now.
-            if (const auto early = endsBeforeStart_.find(output.get()); early != endsBeforeStart_.end()) {
-                deferred_.push_back(std::move(early->second));
-                endsBeforeStart_.erase(early);
+            // This run's pump may have reported its end already: it follows this run's output now.
+            if (!endsAhead_.empty()) {
+                deferred_.push_back(std::move(endsAhead_.front()));
+                endsAhead_.erase(endsAhead_.begin());
             }
         }
         const bool reading = TelvaneWidgets::startBackgroundThread(
@@ -151,25 +147,28 @@ public:
         }
     }
 
-    // Sent by the pump, which starts before the start is sent: a short script can end first.
-    void sensorScriptDidTerminate(Telvane &sensor, long status) override
+    void sensorScriptDidTerminate(Telvane &, long status) override
     {
-        const auto pipe = sensor.pipe();
-        const auto output = pipe ? pipe->fileHandleForReading() : nullptr;
-        {
-            std::lock_guard lock(mutex_);
-            if (output && std::find(started_.begin(), started_.end(), output.get()) == started_.end()) {
-                running.store(false);
-                endsBeforeStart_.emplace(output.get(), RunEvent(RunEvent::Finished, status));
-                return;
-            }
-        }
-        end(RunEvent(RunEvent::Finished, status));
+        endOfPump(RunEvent(RunEvent::Finished, status));
     }
 
+    // On the thread that connects, a failure ends a run that never started; on a pump's, a run that did.
     void sensorDidFailWithError(Telvane &sensor, long code) override
     {
-        end(RunEvent(RunEvent::Failed, code, failureReason(sensor, code)));
+        RunEvent event(RunEvent::Failed, code, failureReason(sensor, code));
+        connectingHere ? end(std::move(event)) : endOfPump(std::move(event));
+    }
+
+    /// Brackets a runScript call on its thread.
+    void connecting(bool begins)
+    {
+        connectingHere = begins;
+        std::lock_guard lock(mutex_);
+        connecting_ += begins ? 1 : -1;
+        // A start always comes before runScript returns; an end still held now has none to wait for.
+        if (!begins && connecting_ == 0)
+            for (auto &event : std::exchange(endsAhead_, {}))
+                readers_ > 0 ? deferred_.push_back(std::move(event)) : postLocked(std::move(event));
     }
 
     // A key never seen is the policy's to judge; a changed one is the user's.
@@ -258,14 +257,31 @@ private:
     std::mutex mutex_;
     std::condition_variable answered_; // a waiting request was answered
     RunnerRelay *relay_ = nullptr;     // guarded by mutex_; set and cleared on the runner's thread
-    std::deque<RunEvent> pending_;     // guarded by mutex_: what waits for the runner's thread, in order
-    bool drainPosted_ = false;         // guarded by mutex_
-    int readers_ = 0;                  // guarded by mutex_: output readers not yet at the end
-    std::vector<RunEvent> deferred_;   // guarded by mutex_: end reports waiting for the readers
-    // Guarded by mutex_: the outputs whose start was posted (the last few runs, by identity only), and ends
-    // that came first.
-    std::deque<const TelvaneFileHandle *> started_;
-    std::map<const TelvaneFileHandle *, RunEvent> endsBeforeStart_;
+    // The pump starts before the connecting thread sends the start, so a short script's end can come first.
+    // The reports do not say which run they end, so runs are counted: a pump's end with no start left to
+    // match, while a run is still connecting, waits for that run's start.
+    void endOfPump(RunEvent event)
+    {
+        {
+            std::lock_guard lock(mutex_);
+            if (pumpEnds_++ >= starts_ && connecting_ > 0) {
+                running.store(false);
+                endsAhead_.push_back(std::move(event));
+                return;
+            }
+        }
+        end(std::move(event));
+    }
+
+    static inline thread_local bool connectingHere = false;
+    std::deque<RunEvent> pending_;    // guarded by mutex_: what waits for the runner's thread, in order
+    bool drainPosted_ = false;        // guarded by mutex_
+    int readers_ = 0;                 // guarded by mutex_: output readers not yet at the end
+    std::vector<RunEvent> deferred_;  // guarded by mutex_: end reports waiting for the readers
+    long starts_ = 0;                 // guarded by mutex_: runs whose start came
+    long pumpEnds_ = 0;               // guarded by mutex_: runs whose pump ended
+    int connecting_ = 0;              // guarded by mutex_: runScript calls under way
+    std::vector<RunEvent> endsAhead_; // guarded by mutex_: pump ends that came before their start
     std::deque<std::shared_ptr<CredentialsRequest>> waiting_; // guarded by mutex_, oldest first
 };
 
@@ -350,8 +366,10 @@ void TelvaneSensorRunner::start(const QString &script, std::optional<TelvaneArgu
     if (!script.isNull())
         text = script.toStdString();
     const bool started = TelvaneWidgets::startBackgroundThread(
-        [sensor = d->sensor, text = std::move(text), arguments = std::move(arguments)] {
+        [sensor = d->sensor, link = d->link, text = std::move(text), arguments = std::move(arguments)] {
+            link->connecting(true);
             sensor->runScript(text, arguments);
+            link->connecting(false);
         });
     if (!started)
         d->link->end(
