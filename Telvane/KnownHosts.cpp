@@ -32,9 +32,11 @@ std::optional<KnownHostsLine> findContradictedEntry(const std::string &file, con
                                                     ssh_key serverKey)
 {
     // libssh reports no line numbers, so each line goes through its own parser again, which matches plain
-    // and hashed host names alike.
+    // and hashed host names alike. An entry of the server key's own type is the one it contradicts, as ssh
+    // names it; else any other key of the host.
     std::ifstream in(file);
     long number = 0;
+    std::optional<KnownHostsLine> otherType;
     for (std::string line; std::getline(in, line);) {
         ++number;
         const auto first = line.find_first_not_of(" \t");
@@ -44,10 +46,14 @@ std::optional<KnownHostsLine> findContradictedEntry(const std::string &file, con
         if (ssh_known_hosts_parse_line(name.c_str(), line.c_str() + first, &parsed.entry) != SSH_OK ||
             !parsed.entry || !parsed.entry->publickey)
             continue;
-        if (ssh_key_cmp(parsed.entry->publickey, serverKey, SSH_KEY_CMP_PUBLIC) != 0)
+        if (ssh_key_cmp(parsed.entry->publickey, serverKey, SSH_KEY_CMP_PUBLIC) == 0)
+            continue;
+        if (ssh_key_type(parsed.entry->publickey) == ssh_key_type(serverKey))
             return KnownHostsLine{file, number};
+        if (!otherType)
+            otherType = KnownHostsLine{file, number};
     }
-    return std::nullopt;
+    return otherType;
 }
 
 } // namespace telvane
