@@ -156,13 +156,18 @@ TEST_F(Fleet, OneQuestionOnTheTerminalServesEveryHostAndRememberKeepsEach)
 
 TEST_F(Fleet, InterruptStopsEveryRunAtOnceAndSummarisesWhatFinished)
 {
-    for (const int signal : {SIGINT, SIGTERM}) {
+    const std::pair<int, std::chrono::seconds> rows[] = {
+        {SIGINT, {}}, {SIGTERM, {}}, {SIGTERM, std::chrono::seconds(30)}};
+    for (const auto &[signal, readDelay] : rows) {
         const auto result =
-            run({good[0], good[1], closed}, "echo started; exec sleep 30\n", {"--parallel", "2"},
-                {.interruptAfter = std::chrono::milliseconds(1500), .interruptSignal = signal});
+            run({good[0], good[1], closed},
+                readDelay.count() ? "exec yes flood\n" : "echo started; exec sleep 30\n", {"--parallel", "2"},
+                {.interruptAfter = std::chrono::milliseconds(1500),
+                 .interruptSignal = signal,
+                 .readDelay = readDelay});
         EXPECT_EQ(128 + signal, result.status) << result.err;
         EXPECT_LT(result.seconds, 2.5) << "the stop took too long";
-        EXPECT_EQ(2u, occurrences(result.out, ": started\n")) << result.out;
+        EXPECT_EQ(readDelay.count() ? 0u : 2u, occurrences(result.out, ": started\n")) << result.out;
         EXPECT_EQ(2u, occurrences(result.err, ": stopped (")) << result.err;
         EXPECT_NE(std::string::npos, result.err.find("3 stopped or not started")) << result.err;
         EXPECT_NE(std::string::npos, result.err.find("telvane: interrupted")) << result.err;

@@ -129,20 +129,6 @@ void copyOutput(TelvaneFileHandle &output, Telvane &sensor, OutputWriter &out, T
     }
 }
 
-// The status of a run whose output could not be written, or nothing when it was.
-std::optional<int> outputFailure(const OutputWriter &out)
-{
-    switch (out.state()) {
-    case OutputWriter::State::ReaderGone:
-        return ExitReaderGone; // quietly, as `| head` expects
-    case OutputWriter::State::Failed:
-        std::fprintf(stderr, "telvane: cannot write to standard output: %s\n", out.error().c_str());
-        return ExitOutputFailed;
-    default:
-        return std::nullopt;
-    }
-}
-
 // The keyring as the run sees it when the command line names both username and password: those win, so the
 // stored pair of the host is neither read nor, when the given ones are refused, deleted. Keeping a pair
 // (--remember) still reaches the keyring.

@@ -14,7 +14,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <csignal>
 #include <filesystem>
 #include <thread>
 #include <unistd.h>
@@ -146,8 +145,8 @@ public:
             console_.err("telvane: interrupted\n");
             return 128 + signal;
         }
-        if (readerGone_)
-            return 128 + SIGPIPE;
+        if (const auto status = outputFailure(console_.output()))
+            return *status;
         return exitStatus();
     }
 
@@ -163,6 +162,9 @@ private:
 
     void stop()
     {
+        // First, and without our lock: a worker may wait on a reader that does not read, holding the
+        // console, which the main thread may wait for while it holds our lock to draw the progress.
+        console_.cancel();
         std::lock_guard lock(mutex_);
         stopping_ = true;
         prompt_.cancel(); // a question holds its host's connection attempt; end it first
@@ -184,10 +186,9 @@ private:
         std::unique_lock lock(mutex_);
         while (finishedWorkers_ < workers) {
             changed_.wait_for(lock, std::chrono::milliseconds(250));
-            if (console_.broken() && !stopping_) { // nobody reads the output any more: end every run
+            // The output cannot be written any more (its reader went away, the disk is full): end every run.
+            if (console_.output().state() != OutputWriter::State::Open)
                 stopping_ = true;
-                readerGone_ = true;
-            }
             if (stopping_)
                 stopActive();
             else
@@ -288,12 +289,13 @@ private:
 
     void classify(const std::optional<long> &end, const std::string &reason, HostResult &result)
     {
-        const bool stopped = stopping();
-        if (end && *end >= 0) {
+        // A stop reports nothing, a failed connection, or, while output flowed, a status that is not the
+        // script's own; so a stop wins over anything but a refused login.
+        if (stopping() && (!end || -*end != TelvaneErrorAuthentication)) {
+            result.end = HostResult::End::Stopped;
+        } else if (end && *end >= 0) {
             result.end = HostResult::End::Exited;
             result.status = *end;
-        } else if (stopped && (!end || -*end != TelvaneErrorAuthentication)) {
-            result.end = HostResult::End::Stopped; // a stop reports nothing, or a failed connection
         } else {
             // Without a report, only an address that cannot be used ended the run.
             result.end = HostResult::End::Failed;
@@ -370,7 +372,6 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     bool stopping_ = false;                        // guarded by mutex_
-    bool readerGone_ = false;                      // guarded by mutex_; read after the workers end
     std::vector<std::shared_ptr<Telvane>> active_; // one slot per worker, guarded by mutex_
     std::size_t finishedWorkers_ = 0;              // guarded by mutex_
     std::size_t done_ = 0;                         // guarded by mutex_
