@@ -37,6 +37,8 @@ protected:
 TEST_F(Fleet, PrefixedLinesSummaryAndTheExitStatusSayWhatHappened)
 {
     const std::string refused = "nobody@127.0.0.1:" + port; // not in AllowUsers: the password is refused
+    fs::create_directories(home / ".ssh");
+    write(".ssh/config", "Host cellar\n  HostName 127.0.0.1\n  Port " + port + "\n");
     const struct
     {
         std::vector<std::string> hosts;
@@ -65,6 +67,7 @@ TEST_F(Fleet, PrefixedLinesSummaryAndTheExitStatusSayWhatHappened)
          {closed + ": connection failed: connect to 127.0.0.1 port " + std::to_string(closedPort.port()) +
               ": Connection refused",
           refused + ": authentication failed: the server refused", "2 not reached or refused"}},
+        {{"cellar", good[0]}, "echo in", "run", 0, {"cellar: in"}, {"telvane: cellar: exited 0"}},
         // diagnose: each host's transcript, line by line, its marks taken out.
         {{good[0], closed},
          "echo '*hot*'\n",

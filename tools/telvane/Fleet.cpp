@@ -1,6 +1,7 @@
 #include "Fleet.h"
 
 #include "CliDelegate.h"
+#include "Commands.h"
 #include "FleetOutput.h"
 #include "HostList.h"
 #include "SignalWatcher.h"
@@ -248,8 +249,7 @@ private:
     void runSensor(const FleetHost &host, HostResult &result, HostOutput &output, std::size_t slot)
     {
         auto sensor = Telvane::create(host.label, host.label, host.host, host.port, options_.timeout);
-        sensor->setHostKeyPolicy(hostKeyPolicyFor(options_.strictHostKeyChecking));
-        sensor->setKnownHostsFile(options_.knownHostsFile.value_or(""));
+        configureSensor(*sensor, options_, host.connectHost, host.user ? host.user : options_.user);
         auto delegate = std::make_shared<FleetDelegate>(options_, prompt_, console_, login_, host.user);
         sensor->setDelegate(delegate);
         {
@@ -381,6 +381,22 @@ private:
 
 thread_local std::string FleetRun::currentHost_;
 
+// The host's alias in ~/.ssh/config, read as for a single host: its HostName is connected to, and its Port
+// and User apply unless written with the host or given by -p or -l. The host as written stays the label and
+// the key of its stored credentials.
+void applySshConfig(FleetHost &host, const Options &options, bool portGiven)
+{
+    Options alias;
+    alias.host = host.host;
+    alias.port = host.port != 0 ? host.port : options.port;
+    alias.user = host.user ? host.user : options.user;
+    applySshConfig(alias, portGiven || host.port != 0);
+    host.connectHost = alias.connectHost;
+    host.port = alias.port;
+    if (!options.user)
+        host.user = alias.user;
+}
+
 } // namespace
 
 void addFleetOptions(CLI::App &command, Options &options)
@@ -435,14 +451,17 @@ std::optional<std::string> settlePositionals(Options &options, bool hostGiven, b
     return std::nullopt;
 }
 
-int runFleet(const Options &options, const std::string &script, bool diagnose)
+int runFleet(const Options &options, const std::string &script, bool diagnose, bool portGiven)
 {
     std::string error;
-    auto hosts = collectHosts(options.hosts, options.hostsFile, options.port, error);
+    // Port 0: none written with the host, so that an alias's Port may apply.
+    auto hosts = collectHosts(options.hosts, options.hostsFile, portGiven ? options.port : 0, error);
     if (!hosts) {
         std::fprintf(stderr, "telvane: %s\n", error.c_str());
         return ExitUsage;
     }
+    for (auto &host : *hosts)
+        applySshConfig(host, options, portGiven);
     if (options.outputDir) {
         std::error_code failure;
         std::filesystem::create_directories(*options.outputDir, failure);

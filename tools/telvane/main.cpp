@@ -109,7 +109,7 @@ int runChecked(Options &options, const RawOptions &raw, const CLI::App &command,
     warn(warnings);
     warn(script->warnings);
     if (fleetRequested(options))
-        return runFleet(options, script->text, diagnose);
+        return runFleet(options, script->text, diagnose, command.count("--port") > 0);
     return runCommand(options, script->text, diagnose);
 }
 
