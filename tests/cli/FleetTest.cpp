@@ -37,6 +37,8 @@ protected:
 TEST_F(Fleet, PrefixedLinesSummaryAndTheExitStatusSayWhatHappened)
 {
     const std::string refused = "nobody@127.0.0.1:" + port; // not in AllowUsers: the password is refused
+    fs::create_directories(home / ".ssh");
+    write(".ssh/config", "Host cellar\n  HostName 127.0.0.1\n  Port " + port + "\n");
     const struct
     {
         std::vector<std::string> hosts;
@@ -65,6 +67,7 @@ TEST_F(Fleet, PrefixedLinesSummaryAndTheExitStatusSayWhatHappened)
          {closed + ": connection failed: connect to 127.0.0.1 port " + std::to_string(closedPort.port()) +
               ": Connection refused",
           refused + ": authentication failed: the server refused", "2 not reached or refused"}},
+        {{"cellar", good[0]}, "echo in", "run", 0, {"cellar: in"}, {"telvane: cellar: exited 0"}},
         // diagnose: each host's transcript, line by line, its marks taken out.
         {{good[0], closed},
          "echo '*hot*'\n",
@@ -156,13 +159,18 @@ TEST_F(Fleet, OneQuestionOnTheTerminalServesEveryHostAndRememberKeepsEach)
 
 TEST_F(Fleet, InterruptStopsEveryRunAtOnceAndSummarisesWhatFinished)
 {
-    for (const int signal : {SIGINT, SIGTERM}) {
+    const std::pair<int, std::chrono::seconds> rows[] = {
+        {SIGINT, {}}, {SIGTERM, {}}, {SIGTERM, std::chrono::seconds(30)}};
+    for (const auto &[signal, readDelay] : rows) {
         const auto result =
-            run({good[0], good[1], closed}, "echo started; exec sleep 30\n", {"--parallel", "2"},
-                {.interruptAfter = std::chrono::milliseconds(1500), .interruptSignal = signal});
+            run({good[0], good[1], closed},
+                readDelay.count() ? "exec yes flood\n" : "echo started; exec sleep 30\n", {"--parallel", "2"},
+                {.interruptAfter = std::chrono::milliseconds(1500),
+                 .interruptSignal = signal,
+                 .readDelay = readDelay});
         EXPECT_EQ(128 + signal, result.status) << result.err;
         EXPECT_LT(result.seconds, 2.5) << "the stop took too long";
-        EXPECT_EQ(2u, occurrences(result.out, ": started\n")) << result.out;
+        EXPECT_EQ(readDelay.count() ? 0u : 2u, occurrences(result.out, ": started\n")) << result.out;
         EXPECT_EQ(2u, occurrences(result.err, ": stopped (")) << result.err;
         EXPECT_NE(std::string::npos, result.err.find("3 stopped or not started")) << result.err;
         EXPECT_NE(std::string::npos, result.err.find("telvane: interrupted")) << result.err;

@@ -13,6 +13,8 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <mutex>
+#include <set>
 #include <unistd.h>
 #include <vector>
 
@@ -129,33 +131,35 @@ void copyOutput(TelvaneFileHandle &output, Telvane &sensor, OutputWriter &out, T
     }
 }
 
-// The status of a run whose output could not be written, or nothing when it was.
-std::optional<int> outputFailure(const OutputWriter &out)
-{
-    switch (out.state()) {
-    case OutputWriter::State::ReaderGone:
-        return ExitReaderGone; // quietly, as `| head` expects
-    case OutputWriter::State::Failed:
-        std::fprintf(stderr, "telvane: cannot write to standard output: %s\n", out.error().c_str());
-        return ExitOutputFailed;
-    default:
-        return std::nullopt;
-    }
-}
-
 // The keyring as the run sees it when the command line names both username and password: those win, so the
-// stored pair of the host is neither read nor, when the given ones are refused, deleted. Keeping a pair
-// (--remember) still reaches the keyring.
+// stored pair of a host they serve is neither read nor, when the given ones are refused, deleted. Keeping a
+// pair (--remember) still reaches the keyring. One wraps the process's keyring for every sensor of the run.
 class GivenCredentialsFirst : public TelvaneKeychainBackend
 {
 public:
-    GivenCredentialsFirst(std::shared_ptr<TelvaneKeychainBackend> keyring, std::string service)
-        : keyring_(std::move(keyring)), service_(std::move(service))
+    explicit GivenCredentialsFirst(std::shared_ptr<TelvaneKeychainBackend> keyring)
+        : keyring_(std::move(keyring))
     {}
+    /// Installs the one wrapper at the first call; any thread.
+    static GivenCredentialsFirst &installed()
+    {
+        static const auto wrapper = [] {
+            auto made = std::make_shared<GivenCredentialsFirst>(TelvaneKeychain::backend());
+            TelvaneKeychain::setBackend(made);
+            return made;
+        }();
+        return *wrapper;
+    }
+    void add(std::string service)
+    {
+        std::lock_guard lock(mutex_);
+        services_.insert(std::move(service));
+    }
+
     std::string name() const override { return keyring_->name(); }
     std::optional<std::vector<TelvaneKeychainAccount>> accountsForService(const std::string &service) override
     {
-        return service == service_ ? std::nullopt : keyring_->accountsForService(service);
+        return given(service) ? std::nullopt : keyring_->accountsForService(service);
     }
     std::optional<std::string> passwordForService(const std::string &service,
                                                   const std::string &account) override
@@ -169,28 +173,35 @@ public:
     }
     bool deletePasswordForService(const std::string &service, const std::string &account) override
     {
-        return service != service_ && keyring_->deletePasswordForService(service, account);
+        return !given(service) && keyring_->deletePasswordForService(service, account);
     }
 
 private:
-    std::shared_ptr<TelvaneKeychainBackend> keyring_;
-    std::string service_;
-};
+    bool given(const std::string &service) const
+    {
+        std::lock_guard lock(mutex_);
+        return services_.count(service) > 0;
+    }
 
-void configureSensor(Telvane &sensor, const Options &options)
-{
-    sensor.setConnectHostname(options.connectHost);
-    sensor.setHostKeyPolicy(hostKeyPolicyFor(options.strictHostKeyChecking));
-    sensor.setKnownHostsFile(options.knownHostsFile.value_or(""));
-    if (options.user && options.passwordFile)
-        TelvaneKeychain::setBackend(std::make_shared<GivenCredentialsFirst>(TelvaneKeychain::backend(),
-                                                                            sensor.serviceNameForSensor()));
-}
+    const std::shared_ptr<TelvaneKeychainBackend> keyring_;
+    mutable std::mutex mutex_;
+    std::set<std::string> services_; // guarded by mutex_
+};
 
 // ssh's three tries: a password typed on the terminal and refused is asked again.
 constexpr int kPasswordTries = 3;
 
 } // namespace
+
+void configureSensor(Telvane &sensor, const Options &options, const std::string &connectHost,
+                     const std::optional<std::string> &user)
+{
+    sensor.setConnectHostname(connectHost);
+    sensor.setHostKeyPolicy(hostKeyPolicyFor(options.strictHostKeyChecking));
+    sensor.setKnownHostsFile(options.knownHostsFile.value_or(""));
+    if (user && options.passwordFile)
+        GivenCredentialsFirst::installed().add(sensor.serviceNameForSensor());
+}
 
 int runCommand(const Options &options, const std::string &script, bool diagnose)
 {
@@ -199,7 +210,7 @@ int runCommand(const Options &options, const std::string &script, bool diagnose)
     OutputWriter out(STDOUT_FILENO);
     auto sensor = Telvane::create(options.host, options.name.value_or(options.host), options.host,
                                   options.port, options.timeout);
-    configureSensor(*sensor, options);
+    configureSensor(*sensor, options, options.connectHost, options.user);
     std::atomic<Progress *> progress{nullptr};
     // Before any thread starts, so that every thread inherits the blocked signals.
     SignalWatcher signals([&](int) {

@@ -1,6 +1,7 @@
 #include "Fleet.h"
 
 #include "CliDelegate.h"
+#include "Commands.h"
 #include "FleetOutput.h"
 #include "HostList.h"
 #include "SignalWatcher.h"
@@ -14,7 +15,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <csignal>
 #include <filesystem>
 #include <thread>
 #include <unistd.h>
@@ -146,8 +146,8 @@ public:
             console_.err("telvane: interrupted\n");
             return 128 + signal;
         }
-        if (readerGone_)
-            return 128 + SIGPIPE;
+        if (const auto status = outputFailure(console_.output()))
+            return *status;
         return exitStatus();
     }
 
@@ -163,6 +163,9 @@ private:
 
     void stop()
     {
+        // First, and without our lock: a worker may wait on a reader that does not read, holding the
+        // console, which the main thread may wait for while it holds our lock to draw the progress.
+        console_.cancel();
         std::lock_guard lock(mutex_);
         stopping_ = true;
         prompt_.cancel(); // a question holds its host's connection attempt; end it first
@@ -184,10 +187,9 @@ private:
         std::unique_lock lock(mutex_);
         while (finishedWorkers_ < workers) {
             changed_.wait_for(lock, std::chrono::milliseconds(250));
-            if (console_.broken() && !stopping_) { // nobody reads the output any more: end every run
+            // The output cannot be written any more (its reader went away, the disk is full): end every run.
+            if (console_.output().state() != OutputWriter::State::Open)
                 stopping_ = true;
-                readerGone_ = true;
-            }
             if (stopping_)
                 stopActive();
             else
@@ -247,8 +249,7 @@ private:
     void runSensor(const FleetHost &host, HostResult &result, HostOutput &output, std::size_t slot)
     {
         auto sensor = Telvane::create(host.label, host.label, host.host, host.port, options_.timeout);
-        sensor->setHostKeyPolicy(hostKeyPolicyFor(options_.strictHostKeyChecking));
-        sensor->setKnownHostsFile(options_.knownHostsFile.value_or(""));
+        configureSensor(*sensor, options_, host.connectHost, host.user ? host.user : options_.user);
         auto delegate = std::make_shared<FleetDelegate>(options_, prompt_, console_, login_, host.user);
         sensor->setDelegate(delegate);
         {
@@ -288,12 +289,13 @@ private:
 
     void classify(const std::optional<long> &end, const std::string &reason, HostResult &result)
     {
-        const bool stopped = stopping();
-        if (end && *end >= 0) {
+        // A stop reports nothing, a failed connection, or, while output flowed, a status that is not the
+        // script's own; so a stop wins over anything but a refused login.
+        if (stopping() && (!end || -*end != TelvaneErrorAuthentication)) {
+            result.end = HostResult::End::Stopped;
+        } else if (end && *end >= 0) {
             result.end = HostResult::End::Exited;
             result.status = *end;
-        } else if (stopped && (!end || -*end != TelvaneErrorAuthentication)) {
-            result.end = HostResult::End::Stopped; // a stop reports nothing, or a failed connection
         } else {
             // Without a report, only an address that cannot be used ended the run.
             result.end = HostResult::End::Failed;
@@ -370,7 +372,6 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     bool stopping_ = false;                        // guarded by mutex_
-    bool readerGone_ = false;                      // guarded by mutex_; read after the workers end
     std::vector<std::shared_ptr<Telvane>> active_; // one slot per worker, guarded by mutex_
     std::size_t finishedWorkers_ = 0;              // guarded by mutex_
     std::size_t done_ = 0;                         // guarded by mutex_
@@ -379,6 +380,22 @@ private:
 };
 
 thread_local std::string FleetRun::currentHost_;
+
+// The host's alias in ~/.ssh/config, read as for a single host: its HostName is connected to, and its Port
+// and User apply unless written with the host or given by -p or -l. The host as written stays the label and
+// the key of its stored credentials.
+void applySshConfig(FleetHost &host, const Options &options, bool portGiven)
+{
+    Options alias;
+    alias.host = host.host;
+    alias.port = host.port != 0 ? host.port : options.port;
+    alias.user = host.user ? host.user : options.user;
+    applySshConfig(alias, portGiven || host.port != 0);
+    host.connectHost = alias.connectHost;
+    host.port = alias.port;
+    if (!options.user)
+        host.user = alias.user;
+}
 
 } // namespace
 
@@ -434,14 +451,17 @@ std::optional<std::string> settlePositionals(Options &options, bool hostGiven, b
     return std::nullopt;
 }
 
-int runFleet(const Options &options, const std::string &script, bool diagnose)
+int runFleet(const Options &options, const std::string &script, bool diagnose, bool portGiven)
 {
     std::string error;
-    auto hosts = collectHosts(options.hosts, options.hostsFile, options.port, error);
+    // Port 0: none written with the host, so that an alias's Port may apply.
+    auto hosts = collectHosts(options.hosts, options.hostsFile, portGiven ? options.port : 0, error);
     if (!hosts) {
         std::fprintf(stderr, "telvane: %s\n", error.c_str());
         return ExitUsage;
     }
+    for (auto &host : *hosts)
+        applySshConfig(host, options, portGiven);
     if (options.outputDir) {
         std::error_code failure;
         std::filesystem::create_directories(*options.outputDir, failure);

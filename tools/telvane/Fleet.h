@@ -22,6 +22,8 @@ void addFleetOptions(CLI::App &command, Options &options);
 bool fleetRequested(const Options &options);
 /// Sorts out the positional arguments: with -H or --hosts a lone positional is the script, and a HOST
 /// before the script joins the hosts. The usage error, if any.
-std::optional<std::string> settlePositionals(Options &options, bool hostGiven, bool scriptGiven, bool scriptRequired);
-/// Runs @p script on every host of @p options and returns the fleet's exit status.
-int runFleet(const Options &options, const std::string &script, bool diagnose);
+std::optional<std::string> settlePositionals(Options &options, bool hostGiven, bool scriptGiven,
+                                             bool scriptRequired);
+/// Runs @p script on every host of @p options and returns the fleet's exit status. With @p portGiven (-p)
+/// the port of options wins over an alias's Port in ~/.ssh/config, as one written with the host does.
+int runFleet(const Options &options, const std::string &script, bool diagnose, bool portGiven);

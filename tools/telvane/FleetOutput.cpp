@@ -185,14 +185,13 @@ std::string fileName(std::string label)
 
 } // namespace
 
-Console::Console() : terminal_(::isatty(STDERR_FILENO)) {}
+Console::Console() : terminal_(::isatty(STDERR_FILENO)), out_(STDOUT_FILENO) {}
 
 void Console::out(std::string_view text)
 {
     std::lock_guard lock(mutex_);
     clearLocked();
-    if (!broken_ && !writeAll(STDOUT_FILENO, text.data(), text.size()))
-        broken_ = true;
+    out_.write(text);
 }
 
 void Console::err(std::string_view text)

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "HostList.h"
+#include "OutputWriter.h"
 
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -37,8 +37,11 @@ public:
     /// While held, the progress line is erased and not drawn, so that a question on the terminal stays.
     /// Holds from several threads nest: the line returns once each is released.
     void holdProgress(bool held);
-    /// True once standard output could not be written: its reader went away.
-    bool broken() const { return broken_; }
+    /// Ends a write to standard output that waits for a reader that does not read, and every later one.
+    /// Any thread, and without the lock that such a write holds.
+    void cancel() { out_.cancel(); }
+    /// Standard output, to tell why it could not be written, if it could not.
+    const OutputWriter &output() const { return out_; }
 
 private:
     void clearLocked();
@@ -46,7 +49,7 @@ private:
     const bool terminal_;
     bool shown_ = false; // guarded by mutex_
     int holds_ = 0;      // guarded by mutex_
-    std::atomic<bool> broken_{false};
+    OutputWriter out_;   // written under mutex_, so that lines stay whole
 };
 
 /// One host's output on its way out.

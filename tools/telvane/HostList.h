@@ -10,7 +10,8 @@ struct FleetHost
     std::string label; ///< how the host is named in output, files and the summary: unique within a run
     std::string host;  ///< a name or an address, without brackets
     long port = 22;
-    std::optional<std::string> user; ///< from "user@host"
+    std::optional<std::string> user; ///< from "user@host", or the User of its alias in ~/.ssh/config
+    std::string connectHost;         ///< the HostName of its alias in ~/.ssh/config; empty: host
 };
 
 /// Reads one host written as HOST, USER@HOST, HOST:PORT or [IPV6]:PORT (a bare IPv6 address takes

@@ -1,6 +1,9 @@
 #include "OutputWriter.h"
 
+#include "Options.h"
+
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -71,4 +74,17 @@ bool OutputWriter::write(std::string_view data)
         data.remove_prefix(static_cast<std::size_t>(n));
     }
     return state_.load() == State::Open;
+}
+
+std::optional<int> outputFailure(const OutputWriter &out)
+{
+    switch (out.state()) {
+    case OutputWriter::State::ReaderGone:
+        return ExitReaderGone; // quietly, as `| head` expects
+    case OutputWriter::State::Failed:
+        std::fprintf(stderr, "telvane: cannot write to standard output: %s\n", out.error().c_str());
+        return ExitOutputFailed;
+    default:
+        return std::nullopt;
+    }
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -37,3 +38,7 @@ private:
     std::string error_;
     bool atLineStart_ = true;
 };
+
+/// The exit status of a run whose standard output @p out could not be written, said on standard error when
+/// the reason is not plain (a full disk); nothing when it was written or cancelled.
+std::optional<int> outputFailure(const OutputWriter &out);

@@ -109,7 +109,7 @@ int runChecked(Options &options, const RawOptions &raw, const CLI::App &command,
     warn(warnings);
     warn(script->warnings);
     if (fleetRequested(options))
-        return runFleet(options, script->text, diagnose);
+        return runFleet(options, script->text, diagnose, command.count("--port") > 0);
     return runCommand(options, script->text, diagnose);
 }
 
@@ -154,7 +154,8 @@ int main(int argc, char **argv)
         "away, 2 bad usage (nothing sent), 130 interrupted (SIGINT), 143 terminated (SIGTERM).\n"
         "With -H or --hosts: 0 every script ended with 0; 1 every host was reached and some script ended "
         "otherwise; 3 some host could not be reached, had no credentials or refused them; 2 bad usage; "
-        "130 or 143 interrupted; 141 the reader of standard output went away.");
+        "130 or 143 interrupted; 141 the reader of standard output went away; 252 standard output could not "
+        "be written.");
 
     CLI::App *diagnose =
         addRunCommand(app, "diagnose",
