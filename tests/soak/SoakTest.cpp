@@ -1,6 +1,5 @@
 // Long and wide runs against the loopback sshd: many runs in a row in one process (descriptors and memory
 // stay flat), and sixty-four sensors at once, most of them stopped from other threads at random moments.
-#include "Platform/SshLibrary_p.h"
 #include "support/SshdFixture.h"
 
 #include <atomic>
@@ -33,34 +32,12 @@ long residentKiB()
 class Soak : public SensorRunTest
 {
 protected:
-    // Counted after one run: what the first connection sets up for the life of the process is not left over.
     void SetUp() override
     {
         SensorRunTest::SetUp();
-        if (IsSkipped())
-            return;
-        std::thread([] {}).join(); // ThreadSanitizer's helper thread comes with the first one
-        threads_ = threadCount();
-        ASSERT_TRUE(runToEnd(*makeSensor(), "echo warm")) << log.joined();
-        freshDelegate(); // lets go of the warm run's pipe
-        ASSERT_TRUE(settled());
-        descriptors_ = openDescriptorCount();
+        if (!IsSkipped())
+            takeBaseline();
     }
-
-    // No pump or reader thread, no libssh reference, no descriptor but the @p kept the test still holds.
-    ::testing::AssertionResult settled(int kept = 0)
-    {
-        if (!waitUntil([&] { return threadCount() == threads_ && telvane::sshLibraryReferences() == 0; },
-                       60s))
-            return ::testing::AssertionFailure()
-                   << threadCount() << " threads, " << threads_ << " at the start";
-        if (!waitUntil([&] { return descriptors_ < 0 || openDescriptorCount() == descriptors_ + kept; }, 10s))
-            return ::testing::AssertionFailure() << openDescriptorCount() << " descriptors, " << descriptors_;
-        return ::testing::AssertionSuccess();
-    }
-
-    int threads_ = 0;
-    int descriptors_ = -1; // -1 until the warm-up: every count matches
 };
 
 TEST_F(Soak, RunsInARowLeaveDescriptorsAndMemoryFlat)

@@ -1,6 +1,9 @@
 // Shared helpers of the test suites.
 #pragma once
 
+#include "Platform/SshLibrary_p.h"
+
+#include <Telvane/Platform/TelvaneKeychain.h>
 #include <Telvane/Platform/TelvaneLog.h>
 #include <Telvane/Telvane.h>
 
@@ -14,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace telvane::test {
@@ -116,6 +120,90 @@ private:
     std::shared_ptr<TelvaneFileHandle> handle_;     // guarded by mutex_
     std::optional<TelvaneFailure> reportedFailure_; // guarded by mutex_
     bool closedBeforeReport_ = false;               // guarded by mutex_
+};
+
+/// For suites that run sensors against a test server: an in-memory keyring, fresh for every test, a recording
+/// delegate that answers with the server's account, and a watch on every log line for the server's password
+/// and the one the delegate last gave.
+class SensorTest : public ::testing::Test
+{
+protected:
+    virtual TelvaneCredentialsDictionary account() const = 0;
+    virtual std::string host() const = 0;
+    virtual long port() const = 0;
+
+    void SetUp() override
+    {
+        TelvaneKeychain::setBackend(TelvaneKeychain::makeBackend("memory"));
+        freshDelegate();
+    }
+    void TearDown() override
+    {
+        const std::string sent = delegate && delegate->answer ? delegate->answer->password : "";
+        for (const auto &line : log.lines())
+            for (const auto &secret : {account().password, sent})
+                EXPECT_TRUE(secret.empty() || line.find(secret) == std::string::npos)
+                    << "a log line holds a password: " << line;
+        TelvaneKeychain::setBackend(nullptr);
+    }
+    std::shared_ptr<RecordingDelegate> accountDelegate() const
+    {
+        auto delegate = std::make_shared<RecordingDelegate>();
+        delegate->answer = account();
+        return delegate;
+    }
+    /// A new account delegate; the sensors made from now on get it.
+    void freshDelegate() { delegate = accountDelegate(); }
+
+    std::shared_ptr<Telvane> makeSensor(double timeout = 10.0) { return makeSensor(host(), port(), timeout); }
+    std::shared_ptr<Telvane> makeSensor(const std::string &host, long port, double timeout = 10.0) const
+    {
+        auto sensor = Telvane::create("test", "Test sensor", host, port, timeout);
+        sensor->setDelegate(delegate);
+        return sensor;
+    }
+
+    /// Runs @p script on @p sensor and waits until the run has ended and its output reached end of file.
+    ::testing::AssertionResult runToEnd(Telvane &sensor, const std::string &script)
+    {
+        sensor.runScript(script, std::nullopt);
+        if (!delegate->waitForEnd(std::chrono::seconds(60)) || !waitUntil([&] { return !sensor.running(); }))
+            return ::testing::AssertionFailure() << "the run did not end";
+        return ::testing::AssertionSuccess();
+    }
+
+    /// One run first, so that what it sets up for the life of the process (libssh's state, ThreadSanitizer's
+    /// helper thread) is no leftover; then the threads and descriptors that settled() expects.
+    void takeBaseline()
+    {
+        std::thread([] {}).join();
+        threads_ = threadCount();
+        ASSERT_TRUE(runToEnd(*makeSensor(host(), port()), "echo warm")) << log.joined();
+        ASSERT_EQ("warm\n", delegate->output()) << log.joined();
+        freshDelegate(); // lets go of the warm run's pipe
+        ASSERT_TRUE(settled());
+        descriptors_ = openDescriptorCount();
+    }
+
+    /// No pump or reader thread, no libssh reference, no descriptor but the @p kept the test still holds (at
+    /// most: one the baseline caught in passing may be gone by now).
+    ::testing::AssertionResult settled(int kept = 0)
+    {
+        if (!waitUntil([&] { return threadCount() == threads_ && sshLibraryReferences() == 0; },
+                       std::chrono::seconds(60)))
+            return ::testing::AssertionFailure()
+                   << threadCount() << " threads, " << threads_ << " at the start, " << sshLibraryReferences()
+                   << " libssh references";
+        if (!waitUntil([&] { return descriptors_ < 0 || openDescriptorCount() <= descriptors_ + kept; },
+                       std::chrono::seconds(10)))
+            return ::testing::AssertionFailure() << openDescriptorCount() << " descriptors, " << descriptors_;
+        return ::testing::AssertionSuccess();
+    }
+
+    LogCapture log;
+    std::shared_ptr<RecordingDelegate> delegate;
+    int threads_ = 0;
+    int descriptors_ = -1; // -1 until the baseline: every count matches
 };
 
 } // namespace telvane::test
