@@ -133,3 +133,28 @@ TEST_P(Login, KeyboardInteractiveIsTheLoginOfAServerWithoutPassword)
 }
 
 INSTANTIATE_TEST_SUITE_P(RightOrWrongPassword, Login, ::testing::Bool());
+
+// A stop while the host-key question is open ends the run as stopped, told once, whatever the answer.
+TEST_F(SensorRunTest, AStopDuringTheHostKeyQuestionIsToldOnce)
+{
+    for (const bool answer : {false, true}) {
+        struct Stopping : RecordingDelegate
+        {
+            bool answer = false;
+            bool shouldTrustHostKey(Telvane &sensor, const TelvaneHostKey &, bool) override
+            {
+                sensor.close();
+                return answer;
+            }
+        };
+        auto stopping = std::make_shared<Stopping>();
+        stopping->answer = answer;
+        delegate = stopping;
+        auto sensor = makeSensor();
+        sensor->setKnownHostsFile(sshd().writeFile("unknown_hosts", ""));
+        ASSERT_TRUE(runToEnd(*sensor, "echo never")) << answer;
+        EXPECT_EQ(std::optional<long>(TelvaneErrorConnection), delegate->failureCode()) << answer;
+        EXPECT_EQ(1, delegate->count(RecordingDelegate::Event::Failed) +
+                         delegate->count(RecordingDelegate::Event::Started));
+    }
+}
