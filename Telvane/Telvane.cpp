@@ -13,6 +13,16 @@ bool TelvaneDelegate::shouldTrustHostKey(Telvane &, const TelvaneHostKey &, bool
 {
     return policyAnswer;
 }
+void TelvaneDelegate::sensorRunDidFinish(Telvane &, const TelvaneRunOutcome &) {}
+std::optional<TelvaneOutputSink> TelvaneDelegate::outputSinkForRun(Telvane &, TelvaneRunId)
+{
+    return std::nullopt;
+}
+std::optional<std::vector<std::string>> TelvaneDelegate::answersForLoginQuestion(Telvane &,
+                                                                                 const TelvaneLoginQuestion &)
+{
+    return std::nullopt;
+}
 
 TelvanePrivate::TelvanePrivate(Telvane &q, std::string identifier, std::string name, std::string hostname,
                                long port, double timeout)
@@ -81,10 +91,12 @@ Telvane::Telvane(Token, std::string identifier, std::string name, std::string ho
 
 Telvane::~Telvane() = default; // a run's Connection frees itself with its last owner
 
-void Telvane::runScript(std::optional<std::string> script, std::optional<TelvaneArguments> arguments)
+TelvaneRunId Telvane::runScript(std::optional<std::string> script, std::optional<TelvaneArguments> arguments)
 {
+    static std::atomic<TelvaneRunId> lastRun{0};
     if (!script || script->empty())
-        return;
+        return 0;
+    const TelvaneRunId run = ++lastRun;
     setScript(script);
     setArgs(arguments);
     {
@@ -96,13 +108,14 @@ void Telvane::runScript(std::optional<std::string> script, std::optional<Telvane
         d->runScriptOverride(text);
     else
         d->runScript(text);
+    return run;
 }
 
-void Telvane::runAgain()
+TelvaneRunId Telvane::runAgain()
 {
     if (running())
-        return;
-    runScript(script(), args());
+        return 0;
+    return runScript(script(), args());
 }
 
 void Telvane::stopScript()
@@ -172,6 +185,10 @@ TELVANE_PROPERTY(std::string, knownHostsFile, setKnownHostsFile, knownHostsFile)
 TELVANE_PROPERTY(TelvaneHostKeyPolicy, hostKeyPolicy, setHostKeyPolicy, hostKeyPolicy)
 TELVANE_PROPERTY(std::optional<std::string>, script, setScript, script)
 TELVANE_PROPERTY(std::optional<TelvaneArguments>, args, setArgs, args)
+TELVANE_PROPERTY(std::optional<TelvaneCredentialsDictionary>, presetCredentials, setPresetCredentials,
+                 presetCredentials)
+TELVANE_PROPERTY(bool, publicKeyAuthentication, setPublicKeyAuthentication, publicKeyAuthentication)
+TELVANE_PROPERTY(std::vector<std::string>, identityFiles, setIdentityFiles, identityFiles)
 #undef TELVANE_PROPERTY
 
 std::shared_ptr<TelvaneDelegate> Telvane::delegate() const

@@ -7,6 +7,9 @@
 #include <Telvane/TelvaneExport.h>
 #include <Telvane/Telvane_vers.h>
 
+#include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -52,6 +55,66 @@ struct TelvaneFailure
     std::string detail; ///< the SSH library's or the system's own words for it; empty when they said nothing
 };
 
+/// Which run of a sensor a report belongs to: runScript returns it, and the run's outcome carries it. Numbers
+/// start at 1 and are never reused within a process; 0 is no run.
+using TelvaneRunId = std::uint64_t;
+
+/// How long each stage of a run took, in seconds; a stage the run never reached stays 0.
+struct TelvaneRunPhases
+{
+    double resolve = 0;   ///< the host name to an address
+    double connect = 0;   ///< the TCP connect
+    double handshake = 0; ///< the SSH handshake and the host-key check
+    double login = 0;     ///< the credentials, the server's methods and the login (a user's time included)
+    double exec = 0;      ///< the channel and the exec request, with the script's input
+    double output = 0;    ///< from the start of the script to the end of its output
+};
+
+/// How one run ended. Told once per run, through TelvaneDelegate::sensorRunDidFinish.
+struct TelvaneRunOutcome
+{
+    /// The three ways a run can end.
+    enum class Kind {
+        Ended,   ///< the script's output ended; status holds its exit status
+        Failed,  ///< the run failed; failure says why
+        Stopped, ///< close() or stopScript() ended it
+    };
+    TelvaneRunId run = 0;        ///< which run
+    Kind kind = Kind::Ended;     ///< how it ended
+    long status = 0;             ///< Ended: the remote exit status (128 + n for a signal n; 0 when none came)
+    TelvaneFailure failure;      ///< Failed: the code the delegate heard, the reason and the detail
+    TelvaneRunPhases phases;     ///< the time each stage took
+};
+
+/// Where a run's output goes instead of the sensor's pipe, as the delegate chooses per run
+/// (TelvaneDelegate::outputSinkForRun). Exactly one of the two is set.
+struct TelvaneOutputSink
+{
+    /// Called on the pump's thread with each piece of output just read, in order, never with nothing.
+    /// Return false when the consumer has gone: the run then ends as when the pipe's reader closes. While it
+    /// runs, the pump reads nothing more, so a slow sink holds the server back through the SSH window.
+    std::function<bool(const char *data, std::size_t size)> write;
+    /// Or a descriptor (a file, a pipe, a socket, a terminal) that the pump writes each piece to itself,
+    /// whole. It is not closed by the run; a write that fails ends the run as when the pipe's reader closes.
+    int fileDescriptor = -1;
+};
+
+/// One prompt of a keyboard-interactive login, as the server sent it.
+struct TelvaneLoginPrompt
+{
+    std::string text;  ///< the prompt, e.g. "Verification code: "
+    bool echo = false; ///< true when what is typed may be shown
+};
+
+/// A round of questions that the server asks at a keyboard-interactive login, or a key file's passphrase
+/// question, for TelvaneDelegate::answersForLoginQuestion.
+struct TelvaneLoginQuestion
+{
+    std::string name;        ///< the server's name for the round; often empty
+    std::string instruction; ///< the server's words above the prompts; often empty
+    std::vector<TelvaneLoginPrompt> prompts; ///< one or more
+};
+
 /// Receiver of a sensor's notices. The sensor holds its delegate weakly.
 /// Every method runs on a thread of the sensor's, never on the caller's GUI thread by itself:
 /// sensorScriptDidStart, sensorDidFailWithError (connection failures) and credentialsForSensor run on the
@@ -76,6 +139,22 @@ public:
     /// sensor's hostKeyPolicy says, and the default answer. An accepted unknown key is added to the
     /// known-hosts file; an accepted changed key is used for this run only. Runs on the runScript thread.
     virtual bool shouldTrustHostKey(Telvane &sensor, const TelvaneHostKey &key, bool policyAnswer);
+    /// Told once per run, last of all: after sensorScriptDidTerminate or sensorDidFailWithError, after the
+    /// run's writing end of the pipe is closed (and after the sink's last call), and after the run's
+    /// sensorScriptDidStart has returned. Runs on the pump's thread, or on the runScript thread when the run
+    /// ended before its script started. The default does nothing.
+    virtual void sensorRunDidFinish(Telvane &sensor, const TelvaneRunOutcome &outcome);
+    /// Asked once per run on the runScript thread just before the script is launched: a sink here takes the
+    /// run's output instead of the pipe (the handle of sensorScriptDidStart then gives only end of file, in
+    /// the same order as ever). The sink is first called after sensorScriptDidStart has returned. The
+    /// default, nothing, keeps the pipe.
+    virtual std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &sensor, TelvaneRunId run);
+    /// The server asks questions at the login that the password does not answer (a one-time code, say), or
+    /// an encrypted key file needs its passphrase: answer each prompt in order, or std::nullopt when no one
+    /// can (the run then fails with TelvaneErrorAuthentication, naming the prompt). Runs on the runScript
+    /// thread. The default answers nothing.
+    virtual std::optional<std::vector<std::string>> answersForLoginQuestion(Telvane &sensor,
+                                                                            const TelvaneLoginQuestion &question);
 };
 
 /// One sensor host reached over SSH. Make one with create(); it lives in a shared_ptr so that its pump
@@ -99,10 +178,11 @@ public:
 
     /// Stores @p script and @p arguments, substitutes every "__KEY__" in the arguments' order and runs the
     /// result, blocking until the script has started or the run has failed. An empty or absent script is
-    /// ignored. Meant for a background thread: it connects, and may ask the delegate for credentials.
-    void runScript(std::optional<std::string> script, std::optional<TelvaneArguments> arguments);
-    /// Runs the stored script with the stored arguments again, unless a script is running.
-    void runAgain();
+    /// ignored (0: no run). Meant for a background thread: it connects, and may ask the delegate for
+    /// credentials. Returns the run's number, which its outcome carries.
+    TelvaneRunId runScript(std::optional<std::string> script, std::optional<TelvaneArguments> arguments);
+    /// Runs the stored script with the stored arguments again, unless a script is running; 0 when it did not.
+    TelvaneRunId runAgain();
     /// Stops the running script; the same as close().
     void stopScript();
     /// Tears down the connection of every run of this sensor; safe to call again and from any thread. The
@@ -112,7 +192,7 @@ public:
     void close();
     /// Closes, then reports @p code to the delegate; lastFailure() gives the code's general words.
     void sensorDidFailWithError(long code);
-    /// Why the last run failed, kept from just before the delegate hears the failure until the next run
+    /// Why the newest run failed, kept from just before the delegate hears the failure until the next run
     /// starts; nothing when it did not fail.
     std::optional<TelvaneFailure> lastFailure() const;
     /// The keyring service under which this sensor's host keeps its credentials.
@@ -178,6 +258,25 @@ public:
     /// Seconds allowed to the connect and to each wait on the socket (waits use whole seconds).
     double timeout() const;
     void setTimeout(double timeout);
+    ///@}
+    ///@{
+    /// Credentials that the host program already holds (a command line's --user and password file): tried
+    /// before the keyring and the delegate. A refused preset pair deletes nothing from the keyring.
+    std::optional<TelvaneCredentialsDictionary> presetCredentials() const;
+    void setPresetCredentials(std::optional<TelvaneCredentialsDictionary> credentials);
+    ///@}
+    ///@{
+    /// Whether public-key logins are tried before the password: the user's ssh-agent ($SSH_AUTH_SOCK), then
+    /// the identity files. Off unless set, so that a sensor logs in by password only.
+    bool publicKeyAuthentication() const;
+    void setPublicKeyAuthentication(bool enabled);
+    ///@}
+    ///@{
+    /// The private key files tried when publicKeyAuthentication() is on; empty: ssh's defaults
+    /// (~/.ssh/id_ed25519, id_ecdsa, id_rsa). An encrypted key's passphrase is asked through
+    /// TelvaneDelegate::answersForLoginQuestion.
+    std::vector<std::string> identityFiles() const;
+    void setIdentityFiles(std::vector<std::string> identityFiles);
     ///@}
     ///@{
     /// The script template last given to runScript, before substitution.

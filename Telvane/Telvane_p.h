@@ -64,6 +64,9 @@ public:
     std::optional<std::string> script;                                    // guarded by propertyMutex
     std::optional<TelvaneArguments> args;                                 // guarded by propertyMutex
     std::optional<TelvaneFailure> lastFailure;                            // guarded by propertyMutex
+    std::optional<TelvaneCredentialsDictionary> presetCredentials;        // guarded by propertyMutex
+    bool publicKeyAuthentication = false;                                 // guarded by propertyMutex
+    std::vector<std::string> identityFiles;                               // guarded by propertyMutex
 
     std::atomic<bool> running{false};
     std::atomic<double> timeout;
