@@ -5,7 +5,7 @@
 #include "LogTexts_p.h"
 #include "ScriptText_p.h"
 #include "Telvane_p.h"
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 #include <Telvane/TelvaneCredentials.h>
 
 #include <pwd.h>

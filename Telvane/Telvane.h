@@ -2,7 +2,7 @@
 // runs one shell script there and streams the script's standard output back through a pipe.
 #pragma once
 
-#include <Telvane/Platform/TelvanePipe.h>
+#include <Telvane/TelvanePipe.h>
 #include <Telvane/TelvaneCredentials.h>
 #include <Telvane/TelvaneExport.h>
 #include <Telvane/Telvane_vers.h>

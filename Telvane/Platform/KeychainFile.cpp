@@ -4,8 +4,8 @@
 #include "HomeDirectory_p.h"
 #include "KeychainBackends_p.h"
 
-#include <Telvane/Platform/TelvaneLog.h>
-#include <Telvane/Platform/TelvaneSecret.h>
+#include <Telvane/TelvaneLog.h>
+#include <Telvane/TelvaneSecret.h>
 
 #include <algorithm>
 #include <cctype>

@@ -9,7 +9,7 @@
 // empty and refuses writes, with a log line that says why.
 #include "KeychainBackends_p.h"
 
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 
 #include <libsecret/secret.h>
 

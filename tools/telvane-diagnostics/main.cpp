@@ -1,5 +1,5 @@
 // telvane-diagnostics: runs a diagnostics script on a sensor host and shows the live transcript in a window.
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 #include <Telvane/Telvane.h>
 #include <Telvane/TelvaneDiagnosticsView.h>
 #include <Telvane/Telvane_vers.h>
