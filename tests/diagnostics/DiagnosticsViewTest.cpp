@@ -325,7 +325,7 @@ private Q_SLOTS:
         telvane::test::ProcessResult run;
         for (const auto &[path, message] :
              {std::pair{std::string("/nonexistent/script.sh"), "cannot read the script"},
-              std::pair{latin1.fileName().toStdString(), "is not UTF-8 text; nothing was sent"}}) {
+              std::pair{latin1.fileName().toStdString(), "is not UTF-8 text or holds a NUL byte"}}) {
             run = telvane::test::runProcess({TELVANE_DIAGNOSTICS_HOST, "127.0.0.1", path});
             QCOMPARE(run.status, 2);
             QVERIFY2(run.err.find(message) != std::string::npos, run.err.c_str());

@@ -4,6 +4,7 @@
 #include "Commands.h"
 #include "FleetOutput.h"
 #include "HostList.h"
+#include "PasswordFile.h"
 #include "SignalWatcher.h"
 #include "SshStyle.h"
 #include "Terminal.h"
