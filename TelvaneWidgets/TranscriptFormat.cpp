@@ -3,8 +3,24 @@
 #include <Telvane/TelvaneTranscript.h>
 
 #include <QtCore/QStringDecoder>
+#include <QtCore/QStringList>
+#include <QtGui/QFontDatabase>
+#include <QtGui/QFontMetricsF>
 
+#include <algorithm>
 #include <string>
+
+namespace {
+
+// Measured rather than asked: QFontInfo::fixedPitch() reports fontconfig's spacing, which some monospaced
+// fonts do not declare (Noto Sans Mono, fontconfig's first choice for "monospace" where it is installed).
+bool columnsLineUp(const QFont &font)
+{
+    const QFontMetricsF metrics(font);
+    return metrics.horizontalAdvance(QLatin1Char('i')) == metrics.horizontalAdvance(QLatin1Char('M'));
+}
+
+} // namespace
 
 namespace TelvaneWidgets {
 
@@ -30,6 +46,25 @@ MarkedPiece markPiece(const QString &piece)
                        static_cast<qsizetype>(marked.redLength)};
     result.text.remove(QLatin1Char('*'));
     return result;
+}
+
+QFont transcriptFont()
+{
+    const QFont desktop = QFontDatabase::systemFont(QFontDatabase::FixedFont);
+    if (columnsLineUp(desktop))
+        return desktop;
+    // The desktop's choice is missing and stood in for by a proportional font. Families that call themselves
+    // fixed-pitch are tried first; each is measured all the same, as the font that draws it may be another.
+    QStringList families = QFontDatabase::families();
+    std::stable_partition(families.begin(), families.end(),
+                          [](const QString &family) { return QFontDatabase::isFixedPitch(family); });
+    for (const QString &family : families) {
+        QFont candidate = desktop;
+        candidate.setFamilies({family});
+        if (columnsLineUp(candidate))
+            return candidate;
+    }
+    return desktop;
 }
 
 } // namespace TelvaneWidgets
