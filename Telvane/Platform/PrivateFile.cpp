@@ -1,7 +1,7 @@
 #include "PrivateFile_p.h"
 
-#include <Telvane/Platform/TelvaneLog.h>
-#include <Telvane/Platform/TelvaneSecret.h>
+#include <Telvane/TelvaneLog.h>
+#include <Telvane/TelvaneSecret.h>
 
 #include <algorithm>
 #include <cctype>

@@ -1,6 +1,6 @@
 #include "SecretServiceOperation_p.h"
 
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 
 namespace telvane::secretservice {
 
