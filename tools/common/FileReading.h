@@ -1,26 +1,11 @@
 // Reading a whole small file through its descriptor, with messages that name what was being read.
 #pragma once
 
+#include "Platform/FileDescriptor_p.h"
+
 #include <string>
-#include <unistd.h>
 
-/// Owns a descriptor; standard input, output and error are never closed by it.
-class FileDescriptor
-{
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor()
-    {
-        if (fd_ > STDERR_FILENO)
-            ::close(fd_);
-    }
-    FileDescriptor(const FileDescriptor &) = delete;
-    FileDescriptor &operator=(const FileDescriptor &) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
+using telvane::FileDescriptor;
 
 /// "cannot read WHAT PATH: " and errno's words.
 std::string systemError(const std::string &what, const std::string &path);

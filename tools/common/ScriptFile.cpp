@@ -98,7 +98,9 @@ std::optional<ScriptText> loadScript(const std::string &path, std::string &error
     const bool standardInput = path == "-";
     const std::string name =
         standardInput ? std::string("the script on standard input") : "the script " + path;
-    FileDescriptor fd(standardInput ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // A copy of standard input, so that the descriptor may close what it holds either way.
+    FileDescriptor fd(standardInput ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                                    : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!openReadable("the script", standardInput ? "on standard input" : path, fd, error))
         return std::nullopt;
     ScriptText script;
