@@ -88,4 +88,23 @@ std::string closingLine(long status, std::string_view completedText, std::string
     return status == 0 ? std::string(completedText) : fill(terminatedFormat, "%ld", {std::to_string(status)});
 }
 
+std::string ending(const TelvaneRunOutcome &outcome, const Words &words)
+{
+    const auto shown = [&](const char *english) {
+        return words ? words(english) : std::string(english);
+    };
+    switch (outcome.kind) {
+    case TelvaneRunOutcome::Kind::Ended:
+        return closingLine(outcome.status, shown(completed), shown(terminatedWithErrorFormat));
+    case TelvaneRunOutcome::Kind::Failed: {
+        // A failed run is reported as completed all the same; its marker says what failed.
+        const char *marker = markerForError(outcome.failure.code);
+        return (marker ? shown(marker) : std::string()) + shown(completed);
+    }
+    case TelvaneRunOutcome::Kind::Stopped:
+        break;
+    }
+    return {};
+}
+
 } // namespace TelvaneTranscript

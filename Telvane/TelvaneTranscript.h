@@ -3,8 +3,11 @@
 #include <Telvane/TelvaneExport.h>
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
+
+struct TelvaneRunOutcome;
 
 /// One piece of diagnostics transcript, ready to show: the text without its asterisks, and the span of it
 /// to show in red.
@@ -51,4 +54,10 @@ TELVANE_EXPORT std::string connectingLine(std::string_view format, std::string_v
 /// @p terminatedFormat with its "%ld" filled by the signed status. Without a line end.
 TELVANE_EXPORT std::string closingLine(long status, std::string_view completedText = completed,
                                        std::string_view terminatedFormat = terminatedWithErrorFormat);
+/// Gives the words shown for one of the English texts above (its translation); empty: the English itself.
+using Words = std::function<std::string(const char *english)>;
+/// What follows the script's output at the end of a run that ended as @p outcome: for a failure the marker of
+/// its code (which completes the connecting line) and "Diagnostics completed."; for a script that ended the
+/// closing line of its status; nothing for a stopped run. Without a line end.
+TELVANE_EXPORT std::string ending(const TelvaneRunOutcome &outcome, const Words &words = {});
 } // namespace TelvaneTranscript

@@ -48,8 +48,7 @@ public:
 
     void listen();
     void answerCredentials();
-    void fail(long code);
-    void finish(const QString &closing);
+    void finish(const TelvaneRunOutcome &outcome);
     void render(const QString &piece);
     void applyInset();
     void startIndicator();
@@ -80,10 +79,16 @@ void TelvaneDiagnosticsView::Private::listen()
     connect(&runner, &TelvaneSensorRunner::outputReceived, q,
             [this](const QByteArray &chunk) { render(decoder(chunk)); });
     connect(&runner, &TelvaneSensorRunner::finished, q, [this](long status) {
-        finish(QString::fromStdString(closingLine(status, localized(completed).toStdString(),
-                                                  localized(terminatedWithErrorFormat).toStdString())));
+        TelvaneRunOutcome outcome;
+        outcome.status = status;
+        finish(outcome);
     });
-    connect(&runner, &TelvaneSensorRunner::failed, q, [this](long code) { fail(code); });
+    connect(&runner, &TelvaneSensorRunner::failed, q, [this](long code) {
+        TelvaneRunOutcome outcome;
+        outcome.kind = TelvaneRunOutcome::Kind::Failed;
+        outcome.failure.code = code;
+        finish(outcome);
+    });
     connect(&runner, &TelvaneSensorRunner::credentialsRequested, q, [this] { answerCredentials(); });
 }
 
@@ -96,17 +101,12 @@ void TelvaneDiagnosticsView::Private::answerCredentials()
         runner.askWithPrompt();
 }
 
-void TelvaneDiagnosticsView::Private::fail(long code)
+void TelvaneDiagnosticsView::Private::finish(const TelvaneRunOutcome &outcome)
 {
-    // The marker completes the connecting line; the run is reported as completed all the same.
-    if (const char *marker = TelvaneTranscript::markerForError(code))
-        render(localized(marker));
-    finish(localized(TelvaneTranscript::completed));
-}
-
-void TelvaneDiagnosticsView::Private::finish(const QString &closing)
-{
-    render(closing);
+    const auto words = [](const char *english) {
+        return localized(english).toStdString();
+    };
+    render(QString::fromStdString(TelvaneTranscript::ending(outcome, words)));
     stopIndicator();
     notifyRunning();
 }
