@@ -5,8 +5,8 @@
 #include "LogTexts_p.h"
 #include "ScriptText_p.h"
 #include "Telvane_p.h"
-#include <Telvane/TelvaneLog.h>
 #include <Telvane/TelvaneCredentials.h>
+#include <Telvane/TelvaneLog.h>
 
 #include <pwd.h>
 #include <unistd.h>
@@ -70,6 +70,7 @@ bool Run::obtainCredentials()
 {
     credentials_ = q_.presetCredentials();
     presetCredentials_ = credentials_.has_value();
+    persist_ = presetCredentials_ && q_.keepPresetCredentials();
     if (!credentials_)
         credentials_ = TelvaneCredentials::storedCredentials(keyringHost_);
     if (!credentials_) {
@@ -117,8 +118,8 @@ bool Run::login()
         return failWithDetail(TelvaneErrorAuthentication, "the server refused the username or password");
     }
     // Nothing unchecked is kept: a server that let the "none" method in never saw the password.
-    if (method_ != Method::None)
-        TelvaneCredentials::credentialsAccepted(keyringHost_, *credentials_, persist_);
+    if (method_ != Method::None && persist_)
+        credentialsSaved_ = TelvaneCredentials::keepCredentials(keyringHost_, *credentials_);
     return true;
 }
 

@@ -163,6 +163,7 @@ void Run::finish(State state, long status)
     outcome.status = state == State::Ended ? status : 0;
     outcome.failure = failure_;
     outcome.phases = phases_;
+    outcome.credentialsSaved = credentialsSaved_;
     if (auto delegate = q_.delegate())
         delegate->sensorRunDidFinish(q_, outcome);
 }

@@ -153,7 +153,8 @@ private:
     std::unique_lock<std::recursive_mutex> *monitor_ = nullptr; // held while connecting, but for questions
     std::optional<TelvaneCredentialsDictionary> credentials_;
     std::string queriedUser_; // the username the server was first asked with
-    bool persist_ = false;
+    bool persist_ = false;    // the accepted pair goes to the keyring
+    TelvaneKeychainSaveResult credentialsSaved_;
     bool presetCredentials_ = false; // credentials_ came from the sensor's preset pair
     enum class Method { None, Password, KeyboardInteractive } method_ = Method::Password;
     TelvaneRunPhases phases_; // the pump adds the output's time once it owns the run

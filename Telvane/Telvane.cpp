@@ -200,6 +200,7 @@ TELVANE_PROPERTY(std::optional<std::string>, script, setScript, script)
 TELVANE_PROPERTY(std::optional<TelvaneArguments>, args, setArgs, args)
 TELVANE_PROPERTY(std::optional<TelvaneCredentialsDictionary>, presetCredentials, setPresetCredentials,
                  presetCredentials)
+TELVANE_PROPERTY(bool, keepPresetCredentials, setKeepPresetCredentials, keepPresetCredentials)
 TELVANE_PROPERTY(bool, publicKeyAuthentication, setPublicKeyAuthentication, publicKeyAuthentication)
 TELVANE_PROPERTY(std::vector<std::string>, identityFiles, setIdentityFiles, identityFiles)
 #undef TELVANE_PROPERTY

@@ -2,9 +2,10 @@
 // runs one shell script there and streams the script's standard output back through a pipe.
 #pragma once
 
-#include <Telvane/TelvanePipe.h>
 #include <Telvane/TelvaneCredentials.h>
 #include <Telvane/TelvaneExport.h>
+#include <Telvane/TelvaneKeychain.h>
+#include <Telvane/TelvanePipe.h>
 #include <Telvane/Telvane_vers.h>
 
 #include <cstddef>
@@ -84,6 +85,9 @@ struct TelvaneRunOutcome
     long status = 0;         ///< Ended: the remote exit status (128 + n for a signal n; 0 when none came)
     TelvaneFailure failure;  ///< Failed: the code the delegate heard, the reason and the detail
     TelvaneRunPhases phases; ///< the time each stage took
+    /// Keeping the pair the server accepted (the delegate's persist, or keepPresetCredentials()): what the
+    /// keyring said. Its error is None when the pair was kept, and when none was to be kept.
+    TelvaneKeychainSaveResult credentialsSaved;
 };
 
 /// Where a run's output goes instead of the sensor's pipe, as the delegate chooses per run
@@ -264,6 +268,12 @@ public:
     /// before the keyring and the delegate. A refused preset pair deletes nothing from the keyring.
     std::optional<TelvaneCredentialsDictionary> presetCredentials() const;
     void setPresetCredentials(std::optional<TelvaneCredentialsDictionary> credentials);
+    ///@}
+    ///@{
+    /// Whether the preset pair is kept in the keyring once the server has accepted it (a command line's
+    /// "remember"); the run's outcome tells whether the keyring kept it. Off unless set.
+    bool keepPresetCredentials() const;
+    void setKeepPresetCredentials(bool keep);
     ///@}
     ///@{
     /// Whether public-key logins are tried before the password: the user's ssh-agent ($SSH_AUTH_SOCK), then

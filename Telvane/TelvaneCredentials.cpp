@@ -1,7 +1,7 @@
 #include <Telvane/TelvaneCredentials.h>
 
-#include <Telvane/TelvaneKeychain.h>
 #include <Telvane/Telvane.h>
+#include <Telvane/TelvaneKeychain.h>
 
 #include <cstring>
 
@@ -95,8 +95,14 @@ void credentialsRefused(const std::string &hostname, const std::string &username
 bool credentialsAccepted(const std::string &hostname, const TelvaneCredentialsDictionary &credentials,
                          bool persist)
 {
-    return !persist || TelvaneKeychain::setPassword(credentials.password, serviceNameForHost(hostname),
-                                                    credentials.username);
+    return !persist || keepCredentials(hostname, credentials).error == TelvaneKeychainError::None;
+}
+
+TelvaneKeychainSaveResult keepCredentials(const std::string &hostname,
+                                          const TelvaneCredentialsDictionary &credentials)
+{
+    return TelvaneKeychain::savePassword(credentials.password, serviceNameForHost(hostname),
+                                         credentials.username);
 }
 
 bool forgetCredentials(const Telvane &sensor)

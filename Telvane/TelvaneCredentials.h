@@ -1,6 +1,7 @@
 #pragma once
 
 #include <Telvane/TelvaneExport.h>
+#include <Telvane/TelvaneKeychain.h>
 
 #include <optional>
 #include <string>
@@ -48,6 +49,9 @@ TELVANE_EXPORT void credentialsRefused(const std::string &hostname, const std::s
 /// only when they should have been kept and the keyring did not take them.
 TELVANE_EXPORT bool credentialsAccepted(const std::string &hostname,
                                         const TelvaneCredentialsDictionary &credentials, bool persist);
+/// Keeps @p credentials, which the server accepted on @p hostname, in the keyring; what the keyring said.
+TELVANE_EXPORT TelvaneKeychainSaveResult keepCredentials(const std::string &hostname,
+                                                         const TelvaneCredentialsDictionary &credentials);
 /// Removes the first stored pair of @p sensor's host. True when a pair was deleted.
 TELVANE_EXPORT bool forgetCredentials(const Telvane &sensor);
 /// The keyring service name for @p hostname (the same as Telvane::serviceNameForSensor()).

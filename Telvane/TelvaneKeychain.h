@@ -17,8 +17,25 @@ TELVANE_EXPORT extern const char *const kTelvaneKeychainAccountKey;
 /// The key under which a TelvaneKeychainAccount holds its service name.
 TELVANE_EXPORT extern const char *const kTelvaneKeychainServiceKey;
 
+/// Why the keyring did not keep a password (TelvaneKeychain::savePassword).
+enum class TelvaneKeychainError {
+    None,        ///< it was kept
+    Unavailable, ///< no keyring answered: no Secret Service on the session bus
+    Locked,      ///< the keyring is locked, and keeping the password would have meant unlocking it
+    TimedOut,    ///< the keyring did not answer in time
+    Failed,      ///< the keyring could not store it: its file could not be read or written, or was refused
+};
+
+/// What became of a password to be kept: the error, and the keyring's own words for it (empty when kept).
+struct TelvaneKeychainSaveResult
+{
+    TelvaneKeychainError error = TelvaneKeychainError::None; ///< None when the password was kept
+    std::string reason; ///< e.g. "file keyring: cannot create /home/pi/.local: Permission denied"
+};
+
 /// A store of generic passwords, keyed by service and account. Implementations report failure only as an
-/// empty result or false, and log one line naming the backend and the reason.
+/// empty result or false, and log one line naming the backend and the reason (the library's own backends
+/// also give that line to TelvaneKeychain::savePassword as the reason).
 class TELVANE_EXPORT TelvaneKeychainBackend
 {
 public:
@@ -54,6 +71,9 @@ public:
                             const std::string &account);
     static bool deletePasswordForService(const std::string &service, const std::string &account);
     ///@}
+    /// setPassword, telling why the password was not kept: the error and the backend's words for it.
+    static TelvaneKeychainSaveResult savePassword(const std::string &password, const std::string &service,
+                                                  const std::string &account);
 
     /// The backend in use (chosen from the environment on first call).
     static std::shared_ptr<TelvaneKeychainBackend> backend();

@@ -20,6 +20,11 @@ std::vector<TelvaneKeychainAccount> accountsOf(const Items &items, const std::st
     return accounts;
 }
 
+/// Logs a keyring failure (printf @p format) and keeps it, with @p error, as the reason of the savePassword
+/// under way on this thread, if any. Every failure of the library's backends goes through here.
+void keychainFailure(TelvaneKeychainError error, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
+
 /// Items of this process only, in the order they were first stored. For unit tests.
 std::shared_ptr<TelvaneKeychainBackend> makeMemoryKeychain();
 /// One 0600 file at @p path, written atomically; refused when corrupt or readable by others. Nullptr (and a

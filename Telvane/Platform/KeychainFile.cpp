@@ -225,9 +225,10 @@ bool FileKeychain::load(Items &items) const
     const bool ok = parse(text, items);
     telvaneWipe(text);
     if (!ok)
-        telvaneLog("file keyring: refusing %s: it is not a keyring file this version can read; "
-                   "it was left untouched",
-                   file_.path().c_str());
+        keychainFailure(TelvaneKeychainError::Failed,
+                        "file keyring: refusing %s: it is not a keyring file this version can read; "
+                        "it was left untouched",
+                        file_.path().c_str());
     return ok;
 }
 

@@ -32,7 +32,9 @@ bool createItem(Operation &op, const std::string &service, const std::string &ac
         if (error.get())
             op.fail(error.get());
         else
-            telvaneLog("secret-service keyring: cannot %s: the keyring has no default collection", op.what());
+            keychainFailure(TelvaneKeychainError::Failed,
+                            "secret-service keyring: cannot %s: the keyring has no default collection",
+                            op.what());
         return false;
     }
     // Creating an item in a locked collection makes libsecret and some daemons prompt for an unlock.

@@ -1,5 +1,8 @@
 #include "PrivateFile_p.h"
 
+#include "FileDescriptor_p.h"
+#include "KeychainBackends_p.h"
+
 #include <Telvane/TelvaneLog.h>
 #include <Telvane/TelvaneSecret.h>
 
@@ -16,23 +19,6 @@
 
 namespace telvane {
 namespace {
-
-class FileDescriptor
-{
-public:
-    explicit FileDescriptor(int fd = -1) : fd_(fd) {}
-    ~FileDescriptor()
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-    }
-    FileDescriptor(const FileDescriptor &) = delete;
-    FileDescriptor &operator=(const FileDescriptor &) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 // Private to the user who runs us, and really a file: not a link, a device or somebody else's.
 bool isPrivateRegularFile(const struct stat &st)
@@ -61,7 +47,8 @@ PrivateFile::PrivateFile(std::string path, std::string owner)
 
 bool PrivateFile::fail(const char *what) const
 {
-    telvaneLog("%s: %s %s: %s", owner_.c_str(), what, path_.c_str(), std::strerror(errno));
+    keychainFailure(TelvaneKeychainError::Failed, "%s: %s %s: %s", owner_.c_str(), what, path_.c_str(),
+                    std::strerror(errno));
     return false;
 }
 
@@ -79,7 +66,8 @@ bool PrivateFile::makeDirectory() const
         pos = dir.find('/', pos + 1);
         const std::string level = dir.substr(0, pos);
         if (::mkdir(level.c_str(), pos == std::string::npos ? 0700 : 0755) != 0 && errno != EEXIST) {
-            telvaneLog("%s: cannot create %s: %s", owner_.c_str(), level.c_str(), std::strerror(errno));
+            keychainFailure(TelvaneKeychainError::Failed, "%s: cannot create %s: %s", owner_.c_str(),
+                            level.c_str(), std::strerror(errno));
             return false;
         }
     }
@@ -109,9 +97,10 @@ bool PrivateFile::read(std::string &text) const
     if (::fstat(fd.get(), &st) != 0)
         return fail("cannot inspect");
     if (!isPrivateRegularFile(st)) {
-        telvaneLog("%s: refusing %s: it must be a regular file of yours with mode 0600 "
-                   "(it has mode %04o); fix it with chmod 600 or remove it",
-                   owner_.c_str(), path_.c_str(), static_cast<unsigned>(st.st_mode & 07777));
+        keychainFailure(TelvaneKeychainError::Failed,
+                        "%s: refusing %s: it must be a regular file of yours with mode 0600 "
+                        "(it has mode %04o); fix it with chmod 600 or remove it",
+                        owner_.c_str(), path_.c_str(), static_cast<unsigned>(st.st_mode & 07777));
         return false;
     }
     char buffer[4096];

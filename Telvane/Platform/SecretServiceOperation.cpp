@@ -1,5 +1,7 @@
 #include "SecretServiceOperation_p.h"
 
+#include "KeychainBackends_p.h"
+
 #include <Telvane/TelvaneLog.h>
 
 namespace telvane::secretservice {
@@ -59,12 +61,15 @@ void Watchdog::watch(std::chrono::milliseconds limit)
 void Operation::fail(const GError *error, const char *step)
 {
     if (watchdog_.fired()) {
-        telvaneLog("secret-service keyring: cannot %s: %sno answer within %lld ms", what_, step,
-                   static_cast<long long>(limit_.count()));
+        keychainFailure(TelvaneKeychainError::TimedOut,
+                        "secret-service keyring: cannot %s: %sno answer within %lld ms", what_, step,
+                        static_cast<long long>(limit_.count()));
         return;
     }
-    telvaneLog("secret-service keyring: cannot %s: %s%s", what_, step,
-               error ? error->message : "unknown error");
+    // Without a connection to the service there is no keyring at all; any other error is the keyring's.
+    keychainFailure(service_ ? TelvaneKeychainError::Failed : TelvaneKeychainError::Unavailable,
+                    "secret-service keyring: cannot %s: %s%s", what_, step,
+                    error ? error->message : "unknown error");
     // libsecret keeps its service proxy for the life of the process; one whose connection has closed (the
     // bus was restarted) would fail every later call, so let the next operation connect afresh.
     if (error && g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED))
@@ -73,7 +78,8 @@ void Operation::fail(const GError *error, const char *step)
 
 void Operation::failLocked()
 {
-    telvaneLog("secret-service keyring: cannot %s: the keyring is locked", what_);
+    keychainFailure(TelvaneKeychainError::Locked, "secret-service keyring: cannot %s: the keyring is locked",
+                    what_);
 }
 
 SecretService *Operation::service()
