@@ -150,8 +150,8 @@ TEST_F(CliTest, RememberKeepsThePairInTheFileKeyringAndForgetRemovesIt)
     const auto unkept = telvane(login({"run", "--remember", sshd().host(), echo}),
                                 {.environment = {{"XDG_DATA_HOME", passwordFile + "/data"}}});
     EXPECT_EQ(0, unkept.status) << unkept.err;
-    EXPECT_NE(npos, unkept.err.find("--remember: the credentials could not be kept in the file keyring: file "
-                                    "keyring: cannot create"))
+    EXPECT_NE(npos, unkept.err.find("--remember: the credentials for 127.0.0.1 could not be kept in the file "
+                                    "keyring: file keyring: cannot create"))
         << unkept.err;
 
     // Without --remember nothing is kept.

@@ -68,15 +68,15 @@ TEST_F(Fleet, PrefixedLinesSummaryAndTheExitStatusSayWhatHappened)
               ": Connection refused",
           refused + ": authentication failed: the server refused", "2 not reached or refused"}},
         {{"cellar", good[0]}, "echo in", "run", 0, {"cellar: in"}, {"telvane: cellar: exited 0"}},
-        // diagnose: each host's transcript, line by line, its marks taken out.
+        // diagnose: each host's transcript, line by line, its marks kept without colour.
         {{good[0], closed},
          "echo '*hot*'\n",
          "diagnose",
          3,
-         {good[0] + ": Connecting over SSH to 127.0.0.1 on port " + port + ": OK", good[0] + ": hot",
+         {good[0] + ": Connecting over SSH to 127.0.0.1 on port " + port + ": OK", good[0] + ": *hot*",
           good[0] + ": Diagnostics completed.",
           closed + ": Connecting over SSH to 127.0.0.1 on port " + std::to_string(closedPort.port()) +
-              ": failed"},
+              ": *failed*"},
          {}},
     };
     for (const auto &row : rows) {

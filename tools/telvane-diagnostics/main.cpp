@@ -2,10 +2,10 @@
 #include "PasswordFile.h"
 #include "ScriptFile.h"
 
-#include <Telvane/TelvaneLog.h>
-#include <Telvane/TelvaneSecret.h>
 #include <Telvane/Telvane.h>
 #include <Telvane/TelvaneDiagnosticsView.h>
+#include <Telvane/TelvaneLog.h>
+#include <Telvane/TelvaneSecret.h>
 #include <Telvane/Telvane_vers.h>
 
 #include <QtCore/QCommandLineParser>
@@ -18,11 +18,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <optional>
-#include <thread>
 
 namespace {
 
@@ -208,6 +206,54 @@ QStringList argumentList(int argc, char **argv)
     return arguments;
 }
 
+/// The sensor that @p parser's arguments ask for; nothing, with the usage error said and its status in
+/// @p status, when they do not make one.
+std::optional<Sensor> checkedSensor(const QCommandLineParser &parser, std::optional<int> &status)
+{
+    QString error;
+    auto options = sensorFromArguments(parser, error);
+    if (!options)
+        status = usageError(error);
+    return options;
+}
+
+/// The options of the command line, parsed before the application object connects to a display; nothing
+/// (and the exit status in @p status) when the process should end at once. Should the arguments hold Qt's
+/// own options (-platform, ...), they are parsed once Qt has taken those out (see optionsAfterQt).
+std::optional<Sensor> optionsBeforeQt(int argc, char **argv, std::optional<int> &status)
+{
+    QCommandLineParser parser;
+    configure(parser);
+    if (!parser.parse(argumentList(argc, argv))) {
+        if (!onlyQtOptionsUnknown(parser))
+            status = usageError(parser.errorText() + QStringLiteral(" (see --help)"));
+        return std::nullopt;
+    }
+    if (parser.isSet(QStringLiteral("help"))) {
+        std::fputs(qPrintable(parser.helpText().replace(QLatin1String("<executable_name>"),
+                                                        QCoreApplication::applicationName())),
+                   stdout);
+        status = 0;
+        return std::nullopt;
+    }
+    if (parser.isSet(QStringLiteral("version"))) {
+        std::printf("telvane-diagnostics %.1f\n", TelvaneVersionNumber);
+        status = 0;
+        return std::nullopt;
+    }
+    return checkedSensor(parser, status);
+}
+
+std::optional<Sensor> optionsAfterQt(std::optional<int> &status)
+{
+    QCommandLineParser parser;
+    configure(parser);
+    if (parser.parse(QCoreApplication::arguments()))
+        return checkedSensor(parser, status);
+    status = usageError(parser.errorText() + QStringLiteral(" (see --help)"));
+    return std::nullopt;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -215,44 +261,16 @@ int main(int argc, char **argv)
     QCoreApplication::setApplicationName(QStringLiteral("telvane-diagnostics"));
     QCoreApplication::setApplicationVersion(QString::number(TelvaneVersionNumber, 'f', 1));
 
-    // Help, version and bad input are answered before the application object connects to a display. Should
-    // the arguments hold Qt's own options (-platform, ...), they are parsed again once Qt has taken those
-    // out.
-    std::optional<Sensor> options;
-    {
-        QCommandLineParser parser;
-        configure(parser);
-        if (parser.parse(argumentList(argc, argv))) {
-            if (parser.isSet(QStringLiteral("help"))) {
-                std::fputs(qPrintable(parser.helpText().replace(QLatin1String("<executable_name>"),
-                                                                QCoreApplication::applicationName())),
-                           stdout);
-                return 0;
-            }
-            if (parser.isSet(QStringLiteral("version"))) {
-                std::printf("telvane-diagnostics %.1f\n", TelvaneVersionNumber);
-                return 0;
-            }
-            QString error;
-            if (!(options = sensorFromArguments(parser, error)))
-                return usageError(error);
-        } else if (!onlyQtOptionsUnknown(parser)) {
-            return usageError(parser.errorText() + QStringLiteral(" (see --help)"));
-        }
-    }
-
+    // Help, version and bad input are answered before the application object connects to a display.
+    std::optional<int> status;
+    std::optional<Sensor> options = optionsBeforeQt(argc, argv, status);
+    if (status)
+        return *status;
     auto app = std::make_unique<QApplication>(argc, argv);
     QApplication::setApplicationDisplayName(QStringLiteral("Telvane Diagnostics"));
     QApplication::setDesktopFileName(QStringLiteral("telvane-diagnostics"));
-    if (!options) {
-        QCommandLineParser parser;
-        configure(parser);
-        if (!parser.parse(QCoreApplication::arguments()))
-            return usageError(parser.errorText() + QStringLiteral(" (see --help)"));
-        QString error;
-        if (!(options = sensorFromArguments(parser, error)))
-            return usageError(error);
-    }
+    if (!options && !(options = optionsAfterQt(status)))
+        return *status;
 
     // The window shows what went wrong; the library's own lines are for -v, as with telvane.
     if (!options->verbose)
@@ -265,15 +283,14 @@ int main(int argc, char **argv)
     panel->setWindowTitle(options->name);
     closeWindowsOnSignals(*app);
     panel->show(); // starts the first run
-    const int status = app->exec();
+    const int exitStatus = app->exec();
 
     // Closing the window leaves the run going; end it so that the process ends now and not at its time-out.
+    // close() tears every run down on this thread: what the runs' threads still do is let go of what they
+    // hold, and the widgets library waits for its connecting threads at exit.
     sensor->stopScript();
     panel.reset();
     // The application takes a prompt that is still waiting with it, releasing the run's thread.
     app.reset();
-    // The sensor's threads let go of it as their last step; no thread of a run outlives main.
-    for (int i = 0; i < 500 && sensor.use_count() > 1; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return status;
+    return exitStatus;
 }

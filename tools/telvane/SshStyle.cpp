@@ -1,16 +1,12 @@
 #include "SshStyle.h"
 
 #include "HomeDirectory.h"
-#include "HostList.h"
 
 #include <libssh/libssh.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <memory>
 #include <sys/stat.h>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -36,42 +32,34 @@ std::optional<std::string> sessionOption(ssh_session session, ssh_options_e type
     return text;
 }
 
-} // namespace
-
-bool settleHostSpec(Options &options, bool &portGiven, std::string &error)
+bool parseStrictness(const std::string &value, HostKeyChecking &checking, std::string &error)
 {
-    auto parsed = parseHostSpec(options.host, 0, error); // 0: no port written in the host
-    if (!parsed)
+    const std::string mode = lowered(value);
+    if (mode != "accept-new" && mode != "yes" && mode != "no" && mode != "ask" && mode != "off") {
+        error = "-o StrictHostKeyChecking: expected accept-new, yes, no or ask, got '" + value + "'";
         return false;
-    if (!options.user)
-        options.user = parsed->user;
-    if (!portGiven && parsed->port != 0) {
-        options.port = parsed->port;
-        portGiven = true; // so that ~/.ssh/config's Port (or libssh's 22) does not override it
     }
-    options.host = parsed->host;
+    checking.mode = mode == "off" ? "no" : mode;
     return true;
 }
 
-bool applySshOptions(const std::vector<std::string> &given, Options &options, std::string &error)
+} // namespace
+
+bool parseSshOptions(const std::vector<std::string> &given, HostKeyChecking &checking, std::string &error)
 {
     for (const auto &option : given) {
         const auto split = option.find_first_of("= ");
         const std::string key = lowered(option.substr(0, split));
         const std::string value = split == std::string::npos ? "" : option.substr(split + 1);
         if (key == "stricthostkeychecking") {
-            const std::string mode = lowered(value);
-            if (mode != "accept-new" && mode != "yes" && mode != "no" && mode != "ask" && mode != "off") {
-                error = "-o StrictHostKeyChecking: expected accept-new, yes, no or ask, got '" + value + "'";
+            if (!parseStrictness(value, checking, error))
                 return false;
-            }
-            options.strictHostKeyChecking = mode == "off" ? "no" : mode;
         } else if (key == "userknownhostsfile") {
             if (value.empty()) {
                 error = "-o UserKnownHostsFile: expected a file name";
                 return false;
             }
-            options.knownHostsFile = value;
+            checking.knownHostsFile = value;
         } else {
             error =
                 "-o " + option + ": unsupported option (StrictHostKeyChecking and UserKnownHostsFile are)";
@@ -81,40 +69,38 @@ bool applySshOptions(const std::vector<std::string> &given, Options &options, st
     return true;
 }
 
-void applySshConfig(Options &options, bool portGiven)
+TelvaneHostKeyPolicy hostKeyPolicyFor(const std::string &mode)
 {
+    if (mode == "no")
+        return TelvaneHostKeyPolicy::AcceptAny;
+    if (mode == "yes" || mode == "ask")
+        return TelvaneHostKeyPolicy::Strict;
+    return TelvaneHostKeyPolicy::AcceptNew;
+}
+
+SshConfigEntry lookUpSshConfig(const std::string &host)
+{
+    SshConfigEntry entry;
     const std::string home = homeDirectory();
-    if (home.empty())
-        return; // no home: no config, rather than "/.ssh/config"
-    const std::string path = home + "/.ssh/config";
     struct stat st
     {
     };
-    if (::stat(path.c_str(), &st) != 0)
-        return;
+    // No home: no config, rather than "/.ssh/config".
+    if (home.empty() || ::stat((home + "/.ssh/config").c_str(), &st) != 0)
+        return entry;
     std::unique_ptr<ssh_session_struct, SessionFree> session(ssh_new());
-    if (!session || ssh_options_set(session.get(), SSH_OPTIONS_HOST, options.host.c_str()) != SSH_OK)
-        return;
-    // The user libssh assumes before the file is read: a different one afterwards came from "User".
+    if (!session || ssh_options_set(session.get(), SSH_OPTIONS_HOST, host.c_str()) != SSH_OK)
+        return entry;
+    // The user and port libssh assume before the file is read: others afterwards came from the file.
     const auto defaultUser = sessionOption(session.get(), SSH_OPTIONS_USER);
-    if (ssh_options_parse_config(session.get(), path.c_str()) != SSH_OK)
-        return;
-    if (const auto hostName = sessionOption(session.get(), SSH_OPTIONS_HOST);
-        hostName && *hostName != options.host)
-        options.connectHost = *hostName;
+    if (ssh_options_parse_config(session.get(), (home + "/.ssh/config").c_str()) != SSH_OK)
+        return entry;
+    if (const auto hostName = sessionOption(session.get(), SSH_OPTIONS_HOST); hostName && *hostName != host)
+        entry.hostName = *hostName;
     unsigned port = 0;
-    if (!portGiven && ssh_options_get_port(session.get(), &port) == SSH_OK && port > 0)
-        options.port = port;
-    if (const auto user = sessionOption(session.get(), SSH_OPTIONS_USER);
-        !options.user && user && user != defaultUser)
-        options.user = user;
-}
-
-TelvaneHostKeyPolicy hostKeyPolicyFor(const std::string &strictHostKeyChecking)
-{
-    if (strictHostKeyChecking == "no")
-        return TelvaneHostKeyPolicy::AcceptAny;
-    if (strictHostKeyChecking == "yes" || strictHostKeyChecking == "ask")
-        return TelvaneHostKeyPolicy::Strict;
-    return TelvaneHostKeyPolicy::AcceptNew;
+    if (ssh_options_get_port(session.get(), &port) == SSH_OK && port > 0 && port != 22)
+        entry.port = port;
+    if (const auto user = sessionOption(session.get(), SSH_OPTIONS_USER); user && user != defaultUser)
+        entry.user = user;
+    return entry;
 }

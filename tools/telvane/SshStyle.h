@@ -1,21 +1,30 @@
-// The habits ssh users bring to the command line: user@host, -o options, and host aliases of ~/.ssh/config.
+// The habits ssh users bring to the command line: -o options and host aliases of ~/.ssh/config.
 #pragma once
 
-#include "Options.h"
+#include <Telvane/Telvane.h>
 
+#include <optional>
 #include <string>
+#include <vector>
 
-/// Splits USER@HOST (and HOST:PORT, [IPV6]:PORT) in options.host; -l wins over the USER written there, and
-/// -p over the PORT; a PORT written there sets @p portGiven. False, with @p error, when the host is not one
-/// of those forms.
-bool settleHostSpec(Options &options, bool &portGiven, std::string &error);
+/// The host-key checking that -o options ask for.
+struct HostKeyChecking
+{
+    std::string mode = "accept-new"; ///< StrictHostKeyChecking: accept-new, yes, no or ask
+    std::string knownHostsFile;      ///< UserKnownHostsFile; empty: ~/.ssh/known_hosts
+};
 
 /// Reads each -o KEY=VALUE (or "KEY VALUE"); StrictHostKeyChecking and UserKnownHostsFile are understood.
-bool applySshOptions(const std::vector<std::string> &given, Options &options, std::string &error);
-
-/// Looks options.host up in ~/.ssh/config through libssh's parser: HostName goes to options.connectHost,
-/// Port and User apply unless the command line gave them.
-void applySshConfig(Options &options, bool portGiven);
+bool parseSshOptions(const std::vector<std::string> &given, HostKeyChecking &checking, std::string &error);
 
 /// The sensor's policy for a StrictHostKeyChecking value ("ask" is Strict: a question may accept a key).
-TelvaneHostKeyPolicy hostKeyPolicyFor(const std::string &strictHostKeyChecking);
+TelvaneHostKeyPolicy hostKeyPolicyFor(const std::string &mode);
+
+/// What ~/.ssh/config says about a host name, read through libssh's parser: nothing where it says nothing.
+struct SshConfigEntry
+{
+    std::string hostName; ///< the HostName of an alias, when it differs from the name
+    long port = 0;        ///< its Port; 0: none
+    std::optional<std::string> user;
+};
+SshConfigEntry lookUpSshConfig(const std::string &host);

@@ -3,7 +3,6 @@
 #include <Telvane/TelvaneCredentials.h>
 
 #include <cerrno>
-#include <condition_variable>
 #include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
@@ -30,11 +29,35 @@ void TtyPrompt::cancel()
     [[maybe_unused]] ssize_t n = ::write(cancel_, &one, sizeof one);
 }
 
+// Reads one line from the terminal into @p line; false at end of input, on an error or when cancelled.
+bool TtyPrompt::readLine(std::string &line)
+{
+    for (;;) {
+        pollfd fds[2] = {{tty_, POLLIN, 0}, {cancel_, POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        if (fds[1].revents)
+            return false;
+        char c;
+        const ssize_t n = ::read(tty_, &c, 1);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        if (c == '\n' || c == '\r')
+            return true;
+        line.push_back(c);
+    }
+}
+
 std::optional<std::string> TtyPrompt::ask(const std::string &prompt, bool hidden)
 {
     if (tty_ < 0)
         return std::nullopt;
-    // One question at a time: hosts of a fleet run may ask at once, and their prompts and answers (and the
+    // One question at a time: hosts of a run may ask at once, and their prompts and answers (and the
     // terminal's echo setting) must not interleave.
     std::lock_guard lock(mutex_);
     termios saved{};
@@ -47,28 +70,7 @@ std::optional<std::string> TtyPrompt::ask(const std::string &prompt, bool hidden
     }
     writeAll(tty_, prompt);
     std::string line;
-    bool complete = false;
-    for (;;) {
-        pollfd fds[2] = {{tty_, POLLIN, 0}, {cancel_, POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
-            if (errno == EINTR)
-                continue;
-            break;
-        }
-        if (fds[1].revents)
-            break;
-        char c;
-        const ssize_t n = ::read(tty_, &c, 1);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        if (c == '\n' || c == '\r') {
-            complete = true;
-            break;
-        }
-        line.push_back(c);
-    }
+    const bool complete = readLine(line);
     if (restore)
         ::tcsetattr(tty_, TCSAFLUSH, &saved);
     if (!complete) {
@@ -78,38 +80,6 @@ std::optional<std::string> TtyPrompt::ask(const std::string &prompt, bool hidden
         return std::nullopt;
     }
     return line;
-}
-
-Progress::Progress(std::string text) : text_(std::move(text))
-{
-    if (!::isatty(STDERR_FILENO))
-        return;
-    thread_ = std::thread([this] {
-        static const char frames[] = "|/-\\";
-        std::unique_lock lock(mutex_);
-        for (unsigned i = 0; !stopped_; ++i) {
-            const std::string line = "\r" + text_ + " " + frames[i % 4];
-            writeAll(STDERR_FILENO, line);
-            wake_.wait_for(lock, std::chrono::milliseconds(120));
-        }
-        writeAll(STDERR_FILENO, "\r\033[K");
-    });
-}
-
-Progress::~Progress()
-{
-    stop();
-}
-
-void Progress::stop()
-{
-    {
-        std::lock_guard lock(mutex_);
-        stopped_ = true;
-    }
-    wake_.notify_all();
-    if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id())
-        std::call_once(joined_, [this] { thread_.join(); });
 }
 
 bool colourWanted(int fd)

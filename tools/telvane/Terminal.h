@@ -1,12 +1,10 @@
-// The controlling terminal: questions asked on /dev/tty, a progress line on standard error, colours.
+// The controlling terminal: questions asked on /dev/tty, colours.
 #pragma once
 
-#include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 
 /// Asks questions on the controlling terminal, so that answers never mix with the script's output.
 /// cancel() from any thread ends a question that is waiting, and every later one. Questions from several
@@ -26,27 +24,11 @@ public:
     void cancel();
 
 private:
+    bool readLine(std::string &line);
+
     int tty_ = -1;
     int cancel_ = -1;  // eventfd, readable once cancelled
     std::mutex mutex_; // held for the whole of a question
-};
-
-/// A small "connecting" indicator on standard error while nothing else is shown; only on a terminal.
-class Progress
-{
-public:
-    explicit Progress(std::string text);
-    ~Progress();
-    /// Removes the indicator for good. Any thread; safe to call again.
-    void stop();
-
-private:
-    std::mutex mutex_;
-    std::condition_variable_any wake_;
-    bool stopped_ = false; // guarded by mutex_
-    std::string text_;
-    std::once_flag joined_;
-    std::thread thread_;
 };
 
 /// True when @p fd is a terminal and NO_COLOR is not set.

@@ -36,21 +36,6 @@ std::optional<double> parseTimeout(const std::string &text, std::string &error)
     return seconds;
 }
 
-bool checkHost(const std::string &host, std::string &error)
-{
-    if (host.empty()) {
-        error = "the host is empty";
-        return false;
-    }
-    for (const char c : host) {
-        if (static_cast<unsigned char>(c) <= ' ' || c == 0x7f) {
-            error = "the host holds a blank or a control character";
-            return false;
-        }
-    }
-    return true;
-}
-
 bool checkKeyringChoice(std::string &error)
 {
     const char *choice = std::getenv("TELVANE_KEYRING");

@@ -17,8 +17,5 @@ bool parseArguments(const std::vector<std::string> &given, TelvaneArguments &arg
 /// The seconds of a --timeout value: a positive, finite decimal number.
 std::optional<double> parseTimeout(const std::string &text, std::string &error);
 
-/// An empty host, or one with blanks or control characters in it, names no machine.
-bool checkHost(const std::string &host, std::string &error);
-
 /// TELVANE_KEYRING, when set, must name a keyring that exists; a misspelt one would keep nothing.
 bool checkKeyringChoice(std::string &error);

@@ -1,0 +1,109 @@
+#include "Hosts.h"
+
+#include "HostSpec.h"
+#include "SshStyle.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <unordered_map>
+
+namespace {
+
+std::string trimmed(const std::string &line)
+{
+    const auto first = line.find_first_not_of(" \t\r");
+    if (first == std::string::npos)
+        return {};
+    return line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
+}
+
+// An empty host, or one with blanks or control characters in it, names no machine.
+bool checkHost(const std::string &host, std::string &error)
+{
+    if (host.empty()) {
+        error = "the host is empty";
+        return false;
+    }
+    for (const char c : host) {
+        if (static_cast<unsigned char>(c) <= ' ' || c == 0x7f) {
+            error = "the host holds a blank or a control character";
+            return false;
+        }
+    }
+    return true;
+}
+
+struct WrittenHost
+{
+    std::string text;
+    std::string origin; // "FILE line N: " for a line of the hosts file
+};
+
+// The hosts as written: on the command line, then in the hosts file.
+std::optional<std::vector<WrittenHost>> writtenHosts(const HostRequest &request, std::string &error)
+{
+    std::vector<WrittenHost> hosts;
+    for (const auto &text : request.written)
+        hosts.push_back({text, {}});
+    if (!request.hostsFile)
+        return hosts;
+    std::ifstream in(*request.hostsFile);
+    if (!in) {
+        error = "cannot read the hosts file " + *request.hostsFile + ": " + std::strerror(errno);
+        return std::nullopt;
+    }
+    int number = 0;
+    for (std::string line; std::getline(in, line);) {
+        line = trimmed(line);
+        ++number;
+        if (!line.empty() && line.front() != '#')
+            hosts.push_back({line, *request.hostsFile + " line " + std::to_string(number) + ": "});
+    }
+    if (hosts.empty()) {
+        error = "no hosts to run on (the hosts file holds none)";
+        return std::nullopt;
+    }
+    return hosts;
+}
+
+HostSettings settle(HostSpec spec, const HostRequest &request, const HostKeyChecking &checking)
+{
+    const SshConfigEntry alias = lookUpSshConfig(spec.host);
+    HostSettings host;
+    host.label = std::move(spec.label);
+    host.host = std::move(spec.host);
+    host.connectHost = alias.hostName;
+    host.port = spec.port != 0 ? spec.port : request.port.value_or(alias.port != 0 ? alias.port : 22);
+    host.user = spec.user ? spec.user : request.user ? request.user : alias.user;
+    host.knownHostsFile = checking.knownHostsFile;
+    host.policy = hostKeyPolicyFor(checking.mode);
+    host.askAboutKeys = checking.mode == "ask";
+    return host;
+}
+
+} // namespace
+
+std::optional<std::vector<HostSettings>> settleHosts(const HostRequest &request, std::string &error)
+{
+    HostKeyChecking checking;
+    if (!parseSshOptions(request.sshOptions, checking, error))
+        return std::nullopt;
+    const auto written = writtenHosts(request, error);
+    if (!written)
+        return std::nullopt;
+    std::vector<HostSettings> hosts;
+    std::unordered_map<std::string, int> seen;
+    for (const auto &[text, origin] : *written) {
+        auto spec =
+            checkHost(text, error) ? parseHostSpec(text, 0, error) : std::nullopt; // 0: no port written
+        if (!spec) {
+            error = origin + error;
+            return std::nullopt;
+        }
+        if (const int repeat = ++seen[spec->label]; repeat > 1)
+            spec->label.append(1, '#').append(std::to_string(repeat));
+        hosts.push_back(settle(std::move(*spec), request, checking));
+    }
+    return hosts;
+}
