@@ -1,8 +1,8 @@
-// The command-line host as a user runs it: the real binary against the real loopback sshd, with a home,
+// The command-line tool as a user runs it: the real binary against the real loopback sshd, with a home,
 // keyring and password file of the test's own.
 #pragma once
-#include "support/Loopback.h"
 #include "support/Files.h"
+#include "support/Loopback.h"
 #include "support/Process.h"
 #include "support/SshdFixture.h"
 
@@ -16,16 +16,17 @@ namespace fs = std::filesystem;
 using telvane::test::ProcessOptions;
 using telvane::test::ProcessResult;
 using telvane::test::runProcess;
+constexpr auto npos = std::string::npos;
 
 inline std::size_t occurrences(const std::string &text, const std::string &word)
 {
     std::size_t n = 0;
-    for (auto at = text.find(word); at != std::string::npos; at = text.find(word, at + 1))
+    for (auto at = text.find(word); at != npos; at = text.find(word, at + 1))
         ++n;
     return n;
 }
 
-class CliTest : public telvane::test::SshdTest
+class Cli : public telvane::test::SshdTest
 {
 protected:
     void SetUp() override
@@ -33,9 +34,9 @@ protected:
         SshdTest::SetUp();
         if (IsSkipped() || HasFatalFailure())
             return;
-        ASSERT_FALSE(home.empty());
         passwordFile = write("password", sshd().password() + "\n");
         port = std::to_string(sshd().port());
+        good = {"127.0.0.1:" + port, "[::1]:" + port, sshd().username() + "@localhost:" + port};
     }
 
     // A file only its owner may read, in the test's directory.
@@ -46,7 +47,11 @@ protected:
         fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write);
         return path;
     }
-    // A directory the test account may write to, so that a remote script can leave a mark.
+    std::string script(const std::string &text) const
+    {
+        return write("script" + std::to_string(scripts++), text);
+    }
+    // A file the test account may write, so that a remote script can leave a mark.
     std::string drop(const std::string &name) const
     {
         fs::create_directories(home / "drop");
@@ -54,11 +59,6 @@ protected:
         fs::permissions(home / "drop", fs::perms::all);
         return (home / "drop" / name).string();
     }
-    std::string script(const std::string &text) const
-    {
-        return write("script" + std::to_string(scripts++), text);
-    }
-
     std::map<std::string, std::string> environment() const
     {
         return {{"TELVANE_KEYRING", "file"},
@@ -74,11 +74,13 @@ protected:
         options.environment.merge(environment());
         return runProcess(args, options);
     }
-
-    // The command, then the harness's port, account and password file, then the rest of @p args.
-    std::vector<std::string> login(std::vector<std::string> args) const
+    // The command, the harness's port, account and password file, then @p args; "-H" before each of @p hosts.
+    std::vector<std::string> login(std::vector<std::string> args,
+                                   const std::vector<std::string> &hosts = {}) const
     {
         args.insert(args.begin() + 1, {"-p", port, "-l", sshd().username(), "--password-file", passwordFile});
+        for (const auto &host : hosts)
+            args.insert(args.end() - 1, {"-H", host});
         return args;
     }
 
@@ -87,7 +89,6 @@ protected:
         std::string question;
         std::string answer; // "FINGERPRINT": the host key's fingerprint as the question showed it
     };
-
     // telvane on a terminal of its own, answering each question once it shows, in whatever order they come.
     // The terminal's text goes to `out`; `err` counts the questions answered.
     ProcessResult onTerminal(std::vector<std::string> args, std::vector<Exchange> exchanges) const
@@ -95,8 +96,6 @@ protected:
         args.insert(args.begin(), TELVANE_CLI_PATH);
         int terminal = -1;
         const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
-        if (pid < 0)
-            return {};
         if (pid == 0) {
             for (const auto &[name, value] : environment())
                 setenv(name.c_str(), value.c_str(), 1);
@@ -117,15 +116,14 @@ protected:
             result.out.append(buffer, static_cast<std::size_t>(n));
             for (auto it = exchanges.begin(); it != exchanges.end(); ++it) {
                 const auto at = result.out.find(it->question, seen);
-                if (at == std::string::npos)
+                if (at == npos)
                     continue;
                 seen = at + it->question.size();
-                std::string answer = it->answer;
-                if (answer == "FINGERPRINT") {
-                    const auto from = result.out.find("SHA256:");
-                    answer = result.out.substr(from, result.out.find('.', from) - from);
-                }
-                answer += "\n";
+                const auto from = result.out.find("SHA256:");
+                const std::string answer =
+                    (it->answer == "FINGERPRINT" ? result.out.substr(from, result.out.find('.', from) - from)
+                                                 : it->answer) +
+                    "\n";
                 ++answered;
                 exchanges.erase(it);
                 [[maybe_unused]] const auto written = ::write(terminal, answer.data(), answer.size());
@@ -144,5 +142,8 @@ protected:
     telvane::test::TemporaryDirectory scratch{"telvane-cli"};
     const fs::path home = scratch.path();
     std::string passwordFile, port;
+    std::vector<std::string> good;            // the loopback sshd as 127.0.0.1, ::1 and USER@localhost
+    telvane::test::LoopbackSocket closedPort; // bound, never listening: connections are refused
+    const std::string closed = "127.0.0.1:" + std::to_string(closedPort.port());
     mutable int scripts = 0;
 };

@@ -1,76 +1,139 @@
-// `telvane` on one host, as a user runs it: the real binary against the real loopback sshd.
+// `telvane`, one host or several, as a user runs it: the real binary against the real loopback sshd, reached
+// as 127.0.0.1, ::1 and localhost, beside a closed port and an account that sshd refuses.
 #include "cli/CliFixture.h"
 
+#include <nlohmann/json.hpp>
+#include <sstream>
 #include <sys/stat.h>
-#include <thread>
 
-constexpr auto npos = std::string::npos;
 // Refused by the server, and so logged about: it must vanish like the real one.
 const std::string kWrongPassword = "wrong#Pw-7d1f0c";
 
-TEST_F(CliTest, RunSubstitutesArgumentsInOrderNamesRemovedLinesOnceAndPassesTheStatus)
+// One host: its own status, or one line naming host, port and cause. Several (-H): 0, 1 or 3, each host's
+// lines whole after its label, and a summary. diagnose: the transcript; ssh's spellings of hosts and keys.
+TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
 {
-    const auto ok = telvane(login({"run", "-v", "-a", "WHO=__X__", "-a", "X=world", sshd().host(),
-                                   script("#!/bin/sh\r\necho hello __WHO__\r\necho gone # why\r\n"
-                                          "# a comment\r\n  # another\r\nx=${#y}\r\n\r# cr\r\ntrue\r\n")}));
-    EXPECT_EQ(0, ok.status) << ok.err;
-    EXPECT_EQ("hello world\n", ok.out);
-    EXPECT_EQ(1u, occurrences(ok.err, "CRLF line ends")) << ok.err;
-    EXPECT_EQ(2u, occurrences(ok.err, "holds \"#\", so the whole line is removed")) << ok.err;
-    EXPECT_EQ(1u, occurrences(ok.err, " line 3 holds")) << ok.err;
-    EXPECT_EQ(1u, occurrences(ok.err, " line 6 holds")) << ok.err;
-    EXPECT_EQ(npos, ok.err.find(sshd().password())) << "verbose, yet never the password";
-
-    const auto three =
-        telvane(login({"run", sshd().host(), "-"}), {.input = "echo out; echo err >&2; exit 3\n"});
-    EXPECT_EQ(3, three.status) << three.err;
-    EXPECT_EQ("out\n", three.out); // standard error of the script is not ours
-    EXPECT_EQ("", three.err);
-}
-
-TEST_F(CliTest, EachFailureHasItsStatusAndOneLineNamingHostPortAndCause)
-{
-    const std::string echo = script("echo hi\n"), empty = write("empty", "");
-    telvane::test::LoopbackSocket closed;
-    const std::string closedPort = std::to_string(closed.port());
-    const auto as = [&](const std::string &port, const std::string &file) {
-        return std::vector<std::string>{"run", "-p", port, "-l", sshd().username(), "--password-file", file};
+    const std::string user = sshd().username(), refused = "nobody@127.0.0.1:" + port; // not in AllowUsers
+    const std::string empty = write("empty", ""), wrong = write("wrong", kWrongPassword + "\n");
+    fs::create_directories(home / ".ssh");
+    write(".ssh/config", "Host cellar\n  HostName 127.0.0.1\n  Port " + port + "\n  User " + user + "\n");
+    const std::string changed =
+        "UserKnownHostsFile=" + write("changed", "[127.0.0.1]:" + port +
+                                                     " ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIL98rV3YlPQ7"
+                                                     "pBBYFvr4PWI8gs5M7zXeSgbjOPz+RB3d\n");
+    const auto as = [&](const std::string &file, const std::vector<std::string> &hosts,
+                        std::vector<std::string> args = {"run"}) {
+        args.insert(args.end(), {"-l", user, "--password-file", file});
+        for (const auto &host : hosts)
+            hosts.size() > 1 ? args.insert(args.end(), {"-H", host}) : args.insert(args.end(), host);
+        return args;
     };
-    auto refused = as(port, write("wrong", kWrongPassword + "\n"));
-    refused.push_back("--remember");
+    const std::string diagnose = "Connecting over SSH to 127.0.0.1 on port " + port + ": ";
     const struct
     {
         std::vector<std::string> args;
+        std::string script;
         int status;
-        std::vector<std::string> said;
+        std::vector<std::string> out, err; // each once: lines of standard output, pieces of standard error
     } rows[] = {
-        {refused, 253, {"127.0.0.1 port " + port + ": authentication failed"}},
-        // After the refused --remember: nothing was kept, and there is no terminal to ask on.
-        {{"run", "-p", port}, 254, {"no credentials"}},
-        {as(closedPort, passwordFile),
+        // Arguments in order; removed lines named once; verbose, yet never the password.
+        {as(passwordFile, {good[0]}, {"run", "-v", "-a", "WHO=__X__", "-a", "X=world"}),
+         "#!/bin/sh\r\necho hello __WHO__\r\necho gone # why\r\n# a comment\r\n  # more\r\nx=${#y}\r\n\r# "
+         "cr\r\ntrue\r\n",
+         0,
+         {"hello world"},
+         {"CRLF line ends", " line 3 holds \"#\"", " line 6 holds \"#\""}},
+        {as(passwordFile, {good[0]}),
+         "echo out; echo err >&2; exit 3",
+         3,
+         {"out"},
+         {}}, // its standard error is not ours
+        {as(wrong, {good[0]}), "echo hi", 253, {}, {"127.0.0.1 port " + port + ": authentication failed"}},
+        {{"run", good[0]}, "echo hi", 254, {}, {"port " + port + ": no credentials"}},
+        {as(passwordFile, {closed}), "echo hi", 255, {}, {"connection failed: ", "Connection refused"}},
+        {as(empty, {good[0]}), "echo hi", 253, {}, {"the password file " + empty + " was empty"}},
+        {as(passwordFile, good),
+         "echo one; printf two",
+         0,
+         {good[0] + ": one", good[1] + ": two", good[2] + ": one"},
+         {"telvane: " + good[1] + ": exited 0 (", "3 hosts: 3 succeeded, 0 script(s) failed"}},
+        {as(passwordFile, {good[0], good[1]}),
+         "echo x; exit 5",
+         1,
+         {good[0] + ": x"},
+         {good[1] + ": exited 5", "2 script(s) failed"}},
+        {as(passwordFile, {good[0], closed, refused}),
+         "echo y",
+         3,
+         {good[0] + ": y"},
+         {closed + ": connection failed: connect to 127.0.0.1 port " + std::to_string(closedPort.port()),
+          refused + ": authentication failed: the server refused", "2 not reached or refused"}},
+        // Without colour a finding keeps its asterisks; the closing line starts a line of its own.
+        {as(passwordFile, {good[0]}, {"diagnose"}),
+         "echo '*hot*'; printf tail; exit 2",
+         2,
+         {diagnose + "OK", "*hot*", "tail", "Diagnostics terminated with error: 2"},
+         {}},
+        {as(passwordFile, {good[0]}, {"diagnose", "--color=always"}),
+         "echo '*hot*'",
+         0,
+         {diagnose + "OK", "\033[31mhot\n\033[0mDiagnostics completed."},
+         {}},
+        {as(wrong, {good[0]}, {"diagnose"}),
+         "echo hi",
+         253,
+         {diagnose + "*invalid credentials*", "Diagnostics completed."},
+         {"authentication failed"}},
+        {as(passwordFile, {good[0], closed}, {"diagnose"}),
+         "echo '*hot*'",
+         3,
+         {good[0] + ": " + diagnose + "OK", good[0] + ": *hot*", good[0] + ": Diagnostics completed.",
+          closed + ": Connecting over SSH to 127.0.0.1 on port " + std::to_string(closedPort.port()) +
+              ": *failed*"},
+         {"1 not reached or refused"}},
+        // ssh's spellings: what is written with the host wins over -l and -p; aliases; host-key checking.
+        {{"run", "-l", "nobody", "-p", "1", "--password-file", passwordFile, user + "@127.0.0.1:" + port},
+         "echo in",
+         0,
+         {"in"},
+         {}},
+        {{"run", "--password-file", passwordFile, "cellar"}, "echo in", 0, {"in"}, {}},
+        {as(passwordFile, {good[0]},
+            {"run", "-o", "StrictHostKeyChecking=yes", "-o", "UserKnownHostsFile=/dev/null"}),
+         "echo in",
          255,
-         {"port " + closedPort + ": connection failed: ", "Connection refused"}},
-        {as(port, empty), 253, {"the password file " + empty + " was empty"}},
+         {},
+         {"Host key verification failed"}},
+        {as(passwordFile, {good[0]}, {"run", "-o", changed}), "echo in", 255, {}, {"has changed"}},
+        {as(passwordFile, {good[0]}, {"run", "-o", changed, "-o", "StrictHostKeyChecking=no"}),
+         "echo in",
+         0,
+         {"in"},
+         {}},
     };
     for (auto row : rows) {
-        row.args.insert(row.args.end(), {sshd().host(), echo});
+        row.args.push_back(script(row.script));
         const auto result = telvane(row.args);
-        EXPECT_EQ(row.status, result.status) << result.err;
-        for (const auto &piece : row.said)
-            EXPECT_NE(npos, result.err.find(piece)) << result.err;
-        EXPECT_EQ(1u, occurrences(result.err, "\n")) << result.err;
-        EXPECT_EQ(npos, result.err.find(sshd().password()));
-        EXPECT_EQ(npos, result.err.find(kWrongPassword));
+        EXPECT_EQ(row.status, result.status) << row.script << ": " << result.err;
+        for (const auto &line : row.out)
+            EXPECT_EQ(1u, occurrences(result.out, line + "\n")) << line << " in\n" << result.out;
+        for (const auto &piece : row.err)
+            EXPECT_EQ(1u, occurrences(result.err, piece)) << piece << " in\n" << result.err;
+        EXPECT_EQ(row.err.empty() ? "" : result.err, result.err);
+        EXPECT_EQ(row.status > 250 ? 1u : occurrences(result.err, "\n"), occurrences(result.err, "\n"))
+            << "one line";
+        EXPECT_EQ(npos, (result.out + result.err).find(sshd().password()));
+        EXPECT_EQ(npos, (result.out + result.err).find(kWrongPassword));
     }
 }
 
-TEST_F(CliTest, BadInputIsRefusedWithStatusTwoInOneLineAndNothingSent)
+TEST_F(Cli, BadInputIsRefusedWithStatusTwoInOneLineAndNothingSent)
 {
-    const std::string marker = drop("ran"), touch = script("touch " + marker + "\n");
+    const std::string marker = drop("ran"), touch = script("touch " + marker + "\n"),
+                      home = this->home.string();
     chmod(touch.c_str(), 0644);
     const std::string latin1 = script("echo Gr\xfc\xdf"
-                                      "e\n"),
-                      home = this->home.string();
+                                      "e\n");
     const std::string comments = script("#!/bin/sh\n# only comments\n\n  # and blanks\n");
     const std::string host = sshd().host();
     const struct
@@ -80,34 +143,27 @@ TEST_F(CliTest, BadInputIsRefusedWithStatusTwoInOneLineAndNothingSent)
         std::map<std::string, std::string> environment = {};
     } rows[] = {
         {{"run", "--bogus", host, touch}, "--bogus"},
-        {{"run"}, "HOST"},
+        {{"run"}, "HOST is required"},
         {{"frobnicate", host}, "unknown command frobnicate"},
-        {{"run", "-p", port, host, "/nonexistent/script"}, "cannot read the script /nonexistent/script"},
-        {{"run", "-p", port, host, latin1}, "not UTF-8 text or holds a NUL byte (line 1); nothing was sent"},
+        {{"run", host, latin1}, "not UTF-8 text or holds a NUL byte (line 1); nothing was sent"},
         {{"run", "-o", "Compression=yes", host, touch}, "-o Compression=yes: unsupported option"},
         {{"run", "-o", "StrictHostKeyChecking=maybe", host, touch}, "expected accept-new, yes, no or ask"},
         {{"run", "@" + host, touch}, "has an empty username"},
-        {{"run", "-p", port, "-a", "NOEQUALS", host, touch}, "--arg NOEQUALS: expected KEY=VALUE"},
+        {{"run", "-a", "NOEQUALS", host, touch}, "--arg NOEQUALS: expected KEY=VALUE"},
         {{"run", "-p", "70000", host, touch}, "70000"},
-        {{"run", "-p", "ssh", host, touch}, "ssh"},
-        {{"run", "-t", "-1", "-p", port, host, touch}, "-1"},
-        {{"run", "-t", "abc", "-p", port, host, touch},
-         "--timeout: expected a positive number of seconds, got 'abc'"},
-        {{"run", "-t", "nan", "-p", port, host, touch}, "got 'nan'"},
-        {{"run", "-p", port, "--password-file", "/nonexistent/pw", host, touch}, "/nonexistent/pw"},
-        {{"run", "-p", port, "--password-file", home, host, touch},
-         "the password file " + home + " is a directory"},
-        {{"run", "-p", port, host, home}, "the script " + home + " is a directory"},
-        {{"run", "-p", port, "", touch}, "the host is empty"},
-        {{"run", "-p", port, host, comments}, "has nothing to run: every line is blank or holds \"#\""},
-        {{"run", "-p", port, "-a", "C=#ff0000", host, touch}, "--arg C: the value holds \"#\""},
-        {{"run", "-p", port, host, touch},
+        {{"run", "-t", "-1", host, touch}, "-1"},
+        {{"run", "-t", "abc", host, touch}, "--timeout: expected a positive number of seconds, got 'abc'"},
+        {{"run", "--password-file", "/nonexistent/pw", host, touch}, "/nonexistent/pw"},
+        {{"run", host, home}, "the script " + home + " is a directory"},
+        {{"run", "", touch}, "the host is empty"},
+        {{"run", host, comments}, "has nothing to run: every line is blank or holds \"#\""},
+        {{"run", "-a", "C=#ff0000", host, touch}, "--arg C: the value holds \"#\""},
+        {{"run", host, touch},
          "TELVANE_KEYRING: unknown keyring 'fiel' (use secret-service, file or memory)",
          {{"TELVANE_KEYRING", "fiel"}}},
         {{"diagnose", "--color=sometimes", host, touch}, "sometimes"},
         {{"run", "-H", "[::1", touch}, "[IPV6]"},
         {{"run", "-H", "host:0", touch}, "bad port \"0\""},
-        {{"run", "-H", "@host", touch}, "empty username"},
         {{"run", "--hosts", "/nonexistent/hosts", touch}, "cannot read the hosts file /nonexistent/hosts"},
         {{"run", "--hosts", "/dev/null", touch}, "no hosts"},
         {{"run", "-H", "a", "--json", "--output-dir", "/tmp", touch}, "excludes"},
@@ -129,22 +185,31 @@ TEST_F(CliTest, BadInputIsRefusedWithStatusTwoInOneLineAndNothingSent)
     EXPECT_NE(npos, warned.err.find("readable by others")) << warned.err;
 }
 
-TEST_F(CliTest, RememberKeepsThePairInTheFileKeyringAndForgetRemovesIt)
+// A pair given whole on the command line comes before the stored one and never deletes it; --remember keeps
+// it once the server took it, and says so when the keyring could not.
+TEST_F(Cli, GivenCredentialsComeFirstAndRememberKeepsThemAsTheKeyringSays)
 {
-    const std::string echo = script("echo remembered\n");
-    ASSERT_EQ(0, telvane(login({"run", "--remember", sshd().host(), echo})).status);
+    const std::string echo = script("echo in\n"), wrong = write("wrong", kWrongPassword + "\n");
+    const auto given = [&](const std::string &file, std::vector<std::string> more = {}) {
+        more.insert(more.begin(), {"run", "-p", port, "-l", sshd().username(), "--password-file", file});
+        more.insert(more.end(), {sshd().host(), echo});
+        return telvane(more).status;
+    };
+    EXPECT_EQ(253, given(wrong, {"--remember"}));
+    EXPECT_EQ(254, telvane({"run", "-p", port, sshd().host(), echo}).status) << "nothing was kept";
+    EXPECT_EQ(0, given(passwordFile, {"--remember"}));
     const fs::path keyring = home / "data" / "telvane" / "keyring";
-    ASSERT_TRUE(fs::exists(keyring));
     EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::status(keyring).permissions());
-
+    EXPECT_EQ(253, given(wrong)) << "the given pair comes first";
     const auto stored = telvane({"run", "-p", port, sshd().host(), echo});
-    EXPECT_EQ(0, stored.status) << stored.err;
-    EXPECT_EQ("remembered\n", stored.out);
+    EXPECT_EQ(0, stored.status) << "the refused given pair deleted the stored one: " << stored.err;
+    EXPECT_EQ("in\n", stored.out);
     EXPECT_EQ(0, telvane({"forget", sshd().host()}).status);
     const auto again = telvane({"forget", sshd().host()});
     EXPECT_EQ(1, again.status);
     EXPECT_NE(npos, again.err.find("no stored credentials for 127.0.0.1"));
-    EXPECT_EQ(254, telvane({"run", "-p", port, sshd().host(), echo}).status);
+    EXPECT_EQ(0, given(passwordFile));
+    EXPECT_EQ(1, telvane({"forget", sshd().host()}).status) << "kept without --remember";
 
     // A keyring that cannot be written: the run keeps its status, and the user learns that nothing was kept.
     const auto unkept = telvane(login({"run", "--remember", sshd().host(), echo}),
@@ -153,82 +218,98 @@ TEST_F(CliTest, RememberKeepsThePairInTheFileKeyringAndForgetRemovesIt)
     EXPECT_NE(npos, unkept.err.find("--remember: the credentials for 127.0.0.1 could not be kept in the file "
                                     "keyring: file keyring: cannot create"))
         << unkept.err;
-
-    // Without --remember nothing is kept.
-    ASSERT_EQ(0, telvane(login({"run", sshd().host(), echo})).status);
-    EXPECT_EQ(1, telvane({"forget", sshd().host()}).status);
 }
 
-TEST_F(CliTest, DiagnoseShowsTheTranscriptAndExitsZeroOnlyForStatusZero)
+TEST_F(Cli, HostsFileOutputDirectoryAndJsonRecords)
 {
-    const auto ok = telvane(login({"diagnose", sshd().host(), script("echo hello\n")}));
-    EXPECT_EQ(0, ok.status) << ok.err;
-    EXPECT_EQ("Connecting over SSH to 127.0.0.1 on port " + port + ": OK\nhello\nDiagnostics completed.\n",
-              ok.out);
+    const std::string hosts =
+        write("hosts", "# the rack\n\n  " + good[0] + "\n" + good[1] + "  \n" + closed + "\n");
+    const fs::path dir = home / "out";
+    fs::create_directories(dir);
+    fs::create_symlink("/dev/full", dir / good[2]); // a full disk for one host
+    const auto files = telvane(
+        login({"run", "--hosts", hosts, "--output-dir", dir, script("echo $SSH_CONNECTION | cut -d' ' -f3")},
+              {good[2]}));
+    EXPECT_EQ(3, files.status) << files.err;
+    EXPECT_NE(npos, files.err.find(good[2] + ": cannot write " + (dir / good[2]).string() +
+                                   ": No space left on device"))
+        << files.err;
+    EXPECT_EQ("", files.out);
+    EXPECT_EQ("127.0.0.1\n", telvane::test::readFile(dir / good[0]));
+    EXPECT_EQ("::1\n", telvane::test::readFile(dir / good[1]));
 
-    // Without colour a finding keeps its asterisks; the closing line starts a line of its own.
-    const std::string finding = script("echo '*disk full*'\nprintf tail\nexit 2\n");
-    for (const auto &[colour, shown] :
-         std::map<std::string, std::string>{{"--color=auto", "*disk full*\ntail\n"},
-                                            {"--color=never", "*disk full*\ntail\n"},
-                                            {"--color=always", "\033[31mdisk full\n\033[0mtail\n"}}) {
-        const auto marked = telvane(login({"diagnose", colour, sshd().host(), finding}));
-        EXPECT_EQ(2, marked.status);
-        EXPECT_NE(npos, marked.out.find(shown + "Diagnostics terminated with error: 2\n"))
-            << colour << marked.out;
+    // Valid UTF-8 stays text; anything else is base64.
+    const auto json = telvane(
+        login({"run", "--hosts", hosts, "--json", script("printf 'gr\\303\\274n\\n'")}, {good[0], good[2]}));
+    EXPECT_EQ(3, json.status) << json.err;
+    std::map<std::string, nlohmann::json> records;
+    std::istringstream lines(json.out);
+    for (std::string line; std::getline(lines, line);) {
+        const auto record = nlohmann::json::parse(line, nullptr, false);
+        ASSERT_FALSE(record.is_discarded()) << line;
+        records[record["label"].get<std::string>()] = record;
     }
+    ASSERT_EQ(5u, records.size()) << json.out; // the repeated host is there twice, its label marked
+    const auto expected = nlohmann::json::parse(
+        R"({"host": "127.0.0.1", "port": )" + port +
+        R"(, "status": 0, "error": null, "output": "gr\u00fcn\n", "encoding": "utf-8"})");
+    for (const auto &[key, value] : expected.items())
+        EXPECT_EQ(value, records.at(good[0])[key]) << key;
+    EXPECT_EQ('Z', records.at(good[0])["start"].get<std::string>().back());
+    EXPECT_TRUE(records.count(good[0] + "#2"));
+    EXPECT_TRUE(records.at(closed)["status"].is_null());
+    EXPECT_EQ(R"({"code":1,"name":"connection")", records.at(closed)["error"].dump().substr(0, 29));
 
-    const auto refused =
-        telvane({"diagnose", "-v", "-p", port, "-l", sshd().username(), "--password-file",
-                 write("wrong", kWrongPassword + "\n"), sshd().host(), script("echo hello\n")});
-    EXPECT_EQ(253, refused.status);
-    EXPECT_NE(npos, refused.out.find(": *invalid credentials*\nDiagnostics completed.\n")) << refused.out;
-    EXPECT_EQ(npos, (refused.out + refused.err).find(kWrongPassword)) << refused.err;
+    // One host, too: its record, and its own status.
+    const auto binary = telvane(login({"run", "--json", sshd().host(), script("printf 'a\\377b'; exit 4")}));
+    EXPECT_EQ(4, binary.status);
+    const auto record = nlohmann::json::parse(binary.out);
+    EXPECT_EQ("base64", record["encoding"]);
+    EXPECT_EQ("Yf9i", record["output"]);
 }
 
-TEST_F(CliTest, StandardOutputErrorsAreRetriedOrReportedNeverLost)
+TEST_F(Cli, StandardOutputErrorsAreRetriedOrReportedNeverLost)
 {
-    std::vector<std::string> direct = login({"run", sshd().host(), "-"});
-    std::string run = TELVANE_CLI_PATH;
-    for (const auto &arg : direct)
-        run += " '" + arg + "'";
-    // Its summary on standard error is not what this row is about.
-    const std::string fleet = std::string(TELVANE_CLI_PATH) + " run -l " + sshd().username() +
-                              " --password-file " + passwordFile + " -H 127.0.0.1:" + port +
-                              " -H [::1]:" + port + " - 2>/dev/null";
-    direct.insert(direct.begin(), TELVANE_CLI_PATH);
+    std::string one = TELVANE_CLI_PATH, several = TELVANE_CLI_PATH;
+    for (const auto &arg : login({"run", sshd().host(), "-"}))
+        one += " '" + arg + "'";
+    for (const auto &arg : login({"run", "-"}, {good[0], good[1]}))
+        several += " '" + arg + "'";
     std::string numbers;
     for (int i = 1; i <= 200000; ++i)
         numbers += std::to_string(i) + "\n";
     const struct
     {
         const char *name;
-        std::vector<std::string> command;
+        std::string command; // for bash
         ProcessOptions options;
         int status;
         std::string out, err;
     } rows[] = {
         {"a full disk",
-         {"/bin/sh", "-c", "exec " + run + " >/dev/full"},
+         one + " >/dev/full",
          {.input = "echo hi\n"},
          252,
          "",
          "telvane: cannot write to standard output: No space left on device\n"},
         // As a program killed by SIGPIPE: status 141, and nothing said.
         {"a reader that closes the pipe",
-         {"/bin/bash", "-c", run + " | head -1; exit ${PIPESTATUS[0]}"},
+         one + " | head -1; exit ${PIPESTATUS[0]}",
          {.input = "seq 1 5000000\n"},
          141,
          "1\n",
          ""},
+        // Every run ends, also that of a host that writes nothing more (the summary is not what this is
+        // about).
         {"a reader that closes the pipe on several hosts",
-         {"/bin/bash", "-c", fleet + " | head -3 >/dev/null; exit ${PIPESTATUS[0]}"},
-         {.input = "yes\n", .timeout = std::chrono::seconds(10)},
+         several + " 2>/dev/null | head -3 >/dev/null; exit ${PIPESTATUS[0]}",
+         {.input = "echo $SSH_CONNECTION | grep -q '^::1' && exec sleep 30; exec yes\n",
+          .timeout = std::chrono::seconds(20)},
          141,
          "",
          ""},
         {"a non-blocking pipe read late",
-         direct,
+         one,
          {.input = "seq 1 200000\n", .nonBlockingOutput = true, .readDelay = std::chrono::milliseconds(700)},
          0,
          numbers,
@@ -236,140 +317,117 @@ TEST_F(CliTest, StandardOutputErrorsAreRetriedOrReportedNeverLost)
     };
     for (auto row : rows) {
         row.options.environment.emplace("TELVANE_KEYRING", "memory");
-        const auto result = runProcess(row.command, row.options);
+        const auto result = runProcess({"/bin/bash", "-c", row.command}, row.options);
         EXPECT_EQ(row.status, result.status) << row.name << ": " << result.err;
         EXPECT_TRUE(row.out == result.out) << row.name << ": " << result.out.size() << " bytes";
         EXPECT_EQ(row.err, result.err) << row.name;
     }
 }
 
-TEST_F(CliTest, InterruptEndsTheRunInEveryStateAndStopsTheRemoteScript)
+// Ctrl-C or SIGTERM ends every run in whatever state it is, the remote scripts too; with several hosts the
+// summary counts what was cut. (The guard on the process is longer than a stop may take, shorter than the
+// connection's time-out.)
+TEST_F(Cli, InterruptEndsEveryRunInEveryStateAndTheRemoteScripts)
 {
     telvane::test::LoopbackSocket silent(4); // accepts and never says a word: the handshake waits
-    const std::string pidFile = drop("pid");
-    const std::string streaming = script("echo $$ > " + pidFile + "\nwhile :; do echo x; sleep 0.05; done\n");
-    const std::string flooding = script("echo $$ > " + pidFile + "\nexec yes flood\n");
+    const std::string silentHost = "127.0.0.1:" + std::to_string(silent.port()), pids = drop("pids");
+    const std::string streaming = "echo $$ >> " + pids + "; while :; do echo x; sleep 0.05; done\n";
+    const std::string flooding = "echo $$ >> " + pids + "; exec yes flood\n";
     const struct
     {
-        const char *state;
-        int port;
+        std::vector<std::string> hosts;
         std::string script;
-        std::chrono::milliseconds readDelay;
         int signal;
-    } rows[] = {
-        {"connecting", silent.port(), streaming, {}, SIGINT},
-        {"connecting", silent.port(), streaming, {}, SIGTERM},
-        {"streaming", sshd().port(), streaming, {}, SIGINT},
-        {"blocked on standard output", sshd().port(), flooding, std::chrono::seconds(30), SIGTERM},
-    };
-    for (const auto &row : rows) {
-        fs::remove(pidFile);
-        const auto result = telvane({"run", "-p", std::to_string(row.port), "-l", sshd().username(),
-                                     "--password-file", passwordFile, sshd().host(), row.script},
-                                    {.timeout = std::chrono::seconds(40),
-                                     .interruptAfter = std::chrono::milliseconds(1000),
-                                     .interruptSignal = row.signal,
-                                     .readDelay = row.readDelay});
-        EXPECT_EQ(128 + row.signal, result.status) << row.state << ": " << result.err;
-        EXPECT_LT(result.seconds, 2.0) << row.state << ": the stop took too long";
-        EXPECT_NE(npos, result.err.find("interrupted")) << row.state << ": " << result.err;
-        if (row.port != sshd().port())
-            continue;
-        // The remote script ends too, within a moment.
-        std::ifstream in(pidFile);
-        pid_t pid = 0;
-        ASSERT_TRUE(in >> pid) << row.state << ": the script did not start";
-        EXPECT_TRUE(telvane::test::waitUntil([&] { return kill(pid, 0) != 0; }, std::chrono::seconds(3)))
-            << row.state << ": the remote script is still running";
-    }
-}
-
-TEST_F(CliTest, TakesSshsSpellingsOfHostsAndHostKeyChecking)
-{
-    fs::create_directories(home / ".ssh");
-    write(".ssh/config", "Host cellar\n  HostName " + sshd().host() + "\n  Port " + port + "\n  User " +
-                             sshd().username() + "\n");
-    const std::string changed =
-        write("changed_hosts", "[" + sshd().host() + "]:" + port +
-                                   " ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIL98rV3YlPQ7pBBYFv"
-                                   "r4PWI8gs5M7zXeSgbjOPz+RB3d\n");
-    const std::string fresh = (home / "fresh_hosts").string(), echo = script("echo in\n");
-    const struct
-    {
-        std::vector<std::string> args;
-        int status;
+        std::chrono::seconds readDelay;
         std::string said; // on standard error
     } rows[] = {
-        {{"run", "-p", port, "--password-file", passwordFile, sshd().username() + "@" + sshd().host(), echo},
-         0,
-         ""},
-        {{"run", "--password-file", passwordFile, "cellar", echo}, 0, ""},
-        {{"run", "-l", sshd().username(), "--password-file", passwordFile, sshd().host() + ":" + port, echo},
-         0,
-         ""},
-        {login({"run", "-o", "UserKnownHostsFile=" + fresh, "-o", "StrictHostKeyChecking=yes", sshd().host(),
-                echo}),
-         255, "Host key verification failed"},
-        {login({"run", "-o", "UserKnownHostsFile=" + changed, sshd().host(), echo}), 255, "has changed"},
-        {login({"run", "-o", "UserKnownHostsFile=" + changed, "-o", "StrictHostKeyChecking=no", sshd().host(),
-                echo}),
-         0, ""},
+        {{silentHost}, streaming, SIGINT, {}, "telvane: interrupted\n"},
+        {{good[0]}, streaming, SIGINT, {}, "telvane: interrupted\n"},
+        {{good[0]}, flooding, SIGTERM, std::chrono::seconds(30), "telvane: interrupted\n"},
+        {{good[0], good[1], silentHost}, streaming, SIGINT, {}, "3 stopped or not started"},
+        // At most two at once: the third never starts.
+        {{good[0], good[1], closed}, flooding, SIGTERM, std::chrono::seconds(30), "3 stopped or not started"},
     };
     for (const auto &row : rows) {
-        const auto result = telvane(row.args);
-        EXPECT_EQ(row.status, result.status) << row.args[row.args.size() - 2] << ": " << result.err;
-        EXPECT_EQ(row.status == 0 ? "in\n" : "", result.out);
+        fs::remove(pids);
+        std::vector<std::string> args = {
+            "run", "-t", "30", "--parallel", "2", "-l", sshd().username(), "--password-file", passwordFile};
+        for (const auto &host : row.hosts)
+            args.insert(args.end(), {row.hosts.size() > 1 ? "-H" : "--", host});
+        args.push_back(script(row.script));
+        const auto result = telvane(args, {.timeout = std::chrono::seconds(15),
+                                           .interruptAfter = std::chrono::milliseconds(1500),
+                                           .interruptSignal = row.signal,
+                                           .readDelay = row.readDelay});
+        EXPECT_EQ(128 + row.signal, result.status) << row.script << result.err;
         EXPECT_NE(npos, result.err.find(row.said)) << result.err;
+        std::ifstream in(pids);
+        for (pid_t pid; in >> pid;)
+            EXPECT_TRUE(telvane::test::waitUntil([&] { return kill(pid, 0) != 0; }, std::chrono::seconds(3)))
+                << "the remote script is still running";
     }
 }
 
-TEST_F(CliTest, OnATerminalAsksAboutANewHostKeyAndAgainForARefusedPasswordAsSshDoes)
+TEST_F(Cli, OnATerminalAsksAsSshDoesAndOnceForEveryHost)
 {
     const std::string echo = script("echo in\n");
     const std::string keyQuestion = "Are you sure you want to continue connecting (yes/no/[fingerprint])? ";
     const std::string passwordQuestion = sshd().username() + "@" + sshd().host() + "'s password: ";
+    const auto typed = std::vector<std::string>{
+        "run", "-p", port, "-l", sshd().username(), "-o", "StrictHostKeyChecking=no", sshd().host(), echo};
+    std::vector<std::string> several = {"run",   "--remember", "-H",    good[0], "-H",
+                                        good[1], "-H",         good[2], echo};
     const struct
     {
         std::string name;
-        bool askKey; // else the password is typed
+        std::vector<std::string> args; // empty: the host-key question
         std::vector<Exchange> exchanges;
         int status;
+        std::size_t ran;
     } rows[] = {
-        {"yes", true, {{keyQuestion, "yes"}}, 0},
-        {"no", true, {{keyQuestion, "no"}}, 255},
-        {"fingerprint", true, {{keyQuestion, "FINGERPRINT"}}, 0},
+        {"yes", {}, {{keyQuestion, "yes"}}, 0, 1},
+        {"no", {}, {{keyQuestion, "no"}}, 255, 0},
+        {"fingerprint", {}, {{keyQuestion, "FINGERPRINT"}}, 0, 1},
         {"another word, then yes",
-         true,
+         {},
          {{keyQuestion, "sure"}, {"Please type 'yes', 'no' or the fingerprint: ", "yes"}},
-         0},
+         0,
+         1},
         {"wrong, then right password",
-         false,
+         typed,
          {{passwordQuestion, "wrong"}, {passwordQuestion, sshd().password()}},
-         0},
+         0,
+         1},
         {"three wrong passwords",
-         false,
+         typed,
          {{passwordQuestion, "wrong1"}, {passwordQuestion, "wrong2"}, {passwordQuestion, "wrong3"}},
-         253},
+         253,
+         0},
+        // The host written USER@HOST may be the first to ask, for the password alone: answers in any order.
+        {"one question for every host",
+         several,
+         {{"Username (for every host", sshd().username()}, {"Password of", sshd().password()}},
+         0,
+         3},
     };
     for (const auto &row : rows) {
         const std::string knownHosts = (home / ("known_hosts_" + row.name)).string();
         const auto result =
-            onTerminal(row.askKey ? login({"run", "-o", "StrictHostKeyChecking=ask", "-o",
-                                           "UserKnownHostsFile=" + knownHosts, sshd().host(), echo})
-                                  : std::vector<std::string>{"run", "-p", port, "-l", sshd().username(), "-o",
-                                                             "StrictHostKeyChecking=no", sshd().host(), echo},
+            onTerminal(!row.args.empty() ? row.args
+                                         : login({"run", "-o", "StrictHostKeyChecking=ask", "-o",
+                                                  "UserKnownHostsFile=" + knownHosts, sshd().host(), echo}),
                        row.exchanges);
         EXPECT_EQ(std::to_string(row.exchanges.size()), result.err) << row.name << ": answers given\n"
                                                                     << result.out;
         EXPECT_EQ(row.status, result.status) << row.name << ":\n" << result.out;
-        EXPECT_EQ(row.status == 0, result.out.find("in\r\n") != npos) << row.name << result.out;
-        // As ssh: a key accepted on the terminal is remembered, one refused is not.
-        if (row.askKey)
-            EXPECT_EQ(row.status == 0, fs::exists(knownHosts) && fs::file_size(knownHosts) > 0) << row.name;
-        else
-            EXPECT_EQ(row.exchanges.size() > 1,
-                      result.out.find("Permission denied, please try again.") != npos)
-                << row.name << result.out;
+        EXPECT_EQ(row.ran, occurrences(result.out, "in\r\n")) << row.name << result.out;
         EXPECT_EQ(npos, result.out.find(sshd().password())) << row.name << ": the password echoed";
+        // As ssh: a key accepted on the terminal is remembered, one refused is not.
+        EXPECT_EQ(row.args.empty() && row.status == 0,
+                  fs::exists(knownHosts) && fs::file_size(knownHosts) > 0)
+            << row.name;
     }
+    // Each host's pair was kept under its own name: no user, no password, no terminal, and all succeed.
+    several.erase(several.begin() + 1);
+    EXPECT_EQ(0, telvane(several).status);
 }

@@ -116,15 +116,13 @@ void HostRun::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle>
     engine_.notify();
 }
 
-// On the pump's thread, piece by piece: a piece that cannot be kept ends the run, and when standard output
-// is what failed, every run.
+// On the pump's thread, piece by piece: a piece that cannot be kept ends the run. When standard output is
+// what failed, the main thread sees it at this run's end and stops every other.
 bool HostRun::deliver(std::string_view data)
 {
     if (output_->write(data))
         return true;
     outputRefused_ = true;
-    if (!output_->failure())
-        engine_.stop();
     return false;
 }
 
