@@ -87,7 +87,8 @@ protected:
     struct Exchange
     {
         std::string question;
-        std::string answer; // "FINGERPRINT": the host key's fingerprint as the question showed it
+        std::string
+            answer; // "FINGERPRINT": the host key's fingerprint as the question showed it; "\x03": Ctrl-C
     };
     // telvane on a terminal of its own, answering each question once it shows, in whatever order they come.
     // The terminal's text goes to `out`; `err` counts the questions answered.
@@ -120,10 +121,10 @@ protected:
                     continue;
                 seen = at + it->question.size();
                 const auto from = result.out.find("SHA256:");
-                const std::string answer =
-                    (it->answer == "FINGERPRINT" ? result.out.substr(from, result.out.find('.', from) - from)
-                                                 : it->answer) +
-                    "\n";
+                std::string answer = it->answer == "FINGERPRINT"
+                                         ? result.out.substr(from, result.out.find('.', from) - from)
+                                         : it->answer;
+                answer += answer == "\x03" ? "" : "\n"; // a Ctrl-C is typed alone
                 ++answered;
                 exchanges.erase(it);
                 [[maybe_unused]] const auto written = ::write(terminal, answer.data(), answer.size());

@@ -344,7 +344,7 @@ TEST_F(Cli, InterruptEndsEveryRunInEveryStateAndTheRemoteScripts)
         {{silentHost}, streaming, SIGINT, {}, "telvane: interrupted\n"},
         {{good[0]}, streaming, SIGINT, {}, "telvane: interrupted\n"},
         {{good[0]}, flooding, SIGTERM, std::chrono::seconds(30), "telvane: interrupted\n"},
-        {{good[0], good[1], silentHost}, streaming, SIGINT, {}, "3 stopped or not started"},
+        {{good[0], good[1], silentHost}, streaming, SIGINT, {}, good[1] + ": stopped ("},
         // At most two at once: the third never starts.
         {{good[0], good[1], closed}, flooding, SIGTERM, std::chrono::seconds(30), "3 stopped or not started"},
     };
@@ -398,6 +398,7 @@ TEST_F(Cli, OnATerminalAsksAsSshDoesAndOnceForEveryHost)
          {{passwordQuestion, "wrong"}, {passwordQuestion, sshd().password()}},
          0,
          1},
+        {"Ctrl-C at a question", typed, {{passwordQuestion, "\x03"}}, 130, 0},
         {"three wrong passwords",
          typed,
          {{passwordQuestion, "wrong1"}, {passwordQuestion, "wrong2"}, {passwordQuestion, "wrong3"}},
