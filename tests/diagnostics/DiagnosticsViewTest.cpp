@@ -148,10 +148,12 @@ private Q_SLOTS:
         const std::shared_ptr<TelvaneDelegate> delegate = sensor->delegate();
         if (event == "output")
             panel.appendOutput(argument);
-        else if (event == "terminate")
-            std::thread([&] { delegate->sensorScriptDidTerminate(*sensor, argument.toLong()); }).join();
-        else if (event == "fail")
-            std::thread([&] { delegate->sensorDidFailWithError(*sensor, argument.toLong()); }).join();
+        else if (event == "terminate" || event == "fail") {
+            TelvaneRunOutcome outcome;
+            outcome.kind = event == "fail" ? TelvaneRunOutcome::Kind::Failed : TelvaneRunOutcome::Kind::Ended;
+            (event == "fail" ? outcome.failure.code : outcome.status) = argument.toLong();
+            std::thread([&] { delegate->sensorRunDidFinish(*sensor, outcome); }).join();
+        }
         const bool ended = event == "terminate" || event == "fail";
         QCOMPARE(panel.running(), !ended); // at once, on the reporting thread
         QTRY_COMPARE(panel.textView()->toPlainText(), connecting(1) + shown);
