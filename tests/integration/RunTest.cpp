@@ -44,6 +44,8 @@ struct SinkDelegate : RecordingDelegate
     std::string received;               // guarded by mutex
     bool startHeard = false;            // guarded by mutex
     bool bytesBeforeStart = false;      // guarded by mutex
+    bool bytesAfterOutcome = false;     // guarded by mutex
+    bool outcomeHeard = false;          // guarded by mutex
     std::chrono::milliseconds pause{0}; // set before the run: how long each call takes
     std::atomic<std::size_t> calls{0};
     std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &sensor, TelvaneRunId run) override
@@ -54,6 +56,7 @@ struct SinkDelegate : RecordingDelegate
             std::this_thread::sleep_for(pause);
             std::lock_guard lock(mutex);
             bytesBeforeStart |= !startHeard;
+            bytesAfterOutcome |= outcomeHeard;
             received.append(data, size);
             ++calls;
             return true;
@@ -65,6 +68,15 @@ struct SinkDelegate : RecordingDelegate
         RecordingDelegate::sensorScriptDidStart(sensor, std::move(output));
         std::lock_guard lock(mutex);
         startHeard = true;
+        outcomeHeard = false;
+    }
+    void sensorRunDidFinish(Telvane &sensor, const TelvaneRunOutcome &outcome) override
+    {
+        {
+            std::lock_guard lock(mutex);
+            outcomeHeard = true;
+        }
+        RecordingDelegate::sensorRunDidFinish(sensor, outcome);
     }
 };
 
@@ -181,7 +193,8 @@ TEST_F(SensorRunTest, AServerWithoutPasswordLoginsEndsWithCode3BeforeAnyoneIsAsk
 // With the password in it, the script goes through the loader; it still runs in the account's login shell.
 TEST_F(SensorRunTest, AScriptWithThePasswordRunsInTheLoginShell)
 {
-    const std::string bashOnly = "words=(one two)\n[[ -n '__PASSWORD__' ]] && echo \"${words[1]} $(basename \"$BASH\")\"\n";
+    const std::string bashOnly =
+        "words=(one two)\n[[ -n '__PASSWORD__' ]] && echo \"${words[1]} $(basename \"$BASH\")\"\n";
     ASSERT_TRUE(runToEnd(*makeSensor(), bashOnly)) << log.joined();
     EXPECT_EQ("two bash\n", delegate->output()) << log.joined();
 }
@@ -203,6 +216,7 @@ TEST_F(SensorRunTest, ASinkTakesEveryByteAndASlowOneHoldsTheServerBack)
         EXPECT_TRUE(sinking->received == expected) << sinking->received.size() << " bytes";
     }
     EXPECT_EQ("", sinking->output()) << "the pipe carries nothing but its end";
+    EXPECT_FALSE(sinking->bytesAfterOutcome);
 
     // 64 MiB offered to a sink that takes 2 s for each of its first calls: the server waits, and this
     // process grows by far less than what was offered.
