@@ -2,7 +2,10 @@
 #include "support/Daemon.h"
 #include "support/SshdHarness.h"
 
+#include <atomic>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -13,8 +16,9 @@
 namespace telvane::test {
 namespace {
 
-// The harness directory's name, "telvane-sshd-" and six letters, names its PAM service as well.
-constexpr const char *kPamServicePrefix = "telvane-sshd-";
+// A PAM service of a harness is named "telvane-otp-PID-N" after the process that made it (PAM takes the names
+// in lower case only).
+constexpr const char *kPamServicePrefix = "telvane-otp-";
 constexpr const char *kOathTool = "/usr/bin/oathtool";
 
 bool pamModuleInstalled(const std::string &module)
@@ -27,16 +31,15 @@ bool pamModuleInstalled(const std::string &module)
     return false;
 }
 
-// A harness that was killed leaves its PAM stack behind; each stack names the process that wrote it.
+// A harness that was killed leaves its PAM stack behind; its name tells whose it was.
 void removeStalePamServices(const std::string &pamDirectory)
 {
     std::error_code error;
     for (const auto &entry : std::filesystem::directory_iterator(pamDirectory, error)) {
-        if (entry.path().filename().string().rfind(kPamServicePrefix, 0) != 0)
+        const std::string name = entry.path().filename().string();
+        if (name.rfind(kPamServicePrefix, 0) != 0)
             continue;
-        std::string marker;
-        long owner = 0;
-        std::ifstream(entry.path()) >> marker >> owner;
+        const long owner = std::atol(name.c_str() + std::strlen(kPamServicePrefix));
         if (owner > 0 && ::kill(static_cast<pid_t>(owner), 0) != 0 && errno == ESRCH)
             std::filesystem::remove(entry.path(), error);
     }
@@ -80,7 +83,8 @@ bool SshdHarness::prepareOneTimeCode()
     removeStalePamServices(kPamDirectory);
     // sshd names its PAM service after the name it was started under: a link of our own reads a stack of our
     // own, and the system's /etc/pam.d/sshd stays as it is.
-    pamService_ = std::filesystem::path(directory_).filename().string();
+    static std::atomic<int> made{0};
+    pamService_ = kPamServicePrefix + std::to_string(::getpid()) + "-" + std::to_string(++made);
     if (::symlink(kSshd, sshdProgram().c_str()) != 0)
         return fail("cannot link " + sshdProgram());
     const std::string key = randomHex(20);
@@ -88,7 +92,6 @@ bool SshdHarness::prepareOneTimeCode()
     const std::string users = writeFile("users.oath", std::string("HOTP ") + kAccount + " - " + key + "\n");
     ::chmod(users.c_str(), 0600);
     std::ofstream(std::string(kPamDirectory) + "/" + pamService_)
-        << "#owner " << ::getpid() << "\n"
         << "auth requisite pam_unix.so\n"
         << "auth required pam_oath.so usersfile=" << users << " window=20\n"
         << "account required pam_unix.so\n"
