@@ -32,6 +32,7 @@ TEST_F(Dropbear, ScriptsOfEverySizeRunByteForByte)
         }
         ASSERT_TRUE(runToEnd(*makeSensor(), script + end)) << size;
         EXPECT_EQ(std::optional<long>(status), delegate->terminationStatus()) << log.joined() << sshd().log();
+        EXPECT_EQ(status == 137, log.contains("killed by signal KILL")) << "not told as the script's signal";
         EXPECT_TRUE(expected == delegate->output()) << size << ": " << delegate->output().substr(0, 200);
     }
 }
