@@ -5,7 +5,7 @@
 #include "Platform/SshLibrary_p.h"
 #include "Platform/TextFormat_p.h"
 #include "Telvane_p.h"
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 
 #include <arpa/inet.h>
 #include <cerrno>

@@ -6,7 +6,7 @@
 #include "Platform/TextFormat_p.h"
 #include "ScriptText_p.h"
 #include "Telvane_p.h"
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 
 namespace telvane {
 namespace {

@@ -6,8 +6,8 @@
 #include "LoginPrompts_p.h"
 #include "Platform/HomeDirectory_p.h"
 #include "Telvane_p.h"
-#include <Telvane/Platform/TelvaneLog.h>
-#include <Telvane/Platform/TelvaneSecret.h>
+#include <Telvane/TelvaneLog.h>
+#include <Telvane/TelvaneSecret.h>
 
 #include <cstdlib>
 #include <memory>

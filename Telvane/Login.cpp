@@ -7,9 +7,9 @@
 #include "LoginPrompts_p.h"
 #include "ScriptText_p.h"
 #include "Telvane_p.h"
-#include <Telvane/Platform/TelvaneLog.h>
-#include <Telvane/Platform/TelvaneSecret.h>
 #include <Telvane/TelvaneCredentials.h>
+#include <Telvane/TelvaneLog.h>
+#include <Telvane/TelvaneSecret.h>
 
 #include <pwd.h>
 #include <unistd.h>

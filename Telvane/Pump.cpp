@@ -4,7 +4,7 @@
 
 #include "LogTexts_p.h"
 #include "Telvane_p.h"
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 
 #include <cerrno>
 #include <csignal>

@@ -5,7 +5,7 @@
 #include "Platform/SshLibrary_p.h"
 #include "Platform/TextFormat_p.h"
 #include "Telvane_p.h"
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 
 #include <cerrno>
 #include <cmath>
@@ -158,7 +158,7 @@ void Run::finish(State state, long status)
     outcome.kind = state == State::Ended    ? TelvaneRunOutcome::Kind::Ended
                    : state == State::Failed ? TelvaneRunOutcome::Kind::Failed
                                             : TelvaneRunOutcome::Kind::Stopped;
-    outcome.status = state == State::Ended ? status : 0;
+    outcome.status = status;
     outcome.failure = failure_;
     outcome.phases = phases_;
     if (auto delegate = q_.delegate())

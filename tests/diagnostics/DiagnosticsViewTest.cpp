@@ -12,7 +12,7 @@
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QTimer>
 #include <QtGui/QClipboard>
-#include <QtGui/QFontInfo>
+#include <QtGui/QFontMetricsF>
 #include <QtGui/QTextCursor>
 #include <QtGui/QTextDocument>
 #include <QtGui/QTextFrame>
@@ -149,10 +149,12 @@ private Q_SLOTS:
         const std::shared_ptr<TelvaneDelegate> delegate = sensor->delegate();
         if (event == "output")
             panel.appendOutput(argument);
-        else if (event == "terminate")
-            std::thread([&] { delegate->sensorScriptDidTerminate(*sensor, argument.toLong()); }).join();
-        else if (event == "fail")
-            std::thread([&] { delegate->sensorDidFailWithError(*sensor, argument.toLong()); }).join();
+        else if (event == "terminate" || event == "fail") {
+            TelvaneRunOutcome outcome;
+            outcome.kind = event == "fail" ? TelvaneRunOutcome::Kind::Failed : TelvaneRunOutcome::Kind::Ended;
+            (event == "fail" ? outcome.failure.code : outcome.status) = argument.toLong();
+            std::thread([&] { delegate->sensorRunDidFinish(*sensor, outcome); }).join();
+        }
         const bool ended = event == "terminate" || event == "fail";
         QCOMPARE(panel.running(), !ended); // at once, on the reporting thread
         QTRY_COMPARE(panel.textView()->toPlainText(), connecting(1) + shown);
@@ -168,7 +170,8 @@ private Q_SLOTS:
             (QList<qreal>{3, 3, 10, 10}));
         panel.resize(611, 333);
         QCOMPARE(panel.sizeHint(), QSize(611, 333));
-        QVERIFY(QFontInfo(panel.textView()->font()).fixedPitch()); // script output is often columns
+        const QFontMetricsF metrics(panel.textView()->font()); // script output is often columns
+        QCOMPARE(metrics.horizontalAdvance('i'), metrics.horizontalAdvance('M'));
     }
 
     // Whole runs against sshd; the prompt appears unless both credentials are preset, and is cancelled.
@@ -358,7 +361,7 @@ private Q_SLOTS:
         telvane::test::ProcessResult run;
         for (const auto &[path, message] :
              {std::pair{std::string("/nonexistent/script.sh"), "cannot read the script"},
-              std::pair{latin1.fileName().toStdString(), "is not UTF-8 text; nothing was sent"}}) {
+              std::pair{latin1.fileName().toStdString(), "is not UTF-8 text or holds a NUL byte"}}) {
             run = telvane::test::runProcess({TELVANE_DIAGNOSTICS_HOST, "127.0.0.1", path});
             QCOMPARE(run.status, 2);
             QVERIFY2(run.err.find(message) != std::string::npos, run.err.c_str());

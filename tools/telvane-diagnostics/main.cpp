@@ -1,14 +1,16 @@
 // telvane-diagnostics: runs a diagnostics script on a sensor host and shows the live transcript in a window.
-#include <Telvane/Platform/TelvaneLog.h>
+#include "PasswordFile.h"
+#include "ScriptFile.h"
+
+#include <Telvane/TelvaneLog.h>
+#include <Telvane/TelvaneSecret.h>
 #include <Telvane/Telvane.h>
 #include <Telvane/TelvaneDiagnosticsView.h>
 #include <Telvane/Telvane_vers.h>
 
 #include <QtCore/QCommandLineParser>
-#include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QSocketNotifier>
-#include <QtCore/QStringDecoder>
 #include <QtWidgets/QApplication>
 
 #include <fcntl.h>
@@ -118,33 +120,22 @@ std::optional<Sensor> sensorFromArguments(const QCommandLineParser &parser, QStr
         sensor.user = parser.value(QStringLiteral("user"));
 
     if (parser.isSet(QStringLiteral("password-file"))) {
-        QFile file(parser.value(QStringLiteral("password-file")));
-        if (!file.open(QIODevice::ReadOnly)) {
-            error = QStringLiteral("cannot read the password file %1: %2")
-                        .arg(file.fileName(), file.errorString());
+        std::string why;
+        auto password =
+            readPasswordFile(parser.value(QStringLiteral("password-file")).toLocal8Bit().toStdString(), &why);
+        if (!password) {
+            error = QString::fromStdString(why);
             return std::nullopt;
         }
-        QByteArray line = file.readLine();
-        while (line.endsWith('\n') || line.endsWith('\r'))
-            line.chop(1);
-        sensor.password = QString::fromUtf8(line);
+        sensor.password = QString::fromStdString(*password);
+        telvaneWipe(*password);
     }
 
-    // The panel would wait forever on a script the sensor cannot send; say so here instead.
-    QFile script(sensor.script);
-    if (!script.open(QIODevice::ReadOnly)) {
-        error = QStringLiteral("cannot read the script %1: %2").arg(sensor.script, script.errorString());
-        return std::nullopt;
-    }
-    const QByteArray text = script.readAll();
-    if (text.isEmpty()) {
-        error = QStringLiteral("the script %1 is empty; nothing to run").arg(sensor.script);
-        return std::nullopt;
-    }
-    // Decoded into a string: the decoder's result is lazy, and only the conversion sets its error flag.
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    if (const QString decoded = decoder(text); decoder.hasError() || decoded.contains(QChar(0))) {
-        error = QStringLiteral("the script %1 is not UTF-8 text; nothing was sent").arg(sensor.script);
+    // The panel would wait forever on a script the sensor cannot send; say so here instead. The panel reads
+    // the file itself at every run: this reading only checks it.
+    std::string why;
+    if (!loadScript(sensor.script.toLocal8Bit().toStdString(), why)) {
+        error = QString::fromStdString(why);
         return std::nullopt;
     }
     // The panel reads the file at every run; an absolute path survives a change of directory.

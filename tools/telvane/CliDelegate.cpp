@@ -1,25 +1,8 @@
 #include "CliDelegate.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <sys/stat.h>
-#include <thread>
+#include "PasswordFile.h"
 
-std::optional<std::string> readPasswordFile(const std::string &path)
-{
-    std::ifstream in(path);
-    if (!in)
-        return std::nullopt;
-    std::string line;
-    std::getline(in, line);
-    if (!line.empty() && line.back() == '\r')
-        line.pop_back();
-    std::optional<std::string> password(std::move(line));
-    telvaneWipe(line); // a short string is copied by the move, not taken
-    return password;
-}
+#include <thread>
 
 std::string failureWords(long code, const std::string &reason)
 {

@@ -8,10 +8,6 @@
 #include <condition_variable>
 #include <mutex>
 
-/// The first line of the password file at @p path, without its line end; an empty file is an empty password,
-/// which the server may accept. Nothing when the file cannot be read.
-std::optional<std::string> readPasswordFile(const std::string &path);
-
 /// How a failure with TelvaneError @p code reads for the user: "connection failed: REASON" and the like.
 std::string failureWords(long code, const std::string &reason);
 /// Waits (a little) until the pump thread has let go of @p sensor, its last act, so no thread outlives it.

@@ -4,11 +4,12 @@
 #include "Commands.h"
 #include "FleetOutput.h"
 #include "HostList.h"
+#include "PasswordFile.h"
 #include "SignalWatcher.h"
 #include "SshStyle.h"
 #include "Terminal.h"
 
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 #include <Telvane/TelvaneTranscript.h>
 
 #include <CLI/CLI.hpp>

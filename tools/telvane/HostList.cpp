@@ -1,21 +1,11 @@
 #include "HostList.h"
 
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <fstream>
 #include <unordered_map>
 
 namespace {
-
-std::optional<long> parsePort(std::string_view text)
-{
-    long port = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), port);
-    if (ec != std::errc() || end != text.data() + text.size() || port < 1 || port > 65535)
-        return std::nullopt;
-    return port;
-}
 
 std::string trimmed(const std::string &line)
 {
@@ -27,51 +17,6 @@ std::string trimmed(const std::string &line)
 
 } // namespace
 
-std::optional<FleetHost> parseHostSpec(const std::string &text, long defaultPort, std::string &error)
-{
-    FleetHost host;
-    host.label = text;
-    host.port = defaultPort;
-    std::string rest = text;
-    if (const auto at = rest.find('@'); at != std::string::npos) {
-        host.user = rest.substr(0, at);
-        rest.erase(0, at + 1);
-        if (host.user->empty()) {
-            error = "the host " + text + " has an empty username";
-            return std::nullopt;
-        }
-    }
-    std::optional<std::string> portText;
-    if (!rest.empty() && rest.front() == '[') {
-        const auto close = rest.find(']');
-        if (close == std::string::npos || (close + 1 < rest.size() && rest[close + 1] != ':')) {
-            error = "the host " + text + " is not [IPV6] or [IPV6]:PORT";
-            return std::nullopt;
-        }
-        if (close + 1 < rest.size())
-            portText = rest.substr(close + 2);
-        rest = rest.substr(1, close - 1);
-    } else if (const auto colon = rest.find(':');
-               colon != std::string::npos && rest.find(':', colon + 1) == std::string::npos) {
-        portText = rest.substr(colon + 1);
-        rest.erase(colon);
-    } // more than one colon and no brackets: a bare IPv6 address
-    if (portText) {
-        const auto port = parsePort(*portText);
-        if (!port) {
-            error = "the host " + text + " has a bad port \"" + *portText + "\" (1 to 65535)";
-            return std::nullopt;
-        }
-        host.port = *port;
-    }
-    if (rest.empty() || rest.find_first_of(" \t/") != std::string::npos) {
-        error = "\"" + text + "\" is not a host";
-        return std::nullopt;
-    }
-    host.host = std::move(rest);
-    return host;
-}
-
 std::optional<std::vector<FleetHost>> collectHosts(const std::vector<std::string> &written,
                                                    const std::optional<std::string> &hostsFile,
                                                    long defaultPort, std::string &error)
@@ -79,12 +24,13 @@ std::optional<std::vector<FleetHost>> collectHosts(const std::vector<std::string
     std::vector<FleetHost> hosts;
     std::unordered_map<std::string, int> seen;
     const auto add = [&](const std::string &text) {
-        auto host = parseHostSpec(text, defaultPort, error);
-        if (!host)
+        auto spec = parseHostSpec(text, defaultPort, error);
+        if (!spec)
             return false;
-        if (const int repeat = ++seen[host->label]; repeat > 1)
-            host->label.append(1, '#').append(std::to_string(repeat));
-        hosts.push_back(std::move(*host));
+        FleetHost host{std::move(*spec), {}};
+        if (const int repeat = ++seen[host.label]; repeat > 1)
+            host.label.append(1, '#').append(std::to_string(repeat));
+        hosts.push_back(std::move(host));
         return true;
     };
     for (const auto &text : written)

@@ -1,22 +1,16 @@
 // The hosts of a fleet run, as written on the command line or in a hosts file.
 #pragma once
 
-#include <optional>
-#include <string>
+#include "HostSpec.h"
+
 #include <vector>
 
-struct FleetHost
+/// A host of the run: its label is unique within the run (how it is named in output, files and the summary),
+/// and its user may come from the User of its alias in ~/.ssh/config.
+struct FleetHost : HostSpec
 {
-    std::string label; ///< how the host is named in output, files and the summary: unique within a run
-    std::string host;  ///< a name or an address, without brackets
-    long port = 22;
-    std::optional<std::string> user; ///< from "user@host", or the User of its alias in ~/.ssh/config
-    std::string connectHost;         ///< the HostName of its alias in ~/.ssh/config; empty: host
+    std::string connectHost; ///< the HostName of its alias in ~/.ssh/config; empty: host
 };
-
-/// Reads one host written as HOST, USER@HOST, HOST:PORT or [IPV6]:PORT (a bare IPv6 address takes
-/// @p defaultPort). Nothing, with @p error saying why, when it is not one of those.
-std::optional<FleetHost> parseHostSpec(const std::string &text, long defaultPort, std::string &error);
 
 /// Every host of -H and of the hosts file (one a line; blank lines and "#" comments skipped), labels made
 /// unique by a "#N" suffix on repeats. Nothing, with @p error, at the first bad one.

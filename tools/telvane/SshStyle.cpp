@@ -1,5 +1,6 @@
 #include "SshStyle.h"
 
+#include "HomeDirectory.h"
 #include "HostList.h"
 
 #include <libssh/libssh.h>
@@ -7,7 +8,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -18,20 +18,6 @@ std::string lowered(std::string text)
 {
     std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
     return text;
-}
-
-// As the library finds it: a relative $HOME would name a file below the working directory.
-std::string homeDirectory()
-{
-    if (const char *home = std::getenv("HOME"); home && *home == '/')
-        return home;
-    std::vector<char> buffer(16384);
-    passwd entry{};
-    passwd *found = nullptr;
-    if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
-        found->pw_dir && *found->pw_dir == '/')
-        return found->pw_dir;
-    return {};
 }
 
 struct SessionFree

@@ -5,8 +5,8 @@
 #include "TelvaneWidgetsTranslations_p.h"
 #include "ui_TelvaneLoginQuestionPrompt.h"
 
-#include <Telvane/Platform/TelvaneSecret.h>
 #include <Telvane/Telvane.h>
+#include <Telvane/TelvaneSecret.h>
 
 #include <QtWidgets/QLineEdit>
 #include <QtWidgets/QStyle>
