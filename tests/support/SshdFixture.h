@@ -53,6 +53,8 @@ protected:
     long port() const override { return sshd().port(); }
 };
 
-using SensorRunTest = SensorRunTestOn<SshdHarness::Server::Password>;
+class SensorRunTest : public SensorRunTestOn<SshdHarness::Server::Password>
+{
+};
 
 } // namespace telvane::test
