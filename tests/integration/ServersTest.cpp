@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 
-using namespace std::chrono_literals;
 using namespace telvane::test;
 using Event = RecordingDelegate::Event;
 using Server = SshdHarness::Server;
@@ -41,7 +40,7 @@ TEST_F(Dropbear, ScriptsOfEverySizeRunByteForByte)
 TEST_F(Dropbear, AStopLeavesNothingOfTheScriptRunning)
 {
     const auto sleeping = [] {
-        return runProcess({"/usr/bin/pgrep", "-u", SshdHarness::kAccount, "-f", "^sleep 3714$"}).status == 0;
+        return runProcess({"/usr/bin/pgrep", "-u", SshdHarness::kAccount, "-f", "^sleep 47$"}).status == 0;
     };
     std::string padding;
     while (padding.size() < 9000)
@@ -50,7 +49,7 @@ TEST_F(Dropbear, AStopLeavesNothingOfTheScriptRunning)
         freshDelegate();
         delegate->drainOutput = false;
         auto sensor = makeSensor();
-        sensor->runScript(start + "sleep 3714 &\nsleep 3714\n", std::nullopt);
+        sensor->runScript(start + "sleep 47 &\nsleep 47\n", std::nullopt);
         ASSERT_EQ(1, delegate->count(Event::Started)) << log.joined();
         ASSERT_TRUE(waitUntil(sleeping)) << "the script never started its sleeps";
         sensor->stopScript();
