@@ -3,6 +3,7 @@
 #include "BackgroundThreads_p.h"
 #include "TelvaneCredentialsPrompt.h"
 #include "TelvaneHostKeyPrompt.h"
+#include "TelvaneLoginQuestionPrompt.h"
 
 #include <Telvane/TelvaneTranscript.h>
 
@@ -151,6 +152,18 @@ public:
                 return policyAnswer;
         }
         return TelvaneCredentials::promptForHostKey(sensor, key);
+    }
+
+    // What the login asks beyond the password (a one-time code, a key's passphrase) is the user's to answer.
+    std::optional<std::vector<std::string>>
+    answersForLoginQuestion(Telvane &sensor, const TelvaneLoginQuestion &question) override
+    {
+        {
+            std::lock_guard lock(mutex_);
+            if (!relay_)
+                return std::nullopt; // nobody to ask on behalf of
+        }
+        return TelvaneCredentials::promptForLoginQuestion(sensor, question);
     }
 
     std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor, bool *persist) override
