@@ -53,8 +53,8 @@ bool Run::authenticate()
 
 // The server names the methods it takes in its answer to a "none" request, before anyone is asked for
 // credentials. OpenSSH and dropbear refuse a change of username within a session, so the request carries the
-// name known so far: the credentials' when there are some, else the preset pair's, else (when keys may log
-// in under it) the stored pair's, else the local user's.
+// name known so far: the credentials' when there are some, else the preset pair's, else the sensor's
+// username, else (when keys may log in under it) the stored pair's, else the local user's.
 bool Run::queryMethods()
 {
     std::optional<TelvaneCredentialsDictionary> stored;
@@ -62,6 +62,8 @@ bool Run::queryMethods()
         queriedUser_ = credentials_->username;
     else if (const auto preset = q_.presetCredentials())
         queriedUser_ = preset->username;
+    else if (const std::string username = q_.username(); !username.empty())
+        queriedUser_ = username;
     else if (q_.publicKeyAuthentication() && (stored = TelvaneCredentials::storedCredentials(keyringHost_)))
         queriedUser_ = stored->username;
     else

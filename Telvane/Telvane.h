@@ -263,6 +263,13 @@ public:
     void setTimeout(double timeout);
     ///@}
     ///@{
+    /// The user to log in as when the host program knows the name but no password (a command line's -l or
+    /// user@host): the server is asked under it and keys log in under it; empty: the credentials' name, or
+    /// the local user's for keys. Credentials that name another user then log in under theirs.
+    std::string username() const;
+    void setUsername(std::string username);
+    ///@}
+    ///@{
     /// Credentials that the host program already holds (a command line's --user and password file): tried
     /// before the keyring and the delegate. A refused preset pair deletes nothing from the keyring.
     std::optional<TelvaneCredentialsDictionary> presetCredentials() const;
