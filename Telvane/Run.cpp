@@ -264,8 +264,8 @@ std::string Run::logDetail()
 // hears the code. The outcome follows once the pipe is closed.
 bool Run::fail(long code, std::string reason, std::string detail)
 {
-    if (state_ != State::Stopped)
-        state_ = State::Failed;
+    // A failure that a stop brought about (a wait cut short) is the stop's.
+    state_ = state_ == State::Stopped || stopRequested() ? State::Stopped : State::Failed;
     failure_ = TelvaneFailure{code, std::move(reason), std::move(detail)};
     d_.keepFailure(id_, failure_);
     d_.closeRun(*this);
