@@ -88,18 +88,15 @@ std::string closingLine(long status, std::string_view completedText, std::string
     return status == 0 ? std::string(completedText) : fill(terminatedFormat, "%ld", {std::to_string(status)});
 }
 
-std::string ending(const TelvaneRunOutcome &outcome, const Words &words)
+std::string ending(const TelvaneRunOutcome &outcome)
 {
-    const auto shown = [&](const char *english) {
-        return words ? words(english) : std::string(english);
-    };
     switch (outcome.kind) {
     case TelvaneRunOutcome::Kind::Ended:
-        return closingLine(outcome.status, shown(completed), shown(terminatedWithErrorFormat));
+        return closingLine(outcome.status);
     case TelvaneRunOutcome::Kind::Failed: {
         // A failed run is reported as completed all the same; its marker says what failed.
         const char *marker = markerForError(outcome.failure.code);
-        return (marker ? shown(marker) : std::string()) + shown(completed);
+        return (marker ? std::string(marker) : std::string()) + completed;
     }
     case TelvaneRunOutcome::Kind::Stopped:
         break;

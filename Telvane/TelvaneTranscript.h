@@ -3,7 +3,6 @@
 #include <Telvane/TelvaneExport.h>
 
 #include <cstddef>
-#include <functional>
 #include <string>
 #include <string_view>
 
@@ -24,9 +23,9 @@ struct TelvaneTranscriptPiece
 /// Pieces are marked one by one: a span split across two pieces is not coloured.
 TELVANE_EXPORT TelvaneTranscriptPiece telvaneMarkTranscriptPiece(std::string_view piece);
 
-/// The words of a diagnostics transcript, shared by every host that writes one. Each text is English and is
-/// also the key of its translation in the widgets' "Localizable" table; "%@" and "%ld" are filled in by the
-/// functions below.
+/// The words of a diagnostics transcript, shared by every host that writes one. Each text is English and
+/// stays so in every language (the diagnostics panel translates its label only); "%@" and "%ld" are filled
+/// in by the functions below.
 namespace TelvaneTranscript {
 /// Opens the transcript; OK or a failure marker completes the line.
 inline constexpr const char *connectingFormat = "Connecting over SSH to %@ on port %@: ";
@@ -48,16 +47,14 @@ TELVANE_EXPORT const char *markerForError(long code);
 /// The words of @p code's marker, without asterisks and line end ("invalid credentials"); empty for a code
 /// without one.
 TELVANE_EXPORT std::string wordsForError(long code);
-/// @p format (connectingFormat or its translation) with its two "%@" filled by @p host and @p port.
+/// @p format (connectingFormat) with its two "%@" filled by @p host and @p port.
 TELVANE_EXPORT std::string connectingLine(std::string_view format, std::string_view host, long port);
 /// The closing line for a run that ended with @p status: @p completedText for 0, otherwise
 /// @p terminatedFormat with its "%ld" filled by the signed status. Without a line end.
 TELVANE_EXPORT std::string closingLine(long status, std::string_view completedText = completed,
                                        std::string_view terminatedFormat = terminatedWithErrorFormat);
-/// Gives the words shown for one of the English texts above (its translation); empty: the English itself.
-using Words = std::function<std::string(const char *english)>;
 /// What follows the script's output at the end of a run that ended as @p outcome: for a failure the marker of
 /// its code (which completes the connecting line) and "Diagnostics completed."; for a script that ended the
 /// closing line of its status; nothing for a stopped run. Without a line end.
-TELVANE_EXPORT std::string ending(const TelvaneRunOutcome &outcome, const Words &words = {});
+TELVANE_EXPORT std::string ending(const TelvaneRunOutcome &outcome);
 } // namespace TelvaneTranscript

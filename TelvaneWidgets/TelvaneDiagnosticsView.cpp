@@ -69,12 +69,14 @@ public:
     QSize preferredSize;
 };
 
+// The transcript's own words (TelvaneTranscript) are never translated: only the label is. A transcript then
+// reads the same from every desktop and from `telvane diagnose`, whoever it is pasted to.
 void TelvaneDiagnosticsView::Private::listen()
 {
     using namespace TelvaneTranscript;
     connect(&runner, &TelvaneSensorRunner::started, q, [this] {
         decoder.resetState(); // a character the previous run left unfinished
-        render(localized(ok));
+        render(QString::fromLatin1(ok));
     });
     connect(&runner, &TelvaneSensorRunner::outputReceived, q,
             [this](const QByteArray &chunk) { render(decoder(chunk)); });
@@ -103,10 +105,7 @@ void TelvaneDiagnosticsView::Private::answerCredentials()
 
 void TelvaneDiagnosticsView::Private::finish(const TelvaneRunOutcome &outcome)
 {
-    const auto words = [](const char *english) {
-        return localized(english).toStdString();
-    };
-    render(QString::fromStdString(TelvaneTranscript::ending(outcome, words)));
+    render(QString::fromStdString(TelvaneTranscript::ending(outcome)));
     stopIndicator();
     notifyRunning();
 }
@@ -289,9 +288,8 @@ void TelvaneDiagnosticsView::onRunAgain()
     d->applyInset();
     d->startIndicator();
     if (const std::shared_ptr<Telvane> sensor = d->runner.sensor())
-        d->render(QString::fromStdString(
-            TelvaneTranscript::connectingLine(localized(TelvaneTranscript::connectingFormat).toStdString(),
-                                              sensor->hostname(), sensor->port())));
+        d->render(QString::fromStdString(TelvaneTranscript::connectingLine(
+            TelvaneTranscript::connectingFormat, sensor->hostname(), sensor->port())));
     d->runner.start(readScript(d->script)); // running from here on
     d->notifyRunning();
 }
