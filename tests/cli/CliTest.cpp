@@ -432,3 +432,35 @@ TEST_F(Cli, OnATerminalAsksAsSshDoesAndOnceForEveryHost)
     several.erase(several.begin() + 1);
     EXPECT_EQ(0, telvane(several).status);
 }
+
+// Keys first, as ssh does: -i, an alias's IdentityFile, or none with PubkeyAuthentication=no; and a second
+// factor asked on the terminal, not echoed.
+TEST_F(Cli, LogsInByKeyAndAsksTheServersOtherQuestionsOnTheTerminal)
+{
+    using Server = telvane::test::SshdHarness::Server;
+    telvane::test::SshdHarness keys(Server::PublicKey), codes(Server::OneTimeCode);
+    TELVANE_REQUIRE_COMPONENT(keys.start() && codes.start(), keys.reason() + codes.reason());
+    const std::string key = keys.makeClientKey("id"), echo = script("echo in\n"), user = sshd().username();
+    const std::string keysAt = "127.0.0.1:" + std::to_string(keys.port());
+    fs::create_directories(home / ".ssh");
+    write(".ssh/config", "Host vault\n  HostName 127.0.0.1\n  Port " + std::to_string(keys.port()) +
+                             "\n  IdentityFile " + key + "\n");
+    const std::pair<std::vector<std::string>, int> rows[] = {
+        {{"run", "-l", user, "-i", key, keysAt, echo}, 0},
+        {{"run", "-l", user, "vault", echo}, 0},
+        {{"run", "-l", user, "-i", key, "-o", "PubkeyAuthentication=no", keysAt, echo}, 253},
+    };
+    for (const auto &[args, status] : rows) {
+        const auto result = telvane(args);
+        EXPECT_EQ(status, result.status) << args[args.size() - 2] << ": " << result.err;
+        EXPECT_EQ(status == 0 ? "in\n" : "", result.out);
+    }
+    const std::string code = codes.oneTimeCode();
+    const auto coded = onTerminal({"run", "-l", user, "--password-file", passwordFile,
+                                   "127.0.0.1:" + std::to_string(codes.port()), echo},
+                                  {{"One-time password", code}});
+    EXPECT_EQ("1", coded.err) << coded.out;
+    EXPECT_EQ(0, coded.status) << coded.out;
+    EXPECT_NE(npos, coded.out.find("in\r\n")) << coded.out;
+    EXPECT_EQ(npos, coded.out.find(code)) << "the code echoed";
+}

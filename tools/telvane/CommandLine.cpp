@@ -20,7 +20,7 @@ struct RawOptions
     std::string host, scriptPath = "-"; // "-": standard input
     long port = 22;
     std::optional<std::string> user, passwordFile, name, hostsFile, outputDirectory;
-    std::vector<std::string> sshOptions, arguments, hosts;
+    std::vector<std::string> sshOptions, arguments, hosts, identityFiles;
     std::string timeout, colour = "auto";
     bool remember = false, verbose = false, prefix = false, json = false;
     int parallel = 32;
@@ -50,9 +50,14 @@ void addLoginOptions(CLI::App &command, RawOptions &raw)
     command.add_option("-l,--user", raw.user, "username, for hosts written without USER@");
     command
         .add_option("-o", raw.sshOptions,
-                    "ssh's StrictHostKeyChecking=accept-new|yes|no|ask (default accept-new) or "
-                    "UserKnownHostsFile=FILE (default ~/.ssh/known_hosts); repeatable")
+                    "ssh's StrictHostKeyChecking=accept-new|yes|no|ask (default accept-new), "
+                    "UserKnownHostsFile=FILE (default ~/.ssh/known_hosts) or PubkeyAuthentication=yes|no "
+                    "(default yes: keys before the password); repeatable")
         ->type_name("OPTION")
+        ->allow_extra_args(false);
+    command.add_option("-i", raw.identityFiles, "a private key to log in with (repeatable; default: ssh's)")
+        ->type_name("FILE")
+        ->check(CLI::ExistingFile)
         ->allow_extra_args(false);
     command
         .add_option("--password-file", raw.passwordFile,
@@ -147,7 +152,7 @@ OutputMode outputMode(const RawOptions &raw, std::size_t hosts)
 bool settleOptions(const RawOptions &raw, const CLI::App &command, Options &options, std::string &error,
                    std::vector<std::string> &warnings)
 {
-    HostRequest request{raw.hosts, raw.hostsFile, std::nullopt, raw.user, raw.sshOptions};
+    HostRequest request{raw.hosts, raw.hostsFile, std::nullopt, raw.user, raw.sshOptions, raw.identityFiles};
     if (command.count("--port") > 0)
         request.port = raw.port;
     auto hosts = settleHosts(request, error);

@@ -42,6 +42,9 @@ void HostRun::start()
     sensor_->setConnectHostname(settings_.connectHost);
     sensor_->setHostKeyPolicy(settings_.policy);
     sensor_->setKnownHostsFile(settings_.knownHostsFile);
+    sensor_->setUsername(settings_.user.value_or(""));
+    sensor_->setPublicKeyAuthentication(settings_.publicKeys);
+    sensor_->setIdentityFiles(settings_.identityFiles);
     // A pair the command line gives whole comes before the stored one, which it never deletes.
     if (auto given = engine_.login().given(settings_)) {
         sensor_->setPresetCredentials(std::move(given));
@@ -89,6 +92,12 @@ std::optional<TelvaneCredentialsDictionary> HostRun::credentialsForSensor(Telvan
     *persist = engine_.options().remember;
     passwordFileUsed_ = engine_.options().passwordFile.has_value();
     return engine_.login().credentials(settings_);
+}
+
+std::optional<std::vector<std::string>> HostRun::answersForLoginQuestion(Telvane &,
+                                                                         const TelvaneLoginQuestion &question)
+{
+    return engine_.login().answer(settings_, question);
 }
 
 bool HostRun::shouldTrustHostKey(Telvane &, const TelvaneHostKey &key, bool policyAnswer)

@@ -43,6 +43,8 @@ public:
 
     std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor, bool *persist) override;
     bool shouldTrustHostKey(Telvane &sensor, const TelvaneHostKey &key, bool policyAnswer) override;
+    std::optional<std::vector<std::string>>
+    answersForLoginQuestion(Telvane &sensor, const TelvaneLoginQuestion &question) override;
     std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &sensor, TelvaneRunId run) override;
     void sensorScriptDidStart(Telvane &sensor, std::shared_ptr<TelvaneFileHandle> output) override;
     void sensorRunDidFinish(Telvane &sensor, const TelvaneRunOutcome &outcome) override;

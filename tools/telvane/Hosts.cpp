@@ -67,7 +67,7 @@ std::optional<std::vector<WrittenHost>> writtenHosts(const HostRequest &request,
     return hosts;
 }
 
-HostSettings settle(HostSpec spec, const HostRequest &request, const HostKeyChecking &checking)
+HostSettings settle(HostSpec spec, const HostRequest &request, const SshOptions &options)
 {
     const SshConfigEntry alias = lookUpSshConfig(spec.host);
     HostSettings host;
@@ -76,9 +76,13 @@ HostSettings settle(HostSpec spec, const HostRequest &request, const HostKeyChec
     host.connectHost = alias.hostName;
     host.port = spec.port != 0 ? spec.port : request.port.value_or(alias.port != 0 ? alias.port : 22);
     host.user = spec.user ? spec.user : request.user ? request.user : alias.user;
-    host.knownHostsFile = checking.knownHostsFile;
-    host.policy = hostKeyPolicyFor(checking.mode);
-    host.askAboutKeys = checking.mode == "ask";
+    host.knownHostsFile = options.knownHostsFile;
+    host.policy = hostKeyPolicyFor(options.mode);
+    host.askAboutKeys = options.mode == "ask";
+    host.publicKeys = options.publicKeys;
+    host.identityFiles = request.identityFiles;
+    if (!alias.identityFile.empty())
+        host.identityFiles.push_back(alias.identityFile);
     return host;
 }
 
@@ -86,8 +90,8 @@ HostSettings settle(HostSpec spec, const HostRequest &request, const HostKeyChec
 
 std::optional<std::vector<HostSettings>> settleHosts(const HostRequest &request, std::string &error)
 {
-    HostKeyChecking checking;
-    if (!parseSshOptions(request.sshOptions, checking, error))
+    SshOptions options;
+    if (!parseSshOptions(request.sshOptions, options, error))
         return std::nullopt;
     const auto written = writtenHosts(request, error);
     if (!written)
@@ -103,7 +107,7 @@ std::optional<std::vector<HostSettings>> settleHosts(const HostRequest &request,
         }
         if (const int repeat = ++seen[spec->label]; repeat > 1)
             spec->label.append(1, '#').append(std::to_string(repeat));
-        hosts.push_back(settle(std::move(*spec), request, checking));
+        hosts.push_back(settle(std::move(*spec), request, options));
     }
     return hosts;
 }

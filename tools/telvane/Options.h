@@ -18,7 +18,9 @@ struct HostSettings
     std::optional<std::string> user;
     std::string knownHostsFile; ///< empty: ~/.ssh/known_hosts
     TelvaneHostKeyPolicy policy = TelvaneHostKeyPolicy::AcceptNew;
-    bool askAboutKeys = false; ///< StrictHostKeyChecking=ask: an unknown key is put to the user
+    bool askAboutKeys = false;              ///< StrictHostKeyChecking=ask: an unknown key is put to the user
+    bool publicKeys = true;                 ///< keys are tried before the password (PubkeyAuthentication)
+    std::vector<std::string> identityFiles; ///< -i, then its alias's IdentityFile; empty: ssh's default files
 };
 
 /// Where the hosts' output goes.

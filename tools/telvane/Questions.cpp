@@ -58,6 +58,29 @@ std::optional<TelvaneCredentialsDictionary> SharedLogin::credentials(const HostS
     return TelvaneCredentialsDictionary(*user, *typed_);
 }
 
+std::optional<std::vector<std::string>> SharedLogin::answer(const HostSettings &host,
+                                                            const TelvaneLoginQuestion &question)
+{
+    // Each host's own questions: a one-time code serves one host. The server's texts come first, as ssh shows
+    // them.
+    std::string heading;
+    for (const std::string &text : {question.name, question.instruction})
+        if (!text.empty())
+            heading += (alone_ ? "" : host.label + ": ") + text + (text.back() == '\n' ? "" : "\n");
+    std::vector<std::string> answers;
+    for (const TelvaneLoginPrompt &prompt : question.prompts) {
+        auto answer = ask(heading + (alone_ ? "" : host.label + ": ") + prompt.text, !prompt.echo);
+        heading.clear();
+        if (!answer) {
+            for (std::string &given : answers)
+                telvaneWipe(given);
+            return std::nullopt;
+        }
+        answers.push_back(std::move(*answer));
+    }
+    return answers;
+}
+
 bool SharedLogin::askAgain()
 {
     std::lock_guard lock(mutex_);

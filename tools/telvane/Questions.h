@@ -30,6 +30,11 @@ public:
     bool emptyPasswordFile() const { return filePassword_ && filePassword_->empty(); }
     /// A password typed on the terminal was refused: true when it is asked again (the answer goes).
     bool askAgain();
+    /// The server's questions at @p host's login that the password does not answer (a one-time code, a key's
+    /// passphrase), each asked on the terminal, hidden unless the server lets it echo; nothing when one is
+    /// not answered.
+    std::optional<std::vector<std::string>> answer(const HostSettings &host,
+                                                   const TelvaneLoginQuestion &question);
     /// With StrictHostKeyChecking=ask, asks about an unknown key as ssh does; otherwise @p policyAnswer.
     bool trustHostKey(const HostSettings &host, const TelvaneHostKey &key, bool policyAnswer);
 

@@ -32,37 +32,56 @@ std::optional<std::string> sessionOption(ssh_session session, ssh_options_e type
     return text;
 }
 
-bool parseStrictness(const std::string &value, HostKeyChecking &checking, std::string &error)
+bool parseStrictness(const std::string &value, SshOptions &options, std::string &error)
 {
     const std::string mode = lowered(value);
     if (mode != "accept-new" && mode != "yes" && mode != "no" && mode != "ask" && mode != "off") {
         error = "-o StrictHostKeyChecking: expected accept-new, yes, no or ask, got '" + value + "'";
         return false;
     }
-    checking.mode = mode == "off" ? "no" : mode;
+    options.mode = mode == "off" ? "no" : mode;
     return true;
+}
+
+bool parseYesNo(const std::string &key, const std::string &value, bool &flag, std::string &error)
+{
+    if (lowered(value) != "yes" && lowered(value) != "no") {
+        error = "-o " + key + ": expected yes or no, got '" + value + "'";
+        return false;
+    }
+    flag = lowered(value) == "yes";
+    return true;
+}
+
+// ssh's "~" and "%d" (the home directory) at the start of a path; the path as it is otherwise.
+std::string expandedPath(const std::string &path, const std::string &home)
+{
+    if (path.rfind("~/", 0) == 0 || path.rfind("%d/", 0) == 0)
+        return home + path.substr(path.find('/'));
+    return path;
 }
 
 } // namespace
 
-bool parseSshOptions(const std::vector<std::string> &given, HostKeyChecking &checking, std::string &error)
+bool parseSshOptions(const std::vector<std::string> &given, SshOptions &options, std::string &error)
 {
     for (const auto &option : given) {
         const auto split = option.find_first_of("= ");
         const std::string key = lowered(option.substr(0, split));
         const std::string value = split == std::string::npos ? "" : option.substr(split + 1);
         if (key == "stricthostkeychecking") {
-            if (!parseStrictness(value, checking, error))
+            if (!parseStrictness(value, options, error))
                 return false;
-        } else if (key == "userknownhostsfile") {
-            if (value.empty()) {
-                error = "-o UserKnownHostsFile: expected a file name";
+        } else if (key == "pubkeyauthentication") {
+            if (!parseYesNo("PubkeyAuthentication", value, options.publicKeys, error))
                 return false;
-            }
-            checking.knownHostsFile = value;
+        } else if (key == "userknownhostsfile" && !value.empty()) {
+            options.knownHostsFile = value;
         } else {
-            error =
-                "-o " + option + ": unsupported option (StrictHostKeyChecking and UserKnownHostsFile are)";
+            error = key == "userknownhostsfile" ? "-o UserKnownHostsFile: expected a file name"
+                                                : "-o " + option +
+                                                      ": unsupported option (StrictHostKeyChecking, "
+                                                      "UserKnownHostsFile and PubkeyAuthentication are)";
             return false;
         }
     }
@@ -93,6 +112,7 @@ SshConfigEntry lookUpSshConfig(const std::string &host)
         return entry;
     // The user and port libssh assume before the file is read: others afterwards came from the file.
     const auto defaultUser = sessionOption(session.get(), SSH_OPTIONS_USER);
+    const auto defaultIdentity = sessionOption(session.get(), SSH_OPTIONS_IDENTITY);
     if (ssh_options_parse_config(session.get(), (home + "/.ssh/config").c_str()) != SSH_OK)
         return entry;
     if (const auto hostName = sessionOption(session.get(), SSH_OPTIONS_HOST); hostName && *hostName != host)
@@ -102,5 +122,9 @@ SshConfigEntry lookUpSshConfig(const std::string &host)
         entry.port = port;
     if (const auto user = sessionOption(session.get(), SSH_OPTIONS_USER); user && user != defaultUser)
         entry.user = user;
+    // libssh names one identity: the last IdentityFile of the host's entries, or else its own default.
+    if (const auto identity = sessionOption(session.get(), SSH_OPTIONS_IDENTITY);
+        identity && identity != defaultIdentity)
+        entry.identityFile = expandedPath(*identity, home);
     return entry;
 }

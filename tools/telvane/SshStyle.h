@@ -7,15 +7,17 @@
 #include <string>
 #include <vector>
 
-/// The host-key checking that -o options ask for.
-struct HostKeyChecking
+/// What -o options ask for.
+struct SshOptions
 {
     std::string mode = "accept-new"; ///< StrictHostKeyChecking: accept-new, yes, no or ask
     std::string knownHostsFile;      ///< UserKnownHostsFile; empty: ~/.ssh/known_hosts
+    bool publicKeys = true;          ///< PubkeyAuthentication
 };
 
-/// Reads each -o KEY=VALUE (or "KEY VALUE"); StrictHostKeyChecking and UserKnownHostsFile are understood.
-bool parseSshOptions(const std::vector<std::string> &given, HostKeyChecking &checking, std::string &error);
+/// Reads each -o KEY=VALUE (or "KEY VALUE"); StrictHostKeyChecking, UserKnownHostsFile and
+/// PubkeyAuthentication are understood.
+bool parseSshOptions(const std::vector<std::string> &given, SshOptions &options, std::string &error);
 
 /// The sensor's policy for a StrictHostKeyChecking value ("ask" is Strict: a question may accept a key).
 TelvaneHostKeyPolicy hostKeyPolicyFor(const std::string &mode);
@@ -26,5 +28,7 @@ struct SshConfigEntry
     std::string hostName; ///< the HostName of an alias, when it differs from the name
     long port = 0;        ///< its Port; 0: none
     std::optional<std::string> user;
+    std::string
+        identityFile; ///< its IdentityFile ("~" and "%d" expanded); the last one when it names several
 };
 SshConfigEntry lookUpSshConfig(const std::string &host);
