@@ -22,7 +22,8 @@ Engine::Engine(const Options &options) : options_(options), login_(options, prom
 
 Engine::~Engine()
 {
-    telvaneSetLogSink({});
+    telvaneSetLogSink({});        // waits for a line being logged
+    std::lock_guard lock(mutex_); // and for a notify() under way on a pump's thread
 }
 
 void Engine::stop()
@@ -31,9 +32,11 @@ void Engine::stop()
     notify();
 }
 
-void Engine::notify()
+void Engine::notify(const std::function<void()> &change)
 {
     std::lock_guard lock(mutex_);
+    if (change)
+        change();
     ++changes_;
     changed_.notify_all();
 }

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -37,8 +38,10 @@ public:
     bool stopping() const { return stopping_.load(); }
     /// Ends every run and starts no more.
     void stop();
-    /// Wakes the main thread to look at the hosts again.
-    void notify();
+    /// Makes @p change (under the engine's lock) and wakes the main thread to look at the hosts again. A
+    /// thread that the main thread does not join (a sensor's pump) leaves the engine alone once this returns:
+    /// the engine may be gone as soon as the main thread has seen the change.
+    void notify(const std::function<void()> &change = {});
 
 private:
     void loop();

@@ -162,9 +162,12 @@ void HostRun::end(HostResult result)
 {
     if (output_)
         output_->finish(settings_, result);
-    result_ = std::move(result);
-    phase_ = Phase::Ended;
-    engine_.notify();
+    // The last touch of the engine: on a pump's thread, the main thread may end the run as soon as it sees
+    // this.
+    engine_.notify([&] {
+        result_ = std::move(result);
+        phase_ = Phase::Ended;
+    });
 }
 
 HostResult HostRun::resultOf(const TelvaneRunOutcome &outcome) const
