@@ -58,35 +58,48 @@ std::string normaliseScript(std::string_view script, std::string_view password)
     return replaceAll(folded, "__PASSWORD__", password);
 }
 
+namespace {
+
+// The UTF-8 sequence that @p lead starts: its length, and the range its second byte must fall in (this rules
+// out overlong forms, UTF-16 surrogates and code points past U+10FFFF). Length 0: no valid lead byte.
+struct Sequence
+{
+    std::size_t length;
+    unsigned char low = 0x80, high = 0xbf;
+};
+
+Sequence sequenceStartedBy(unsigned char lead)
+{
+    if (lead < 0x80)
+        return {lead == 0 ? 0u : 1u};
+    if (lead >= 0xc2 && lead <= 0xdf)
+        return {2};
+    if (lead >= 0xe0 && lead <= 0xef)
+        return {3, static_cast<unsigned char>(lead == 0xe0 ? 0xa0 : 0x80),
+                static_cast<unsigned char>(lead == 0xed ? 0x9f : 0xbf)};
+    if (lead >= 0xf0 && lead <= 0xf4)
+        return {4, static_cast<unsigned char>(lead == 0xf0 ? 0x90 : 0x80),
+                static_cast<unsigned char>(lead == 0xf4 ? 0x8f : 0xbf)};
+    return {0};
+}
+
+} // namespace
+
 bool isSendableText(std::string_view text)
 {
     const auto byte = [&](std::size_t i) {
         return static_cast<unsigned char>(text[i]);
     };
     for (std::size_t i = 0; i < text.size();) {
-        const unsigned char lead = byte(i);
-        if (lead == 0)
+        const Sequence sequence = sequenceStartedBy(byte(i));
+        if (sequence.length == 0 || i + sequence.length > text.size())
             return false;
-        // The length of the sequence, and the range its second byte must fall in (this rules out overlong
-        // forms, UTF-16 surrogates and code points past U+10FFFF).
-        std::size_t length = 1;
-        unsigned char low = 0x80, high = 0xbf;
-        if (lead >= 0xc2 && lead <= 0xdf)
-            length = 2;
-        else if (lead >= 0xe0 && lead <= 0xef)
-            length = 3, low = lead == 0xe0 ? 0xa0 : 0x80, high = lead == 0xed ? 0x9f : 0xbf;
-        else if (lead >= 0xf0 && lead <= 0xf4)
-            length = 4, low = lead == 0xf0 ? 0x90 : 0x80, high = lead == 0xf4 ? 0x8f : 0xbf;
-        else if (lead >= 0x80)
-            return false;
-        if (i + length > text.size())
-            return false;
-        for (std::size_t k = 1; k < length; ++k) {
+        for (std::size_t k = 1; k < sequence.length; ++k) {
             const unsigned char next = byte(i + k);
-            if (k == 1 ? (next < low || next > high) : (next < 0x80 || next > 0xbf))
+            if (k == 1 ? (next < sequence.low || next > sequence.high) : (next < 0x80 || next > 0xbf))
                 return false;
         }
-        i += length;
+        i += sequence.length;
     }
     return true;
 }

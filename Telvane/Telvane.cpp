@@ -3,7 +3,7 @@
 #include "Platform/SshLibrary_p.h"
 #include "ScriptText_p.h"
 #include "Telvane_p.h"
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 
 TelvaneDelegate::~TelvaneDelegate() = default;
 void TelvaneDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle>) {}
@@ -30,50 +30,69 @@ TelvanePrivate::TelvanePrivate(Telvane &q, std::string identifier, std::string n
       port(port), timeout(timeout)
 {}
 
-void TelvanePrivate::closeConnection(const std::shared_ptr<Connection> &own)
+void TelvanePrivate::startRun(TelvaneRunId id, const std::string &script)
 {
-    own->requestStop();
+    newestRun = id;
+    auto run = std::make_shared<Run>(*this, id);
+    {
+        std::lock_guard lock(runMutex);
+        runs.push_back(run);
+    }
+    run->start(script);
+}
+
+void TelvanePrivate::closeRun(Run &run)
+{
+    run.requestStop();
     bool held;
     {
         std::lock_guard lock(monitor);
         bool newest;
         {
-            std::lock_guard connectionLock(connectionMutex);
-            newest = !connections.empty() && connections.back() == own;
-            std::erase(connections, own);
+            std::lock_guard runLock(runMutex);
+            newest = !runs.empty() && runs.back().get() == &run;
+            std::erase_if(runs, [&](const std::shared_ptr<Run> &live) { return live.get() == &run; });
         }
         if (newest)
             running = false;
-        held = own->teardown();
+        held = run.teardown();
     }
     telvane::sshLibraryRelease(held);
 }
 
 void TelvanePrivate::closeAll()
 {
-    // running goes NO before the lock, so a pump sees the stop at its next check; the wakes reach every wait
-    // on a socket (of a pump, or of a connection attempt that holds the lock) at once.
+    // running goes NO before the lock; the wakes reach every wait on a socket (of a pump, or of a run still
+    // connecting, which holds the lock) at once.
     running = false;
     const auto wakeAll = [this] {
-        std::lock_guard connectionLock(connectionMutex);
-        for (const auto &connection : connections)
-            connection->requestStop();
+        std::lock_guard runLock(runMutex);
+        for (const auto &run : runs)
+            run->requestStop();
     };
     wakeAll();
-    std::vector<std::shared_ptr<Connection>> closing;
+    std::vector<std::shared_ptr<Run>> closing;
     {
         std::lock_guard lock(monitor);
         wakeAll(); // a run registered after the first wake must see the stop too
         {
-            std::lock_guard connectionLock(connectionMutex);
-            closing.swap(connections);
+            std::lock_guard runLock(runMutex);
+            closing.swap(runs);
         }
-        for (const auto &connection : closing)
-            telvane::sshLibraryRelease(connection->teardown());
+        for (const auto &run : closing)
+            telvane::sshLibraryRelease(run->teardown());
         // Again under the lock: a run that was launching when this close began set running after the first
-        // store, and its pump must not take the freed channel for a broken one.
+        // store.
         running = false;
     }
+}
+
+void TelvanePrivate::keepFailure(TelvaneRunId id, const TelvaneFailure &failure)
+{
+    if (newestRun.load() != id)
+        return;
+    std::lock_guard lock(propertyMutex);
+    lastFailure = failure;
 }
 
 std::shared_ptr<Telvane> Telvane::create(std::string identifier, std::string name, std::string hostname,
@@ -89,7 +108,7 @@ Telvane::Telvane(Token, std::string identifier, std::string name, std::string ho
                                          port, timeout))
 {}
 
-Telvane::~Telvane() = default; // a run's Connection frees itself with its last owner
+Telvane::~Telvane() = default; // a run frees itself with its last owner
 
 TelvaneRunId Telvane::runScript(std::optional<std::string> script, std::optional<TelvaneArguments> arguments)
 {
@@ -107,7 +126,7 @@ TelvaneRunId Telvane::runScript(std::optional<std::string> script, std::optional
     if (d->runScriptOverride)
         d->runScriptOverride(text);
     else
-        d->runScript(text);
+        d->startRun(run, text);
     return run;
 }
 
@@ -128,21 +147,15 @@ void Telvane::close()
     d->closeAll();
 }
 
-void TelvanePrivate::fail(long code, std::string reason, std::string detail)
+void TelvanePrivate::fail(long code, std::string reason)
 {
     {
         std::lock_guard lock(propertyMutex);
-        lastFailure = TelvaneFailure{code, std::move(reason), std::move(detail)};
+        lastFailure = TelvaneFailure{code, std::move(reason), {}};
     }
     q.close();
     if (auto delegate = q.delegate())
         delegate->sensorDidFailWithError(q, code);
-}
-
-void TelvanePrivate::failSaying(long code, const std::string &text)
-{
-    telvaneLog("%s", text.c_str());
-    fail(code, text);
 }
 
 std::optional<TelvaneFailure> Telvane::lastFailure() const

@@ -2,7 +2,7 @@
 // runs one shell script there and streams the script's standard output back through a pipe.
 #pragma once
 
-#include <Telvane/Platform/TelvanePipe.h>
+#include <Telvane/TelvanePipe.h>
 #include <Telvane/TelvaneCredentials.h>
 #include <Telvane/TelvaneExport.h>
 #include <Telvane/Telvane_vers.h>
@@ -79,11 +79,11 @@ struct TelvaneRunOutcome
         Failed,  ///< the run failed; failure says why
         Stopped, ///< close() or stopScript() ended it
     };
-    TelvaneRunId run = 0;        ///< which run
-    Kind kind = Kind::Ended;     ///< how it ended
-    long status = 0;             ///< Ended: the remote exit status (128 + n for a signal n; 0 when none came)
-    TelvaneFailure failure;      ///< Failed: the code the delegate heard, the reason and the detail
-    TelvaneRunPhases phases;     ///< the time each stage took
+    TelvaneRunId run = 0;    ///< which run
+    Kind kind = Kind::Ended; ///< how it ended
+    long status = 0;         ///< Ended: the remote exit status (128 + n for a signal n; 0 when none came)
+    TelvaneFailure failure;  ///< Failed: the code the delegate heard, the reason and the detail
+    TelvaneRunPhases phases; ///< the time each stage took
 };
 
 /// Where a run's output goes instead of the sensor's pipe, as the delegate chooses per run
@@ -110,8 +110,8 @@ struct TelvaneLoginPrompt
 /// question, for TelvaneDelegate::answersForLoginQuestion.
 struct TelvaneLoginQuestion
 {
-    std::string name;        ///< the server's name for the round; often empty
-    std::string instruction; ///< the server's words above the prompts; often empty
+    std::string name;                        ///< the server's name for the round; often empty
+    std::string instruction;                 ///< the server's words above the prompts; often empty
     std::vector<TelvaneLoginPrompt> prompts; ///< one or more
 };
 
@@ -153,8 +153,8 @@ public:
     /// an encrypted key file needs its passphrase: answer each prompt in order, or std::nullopt when no one
     /// can (the run then fails with TelvaneErrorAuthentication, naming the prompt). Runs on the runScript
     /// thread. The default answers nothing.
-    virtual std::optional<std::vector<std::string>> answersForLoginQuestion(Telvane &sensor,
-                                                                            const TelvaneLoginQuestion &question);
+    virtual std::optional<std::vector<std::string>>
+    answersForLoginQuestion(Telvane &sensor, const TelvaneLoginQuestion &question);
 };
 
 /// One sensor host reached over SSH. Make one with create(); it lives in a shared_ptr so that its pump

@@ -1,6 +1,6 @@
 #include <Telvane/TelvaneCredentials.h>
 
-#include <Telvane/Platform/TelvaneKeychain.h>
+#include <Telvane/TelvaneKeychain.h>
 #include <Telvane/Telvane.h>
 
 #include <cstring>

@@ -54,4 +54,4 @@ TELVANE_EXPORT bool forgetCredentials(const Telvane &sensor);
 TELVANE_EXPORT std::string serviceNameForHost(const std::string &hostname);
 } // namespace TelvaneCredentials
 
-#include <Telvane/Platform/TelvaneSecret.h>
+#include <Telvane/TelvaneSecret.h>

@@ -3,7 +3,7 @@
 
 #include <Telvane/Telvane.h>
 
-#include "SshConnection_p.h"
+#include "Run_p.h"
 
 #include <atomic>
 #include <functional>
@@ -12,7 +12,7 @@
 
 class TelvanePrivate
 {
-    using Connection = telvane::Connection;
+    using Run = telvane::Run;
 
 public:
     TelvanePrivate(Telvane &q, std::string identifier, std::string name, std::string hostname, long port,
@@ -20,33 +20,24 @@ public:
 
     static TelvanePrivate &get(Telvane &sensor) { return *sensor.d; }
 
-    // The connecting half of a run (resolution to exec), then the output pump on its own thread.
-    void runScript(const std::string &script);
-    void doScript(std::shared_ptr<Connection> connection);
-    /// Waits until @p sock is ready in the libssh @p directions (SSH_READ_PENDING, SSH_WRITE_PENDING) for at
-    /// most @p milliseconds (-1: no limit), or until the connection is stopped. The caller reads both under
-    /// the monitor; the pump then waits outside it (the session may be freed meanwhile), the connecting half
-    /// inside it (close() stops the connection first, which ends the wait). Result as poll's.
-    static int waitForDirections(const Connection &connection, int sock, int directions, int milliseconds);
-    /// The milliseconds of a wait with @p timeout: its whole seconds, or -1 (no limit) when they are 0.
-    static int waitMilliseconds(double timeout);
-
-    /// Closes @p connection, the end of its run. When it is the newest run, running goes NO; a newer run is
-    /// left alone.
-    void closeConnection(const std::shared_ptr<Connection> &connection);
+    /// Makes run @p id of @p script, keeps it among the live runs and starts it on this thread.
+    void startRun(TelvaneRunId id, const std::string &script);
+    /// Closes @p run, the end of that run alone. When it is the newest run, running goes NO.
+    void closeRun(Run &run);
     /// Closes every run not yet closed: close().
     void closeAll();
-    /// Ends a run: keeps @p reason and @p detail as the last failure, closes, then tells the delegate @p
-    /// code.
-    void fail(long code, std::string reason, std::string detail = {});
-    /// fail() with a reason that is also the run's log line.
-    void failSaying(long code, const std::string &text);
+    /// Keeps @p failure as lastFailure() when run @p id is the newest.
+    void keepFailure(TelvaneRunId id, const TelvaneFailure &failure);
+    /// The public failure report: keeps @p reason, closes every run, then tells the delegate @p code.
+    void fail(long code, std::string reason);
 
     Telvane &q;
 
-    // Test seams: when set, they stand in for the connecting half and for the host-name resolution.
-    std::function<void(const std::string &script)> runScriptOverride;        // set before any run
-    std::function<std::optional<std::string>(const std::string &)> resolver; // set before any run
+    // Test seams, each set before any run: they stand in for the connecting half, for the host-name
+    // resolution, and add a pause before a run's start is reported.
+    std::function<void(const std::string &script)> runScriptOverride;
+    std::function<std::optional<std::string>(const std::string &)> resolver;
+    std::function<void()> beforeStartReport;
     // Called on every new session before its handshake, to narrow its method preferences (the benchmarks
     // force one cipher on both clients); set before any run.
     std::function<void(ssh_session)> configureSession;
@@ -70,13 +61,13 @@ public:
 
     std::atomic<bool> running{false};
     std::atomic<double> timeout;
+    std::atomic<TelvaneRunId> newestRun{0};
 
     // The sensor's lock: held by the connecting code for a whole connection attempt, by close while it frees
-    // handles, and by the pump around each libssh call (never around a wait or a pipe write).
+    // handles, and by the pump around each libssh call (never around a wait or a write of output).
     std::recursive_mutex monitor;
 
-    // A leaf lock: close() must reach the runs' connections to wake them before it can take the monitor.
-    mutable std::mutex connectionMutex;
-    std::vector<std::shared_ptr<Connection>>
-        connections; // guarded by connectionMutex; open runs, newest last
+    // A leaf lock: close() must reach the runs to wake them before it can take the monitor.
+    mutable std::mutex runMutex;
+    std::vector<std::shared_ptr<Run>> runs; // guarded by runMutex; live runs, newest last
 };

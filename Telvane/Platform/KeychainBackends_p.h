@@ -1,7 +1,7 @@
 // The keyring backends behind TelvaneKeychain. Internal to the library.
 #pragma once
 
-#include <Telvane/Platform/TelvaneKeychain.h>
+#include <Telvane/TelvaneKeychain.h>
 
 #include <chrono>
 #include <memory>

@@ -1,6 +1,6 @@
 #include "KeychainBackends_p.h"
 
-#include <Telvane/Platform/TelvaneSecret.h>
+#include <Telvane/TelvaneSecret.h>
 
 #include <algorithm>
 #include <mutex>

@@ -1,7 +1,7 @@
-#include <Telvane/Platform/TelvaneKeychain.h>
+#include <Telvane/TelvaneKeychain.h>
 
 #include "KeychainBackends_p.h"
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 
 #include <cstdlib>
 #include <mutex>

@@ -1,4 +1,4 @@
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 
 #include "TextFormat_p.h"
 

@@ -1,4 +1,4 @@
-#include <Telvane/Platform/TelvanePipe.h>
+#include <Telvane/TelvanePipe.h>
 
 #include <cerrno>
 #include <sys/socket.h>

@@ -3,7 +3,7 @@
 #include "Platform/SshLibrary_p.h"
 #include "support/SshdFixture.h"
 
-#include <Telvane/Platform/TelvaneKeychain.h>
+#include <Telvane/TelvaneKeychain.h>
 
 #include <atomic>
 #include <cstring>

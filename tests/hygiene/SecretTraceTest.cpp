@@ -4,7 +4,7 @@
 #include "support/Loopback.h"
 #include "support/SshdFixture.h"
 
-#include <Telvane/Platform/TelvaneKeychain.h>
+#include <Telvane/TelvaneKeychain.h>
 
 #include <filesystem>
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "support/TestEnvironment.h"
-#include <Telvane/Platform/TelvaneKeychain.h>
+#include <Telvane/TelvaneKeychain.h>
 
 namespace telvane::test {
 

@@ -123,9 +123,9 @@ void RecordingDelegate::sensorScriptDidTerminate(Telvane &, long status)
 void RecordingDelegate::sensorDidFailWithError(Telvane &sensor, long code)
 {
     auto &d = TelvanePrivate::get(sensor);
-    std::unique_lock connections(d.connectionMutex);
-    const bool closed = d.connections.empty();
-    connections.unlock();
+    std::unique_lock runs(d.runMutex);
+    const bool closed = d.runs.empty();
+    runs.unlock();
     {
         std::lock_guard lock(mutex_);
         closedBeforeReport_ = closed;

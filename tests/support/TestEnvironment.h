@@ -3,8 +3,8 @@
 
 #include "Platform/SshLibrary_p.h"
 
-#include <Telvane/Platform/TelvaneKeychain.h>
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneKeychain.h>
+#include <Telvane/TelvaneLog.h>
 #include <Telvane/Telvane.h>
 
 #include <gtest/gtest.h>

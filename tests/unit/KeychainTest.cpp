@@ -8,6 +8,7 @@
 #include <fstream>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -59,6 +60,23 @@ TEST_F(FileKeychainTest, RefusesACorruptOrExposedFileAndNeverOverwritesIt)
     EXPECT_TRUE(log.contains("mode 0640")) << log.joined();
     chmod(file.c_str(), 0600);
     EXPECT_EQ("pw", backend->passwordForService("svc", "user"));
+}
+
+TEST_F(FileKeychainTest, WritersAtOnceLoseNoPair)
+{
+    // A fleet saves the pairs of many hosts at once, and two programs may share the file: no save may undo
+    // another's.
+    std::vector<std::thread> writers;
+    for (int writer = 0; writer < 4; ++writer)
+        writers.emplace_back([this, writer] {
+            for (int i = 0; i < 25; ++i)
+                backend->setPassword("pw", "svc", std::to_string(writer * 25 + i));
+        });
+    for (auto &writer : writers)
+        writer.join();
+    const auto accounts = backend->accountsForService("svc");
+    ASSERT_TRUE(accounts);
+    EXPECT_EQ(100u, accounts->size());
 }
 
 TEST(KeychainSelection, EnvironmentPicksTheBackendAndUnknownNamesStoreNothingOnDisk)

@@ -1,8 +1,6 @@
-// The user's home directory, as the SSH library finds it.
+// The user's home directory, by the core's own rule (the source is compiled into this library too).
 #pragma once
 
-#include <string>
+#include "Platform/HomeDirectory_p.h"
 
-/// $HOME when it is an absolute path (a relative one would name a directory below the working directory),
-/// else the password database's home of the effective user; empty when neither names one.
-std::string homeDirectory();
+using telvane::homeDirectory;

@@ -2,7 +2,7 @@
 
 #include "FileReading.h"
 
-#include <Telvane/Platform/TelvaneSecret.h>
+#include <Telvane/TelvaneSecret.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>

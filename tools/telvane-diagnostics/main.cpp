@@ -2,8 +2,8 @@
 #include "PasswordFile.h"
 #include "ScriptFile.h"
 
-#include <Telvane/Platform/TelvaneLog.h>
-#include <Telvane/Platform/TelvaneSecret.h>
+#include <Telvane/TelvaneLog.h>
+#include <Telvane/TelvaneSecret.h>
 #include <Telvane/Telvane.h>
 #include <Telvane/TelvaneDiagnosticsView.h>
 #include <Telvane/Telvane_vers.h>

@@ -6,8 +6,8 @@
 #include "SshStyle.h"
 #include "Terminal.h"
 
-#include <Telvane/Platform/TelvaneKeychain.h>
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneKeychain.h>
+#include <Telvane/TelvaneLog.h>
 #include <Telvane/TelvaneTranscript.h>
 
 #include <atomic>

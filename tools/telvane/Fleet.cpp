@@ -9,7 +9,7 @@
 #include "SshStyle.h"
 #include "Terminal.h"
 
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 #include <Telvane/TelvaneTranscript.h>
 
 #include <CLI/CLI.hpp>

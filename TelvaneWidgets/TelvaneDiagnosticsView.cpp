@@ -11,7 +11,6 @@
 #include <QtCore/QFile>
 #include <QtCore/QStringDecoder>
 #include <QtGui/QClipboard>
-#include <QtGui/QFontDatabase>
 #include <QtGui/QGuiApplication>
 #include <QtGui/QKeySequence>
 #include <QtGui/QShortcut>
@@ -185,7 +184,7 @@ TelvaneDiagnosticsView::TelvaneDiagnosticsView(std::shared_ptr<Telvane> sensor, 
     auto *escape = new QShortcut(QKeySequence::Cancel, this, this, &TelvaneDiagnosticsView::onClose);
     escape->setContext(Qt::WidgetWithChildrenShortcut);
     // Script output is often laid out in columns.
-    d->ui.textView->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
+    d->ui.textView->setFont(TelvaneWidgets::transcriptFont());
 
     // Keeps its place in the layout while it is hidden between runs.
     QSizePolicy policy = d->ui.progressIndicator->sizePolicy();

@@ -3,6 +3,7 @@
 
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
+#include <QtGui/QFont>
 
 #include <optional>
 
@@ -21,5 +22,9 @@ std::optional<QString> scriptText(const QByteArray &bytes);
 
 /// Marks a piece of any text, translations included, as telvaneMarkTranscriptPiece marks ASCII.
 MarkedPiece markPiece(const QString &piece);
+
+/// The font of the transcript: the desktop's fixed-width font when its columns line up, else the first family
+/// installed whose columns do, so that script output laid out in columns stays so on any set of fonts.
+QFont transcriptFont();
 
 } // namespace TelvaneWidgets

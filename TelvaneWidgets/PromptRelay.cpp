@@ -1,6 +1,6 @@
 #include "PromptRelay_p.h"
 
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 
 #include <QtCore/QThread>
 #include <QtWidgets/QApplication>
