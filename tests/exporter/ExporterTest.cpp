@@ -125,7 +125,7 @@ TEST_F(ExporterTest, RefusesWhatARequestMayNotAsk)
              {"module=ok&target=127.0.0.1&script=/bin/sh", 400, "unknown parameter \"script\""},
              {"module=ok&target=root@127.0.0.1", 400, "bad target"},
              {"module=ok&target=127.0.0.1:70000", 400, "bad target"},
-             {"module=ok&target=127.0.0.1&target=127.0.0.1", 400, "\"target\" must be given once"}}) {
+             {"module=ok&target=127.0.0.1&target=127.0.0.2", 400, "\"target\" must be given once"}}) {
         const auto [got, body] = exporter.get("/probe?" + query);
         EXPECT_EQ(status, got) << query << ": " << body;
         EXPECT_NE(std::string::npos, body.find(answer)) << query << ": " << body;
@@ -140,9 +140,10 @@ TEST_F(ExporterTest, RefusesWhatARequestMayNotAsk)
 TEST_F(ExporterTest, AnswersBusyBeyondTheCapAtOnce)
 {
     const std::string gate = dir + "/open";
-    Exporter exporter(
-        dir, config(module("gate", "while [ ! -e " + gate + " ]; do sleep 0.1; done\necho gate 1\n")),
-        {"--probe.max-in-flight=20"});
+    Exporter exporter(dir,
+                      config(module("gate", "while [ ! -e " + gate + " ]; do sleep 0.1; done\necho gate 1\n",
+                                    "    timeout: 60s\n")),
+                      {"--probe.max-in-flight=20"});
     ASSERT_NE(0, exporter.port) << exporter.daemon->log();
     std::atomic<int> busy{0}, passed{0}, other{0};
     std::vector<std::thread> clients;
@@ -181,7 +182,7 @@ TEST_F(ExporterTest, RefusesABadConfigurationAtStart)
              {"modules:\n  m:\n    script: /etc/passwd\n    user: u\n",
               "bad.yml:3: modules.m: no credentials"},
              {"modules:\n  m:\n" + script + "targets: [10.0.0.0/33]\n",
-              "bad.yml:6: targets: \"10.0.0.0/33\""},
+              "bad.yml:5: targets: \"10.0.0.0/33\""},
              {"modules: [\n", "bad.yml:2: not valid YAML"},
              {"targets: []\n", "modules: expected at least one"}}) {
         const auto run = runProcess({TELVANE_EXPORTER_PATH, "--config.file=" + write("bad.yml", yaml)});

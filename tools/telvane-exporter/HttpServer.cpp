@@ -83,6 +83,12 @@ void ExporterServer::route()
     };
     // An idle connection holds a thread: let it go soon.
     server_->set_keep_alive_timeout(2);
+    // The library's own options add SO_REUSEPORT, with which a second exporter could share our port unseen.
+    server_->set_socket_options([this](socket_t fd) {
+        const int on = 1;
+        ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        listeningSocket_ = fd;
+    });
     server_->set_pre_routing_handler([this](const httplib::Request &request, httplib::Response &response) {
         if (settings_.web.authorizes(request.get_header_value("Authorization")))
             return httplib::Server::HandlerResponse::Unhandled;
@@ -192,6 +198,9 @@ bool ExporterServer::bind(std::string &error)
         error = "cannot listen on " + address + std::to_string(settings_.listenPort);
         return false;
     }
+    // The library listens with a backlog of 5: a burst of scrapes would see connections dropped and retried
+    // seconds later, instead of a 503 at once. A second listen() only makes the queue longer.
+    ::listen(listeningSocket_, SOMAXCONN);
     logLine(std::string("listening on ") + (settings_.web.certFile.empty() ? "http" : "https") + "://" +
             address + std::to_string(boundPort_));
     return true;

@@ -55,7 +55,8 @@ private:
     ExporterMetrics metrics_;
     ProbeLog log_;
     std::atomic<int> inFlight_{0};
-    int boundPort_ = 0;      // set by bind() before the server's threads start
+    int boundPort_ = 0;        // set by bind() before the server's threads start
+    int listeningSocket_ = -1; // likewise
     std::mutex reloadMutex_; // one reload at a time: SIGHUP and POST /-/reload may meet
     mutable std::mutex configMutex_;
     std::shared_ptr<const ExporterConfig> config_; // guarded by configMutex_

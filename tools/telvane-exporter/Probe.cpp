@@ -2,7 +2,7 @@
 
 #include "PasswordFile.h"
 
-#include <Telvane/Platform/TelvaneSecret.h>
+#include <Telvane/TelvaneSecret.h>
 
 #include <chrono>
 #include <condition_variable>

@@ -1,6 +1,6 @@
 #include "WebConfig.h"
 
-#include <Telvane/Platform/TelvaneSecret.h>
+#include <Telvane/TelvaneSecret.h>
 
 #include <crypt.h>
 #include <openssl/crypto.h>
@@ -86,7 +86,8 @@ WebConfig readWebConfig(const YAML::Node &root, const std::string &path)
         config.keyFile = besideFile(path, scalar(tls["key_file"], "tls_server_config.key_file"));
     }
     if (const auto users = root["basic_auth_users"]) {
-        checkKeys(users, "basic_auth_users", {});
+        if (!users.IsMap())
+            throw FieldError{users.Mark(), "basic_auth_users", "expected a mapping of user names to bcrypt hashes"};
         for (const auto &entry : users) {
             const std::string user = entry.first.as<std::string>();
             const std::string hash = scalar(entry.second, "basic_auth_users." + user);

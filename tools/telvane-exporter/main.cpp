@@ -6,7 +6,7 @@
 #include "Probe.h"
 #include "WebConfig.h"
 
-#include <Telvane/Platform/TelvaneLog.h>
+#include <Telvane/TelvaneLog.h>
 #include <Telvane/TelvaneVersion.h>
 
 #include <CLI/CLI.hpp>
