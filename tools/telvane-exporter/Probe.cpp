@@ -25,14 +25,12 @@ int liveThreads = 0; // guarded by liveThreadsMutex
 class ProbeDelegate : public TelvaneDelegate
 {
 public:
-    ProbeDelegate(std::optional<TelvaneCredentialsDictionary> credentials)
-        : credentials_(std::move(credentials)), output_(std::make_shared<ScriptOutput>(kProbeOutputLimit))
-    {}
+    ProbeDelegate() : output_(std::make_shared<ScriptOutput>(kProbeOutputLimit)) {}
 
-    std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &, bool *persist) override
+    // A module's password file is the sensor's preset pair, and the keyring comes next: no one is left to ask.
+    std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &, bool *) override
     {
-        *persist = false;
-        return credentials_;
+        return std::nullopt;
     }
 
     std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &, TelvaneRunId) override
@@ -62,7 +60,6 @@ public:
     const ScriptOutput &output() const { return *output_; }
 
 private:
-    const std::optional<TelvaneCredentialsDictionary> credentials_;
     const std::shared_ptr<ScriptOutput> output_;
     std::mutex mutex_;
     std::condition_variable finished_;
@@ -119,7 +116,7 @@ ProbeResult runProbe(const ModuleConfig &module, const std::string &host, long p
         credentials.emplace(*module.user, *password);
         telvaneWipe(*password);
     }
-    auto delegate = std::make_shared<ProbeDelegate>(credentials);
+    auto delegate = std::make_shared<ProbeDelegate>();
     auto sensor = makeSensor(module, host, port, seconds, std::move(credentials));
     sensor->setDelegate(delegate);
     startRun(sensor, module);
