@@ -86,6 +86,14 @@ public:
             port = std::stoi(log.substr(log.find("127.0.0.1:", log.find("listening on ")) + 10));
         }
     }
+    /// Stops it as the service manager does: it must end cleanly, which is also when the sanitizers report.
+    ~Exporter()
+    {
+        if (port == 0)
+            return;
+        daemon->signal(SIGTERM);
+        EXPECT_EQ(0, daemon->wait()) << daemon->log();
+    }
     /// GET @p path; the status and the body (status 0 when there was no answer).
     std::pair<int, std::string> get(const std::string &path, const httplib::Headers &headers = {}) const
     {
