@@ -69,6 +69,9 @@ TEST_P(Probes, AnswerWithTheOutcomeAndTheScriptsMetrics)
                                                       << body << exporter.daemon->log();
     EXPECT_EQ(std::string::npos, body.find("telvane_probe_success 7"))
         << "the script may not set the exporter's own";
+    // The front page lists the probe, with a link to run it again.
+    EXPECT_NE(std::string::npos,
+              exporter.get("/").second.find("&amp;module=" + query.substr(7, query.find('&') - 7)));
     if (row.leftBehind)
         EXPECT_TRUE(waitUntil([&] {
             return sshd().log(logStart_).find("Received disconnect") != std::string::npos;
@@ -129,6 +132,7 @@ TEST_F(ExporterTest, RefusesWhatARequestMayNotAsk)
              {"module=nope&target=127.0.0.1", 400, "unknown module \"nope\""},
              {"module=ok&target=127.0.0.1&script=/bin/sh", 400, "unknown parameter \"script\""},
              {"module=ok&target=root@127.0.0.1", 400, "bad target"},
+             {"module=ok&target=%3Cb%3E.example.org", 400, "bad target"},
              {"module=ok&target=127.0.0.1:70000", 400, "bad target"},
              {"module=ok&target=127.0.0.1&target=127.0.0.2", 400, "\"target\" must be given once"}}) {
         const auto [got, body] = exporter.get("/probe?" + query);

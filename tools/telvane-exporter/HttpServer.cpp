@@ -39,6 +39,14 @@ std::string outcomeWords(const ProbeResult &result)
     return result.outcome ? "exit status " + std::to_string(result.outcome->status) : "no outcome";
 }
 
+// A host name or an address (an IPv6 one with its zone), and nothing that a name could not hold.
+bool isHostName(const std::string &host)
+{
+    return std::all_of(host.begin(), host.end(), [](unsigned char c) {
+        return std::isalnum(c) || c == '.' || c == '-' || c == '_' || c == ':' || c == '%';
+    });
+}
+
 // Checks the query of a probe: exactly one target and one module, and nothing else (a request may not name
 // a script, a user or a file). The first fault in words, or nothing.
 std::optional<std::string> queryFault(const httplib::Request &request)
@@ -118,8 +126,7 @@ void ExporterServer::handleProbe(const httplib::Request &request, httplib::Respo
     const std::string target = request.get_param_value("target");
     std::string error;
     const auto spec = parseHostSpec(target, module->second.port, error);
-    if (!spec || spec->user ||
-        std::any_of(target.begin(), target.end(), [](unsigned char c) { return c < ' '; }))
+    if (!spec || spec->user || !isHostName(spec->host))
         return answer(response, 400,
                       "bad target \"" + target + "\": expected HOST, HOST:PORT or [IPV6]:PORT");
     if (!config->targets.allows(spec->host)) {

@@ -51,13 +51,13 @@ private:
     std::shared_ptr<const ExporterConfig> config() const;
 
     const ServerSettings settings_;
-    std::unique_ptr<httplib::Server> server_;
-    ExporterMetrics metrics_;
-    ProbeLog log_;
+    std::unique_ptr<httplib::Server> server_; // made and routed in the constructor, then used by its threads
+    ExporterMetrics metrics_;                 // thread-safe
+    ProbeLog log_;                            // thread-safe
     std::atomic<int> inFlight_{0};
     int boundPort_ = 0;        // set by bind() before the server's threads start
     int listeningSocket_ = -1; // likewise
-    std::mutex reloadMutex_; // one reload at a time: SIGHUP and POST /-/reload may meet
+    std::mutex reloadMutex_;   // one reload at a time: SIGHUP and POST /-/reload may meet
     mutable std::mutex configMutex_;
     std::shared_ptr<const ExporterConfig> config_; // guarded by configMutex_
 };

@@ -29,6 +29,7 @@ public:
     std::string render() const;
 
 private:
+    // Each of these locks itself (prometheus-cpp's families, atomics in the metrics); they are set up once.
     prometheus::Registry registry_;
     prometheus::Family<prometheus::Counter> &probes_;
     prometheus::Family<prometheus::Histogram> &durations_;

@@ -27,7 +27,8 @@ class ProbeDelegate : public TelvaneDelegate
 public:
     ProbeDelegate() : output_(std::make_shared<ScriptOutput>(kProbeOutputLimit)) {}
 
-    // A module's password file is the sensor's preset pair, and the keyring comes next: no one is left to ask.
+    // A module's password file is the sensor's preset pair, and the keyring comes next: no one is left to
+    // ask.
     std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &, bool *) override
     {
         return std::nullopt;

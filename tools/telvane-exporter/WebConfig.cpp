@@ -87,7 +87,8 @@ WebConfig readWebConfig(const YAML::Node &root, const std::string &path)
     }
     if (const auto users = root["basic_auth_users"]) {
         if (!users.IsMap())
-            throw FieldError{users.Mark(), "basic_auth_users", "expected a mapping of user names to bcrypt hashes"};
+            throw FieldError{users.Mark(), "basic_auth_users",
+                             "expected a mapping of user names to bcrypt hashes"};
         for (const auto &entry : users) {
             const std::string user = entry.first.as<std::string>();
             const std::string hash = scalar(entry.second, "basic_auth_users." + user);
