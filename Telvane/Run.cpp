@@ -160,7 +160,7 @@ void Run::finish(State state, long status)
     outcome.kind = state == State::Ended    ? TelvaneRunOutcome::Kind::Ended
                    : state == State::Failed ? TelvaneRunOutcome::Kind::Failed
                                             : TelvaneRunOutcome::Kind::Stopped;
-    outcome.status = state == State::Ended ? status : 0;
+    outcome.status = status;
     outcome.failure = failure_;
     outcome.phases = phases_;
     if (auto delegate = q_.delegate())

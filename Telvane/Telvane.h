@@ -2,9 +2,9 @@
 // runs one shell script there and streams the script's standard output back through a pipe.
 #pragma once
 
-#include <Telvane/TelvanePipe.h>
 #include <Telvane/TelvaneCredentials.h>
 #include <Telvane/TelvaneExport.h>
+#include <Telvane/TelvanePipe.h>
 #include <Telvane/Telvane_vers.h>
 
 #include <cstddef>
@@ -144,8 +144,8 @@ public:
     /// sensorScriptDidStart has returned. Runs on the pump's thread, or on the runScript thread when the run
     /// ended before its script started. The default does nothing.
     virtual void sensorRunDidFinish(Telvane &sensor, const TelvaneRunOutcome &outcome);
-    /// Asked once per run on the runScript thread just before the script is launched: a sink here takes the
-    /// run's output instead of the pipe (the handle of sensorScriptDidStart then gives only end of file, in
+    /// Asked once per run on the runScript thread before it connects: a sink here takes the run's output
+    /// instead of the pipe (the handle of sensorScriptDidStart then gives only end of file, in
     /// the same order as ever). The sink is first called after sensorScriptDidStart has returned. The
     /// default, nothing, keeps the pipe.
     virtual std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &sensor, TelvaneRunId run);

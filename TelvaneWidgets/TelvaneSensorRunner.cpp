@@ -14,17 +14,8 @@
 #include <deque>
 #include <functional>
 #include <mutex>
-#include <vector>
 
 namespace {
-
-/// What failed() says of a failure: the sensor's reason, else the general words for the code.
-QByteArray failureReason(const Telvane &sensor, long code)
-{
-    const auto failure = sensor.lastFailure();
-    return QByteArray::fromStdString(
-        failure && failure->code == code ? failure->reason : TelvaneTranscript::wordsForError(code));
-}
 
 /// Receives the queued hops to the runner's thread; by name and without arguments, so that Qt alone makes
 /// and frees the queued call, and the data goes through the link's mutex, where ThreadSanitizer sees it. A
@@ -64,6 +55,9 @@ struct CredentialsRequest
 /// The sensor's delegate on behalf of a runner. The sensor holds its delegate weakly and the run's threads
 /// hold this strongly, so it outlives the runner: once the runner has gone it drops what arrives and answers
 /// no credentials. It touches no QObject but the relay, and that only to queue a call.
+///
+/// The sensor tells a run's start, hands its output to the sink on the pump's thread, and tells its outcome
+/// last, each after the one before: posted in that order, they reach the runner's thread in that order.
 class RunnerLink : public TelvaneDelegate, public std::enable_shared_from_this<RunnerLink>
 {
 public:
@@ -79,8 +73,6 @@ public:
         std::lock_guard lock(mutex_);
         relay_ = nullptr;
         pending_.clear();
-        deferred_.clear();
-        endsAhead_.clear();
         declineAllLocked();
     }
 
@@ -112,63 +104,42 @@ public:
         declineAllLocked();
     }
 
-    /// Ends a run: running turns false at once; the event follows the script's output.
+    /// Ends a run: running turns false at once, and the event goes to the runner's thread.
     void end(RunEvent event)
     {
         running.store(false);
-        std::lock_guard lock(mutex_);
-        // The sensor reports the end before it closes the pipe, so a reader may still be catching up. Held
-        // back until every reader is done, the end comes last, as in a terminal.
-        if (readers_ > 0)
-            deferred_.push_back(std::move(event));
-        else
-            postLocked(std::move(event));
+        post(std::move(event));
     }
 
     // The sensor's threads.
-    void sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle> output) override
+    void sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneFileHandle>) override
     {
-        {
-            std::lock_guard lock(mutex_);
-            ++readers_;
-            ++starts_;
-            postLocked(RunEvent::Started);
-            // This run's pump may have reported its end already: it follows this run's output now.
-            if (!endsAhead_.empty()) {
-                deferred_.push_back(std::move(endsAhead_.front()));
-                endsAhead_.erase(endsAhead_.begin());
-            }
+        post(RunEvent::Started);
+    }
+
+    std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &, TelvaneRunId) override
+    {
+        TelvaneOutputSink sink;
+        sink.write = [self = shared_from_this()](const char *data, std::size_t size) {
+            self->post(RunEvent(RunEvent::Output, 0, QByteArray(data, static_cast<qsizetype>(size))));
+            return true; // a runner that has gone lets the run go on to its end unheard
+        };
+        return sink;
+    }
+
+    // A stop while connecting is told as the failure the sensor reported; a stop of a running script as
+    // its end.
+    void sensorRunDidFinish(Telvane &, const TelvaneRunOutcome &outcome) override
+    {
+        const TelvaneFailure &failure = outcome.failure;
+        if (outcome.kind == TelvaneRunOutcome::Kind::Failed ||
+            (outcome.kind == TelvaneRunOutcome::Kind::Stopped && failure.code != 0)) {
+            const std::string reason =
+                failure.reason.empty() ? TelvaneTranscript::wordsForError(failure.code) : failure.reason;
+            end(RunEvent(RunEvent::Failed, failure.code, QByteArray::fromStdString(reason)));
+        } else {
+            end(RunEvent(RunEvent::Finished, outcome.status));
         }
-        const bool reading = TelvaneWidgets::startBackgroundThread(
-            [self = shared_from_this(), output] { self->read(*output); });
-        if (!reading) {
-            output->closeFile(); // the pump's writes fail, and the run ends instead of filling the pipe
-            readerEnded();
-        }
-    }
-
-    void sensorScriptDidTerminate(Telvane &, long status) override
-    {
-        endOfPump(RunEvent(RunEvent::Finished, status));
-    }
-
-    // On the thread that connects, a failure ends a run that never started; on a pump's, a run that did.
-    void sensorDidFailWithError(Telvane &sensor, long code) override
-    {
-        RunEvent event(RunEvent::Failed, code, failureReason(sensor, code));
-        connectingHere ? end(std::move(event)) : endOfPump(std::move(event));
-    }
-
-    /// Brackets a runScript call on its thread.
-    void connecting(bool begins)
-    {
-        connectingHere = begins;
-        std::lock_guard lock(mutex_);
-        connecting_ += begins ? 1 : -1;
-        // A start always comes before runScript returns; an end still held now has none to wait for.
-        if (!begins && connecting_ == 0)
-            for (auto &event : std::exchange(endsAhead_, {}))
-                readers_ > 0 ? deferred_.push_back(std::move(event)) : postLocked(std::move(event));
     }
 
     // A key never seen is the policy's to judge; a changed one is the user's.
@@ -208,24 +179,6 @@ public:
     std::atomic<bool> running{false};
 
 private:
-    /// Drains the output until the pipe ends, whether or not the runner still lives.
-    void read(TelvaneFileHandle &output)
-    {
-        for (std::string chunk; !(chunk = output.availableData()).empty();)
-            post(RunEvent(RunEvent::Output, 0, QByteArray::fromStdString(chunk)));
-        readerEnded();
-    }
-
-    void readerEnded()
-    {
-        std::lock_guard lock(mutex_);
-        if (--readers_ > 0)
-            return;
-        for (RunEvent &event : deferred_)
-            postLocked(std::move(event));
-        deferred_.clear();
-    }
-
     void post(RunEvent event)
     {
         std::lock_guard lock(mutex_);
@@ -257,31 +210,8 @@ private:
     std::mutex mutex_;
     std::condition_variable answered_; // a waiting request was answered
     RunnerRelay *relay_ = nullptr;     // guarded by mutex_; set and cleared on the runner's thread
-    // The pump starts before the connecting thread sends the start, so a short script's end can come first.
-    // The reports do not say which run they end, so runs are counted: a pump's end with no start left to
-    // match, while a run is still connecting, waits for that run's start.
-    void endOfPump(RunEvent event)
-    {
-        {
-            std::lock_guard lock(mutex_);
-            if (pumpEnds_++ >= starts_ && connecting_ > 0) {
-                running.store(false);
-                endsAhead_.push_back(std::move(event));
-                return;
-            }
-        }
-        end(std::move(event));
-    }
-
-    static inline thread_local bool connectingHere = false;
-    std::deque<RunEvent> pending_;    // guarded by mutex_: what waits for the runner's thread, in order
-    bool drainPosted_ = false;        // guarded by mutex_
-    int readers_ = 0;                 // guarded by mutex_: output readers not yet at the end
-    std::vector<RunEvent> deferred_;  // guarded by mutex_: end reports waiting for the readers
-    long starts_ = 0;                 // guarded by mutex_: runs whose start came
-    long pumpEnds_ = 0;               // guarded by mutex_: runs whose pump ended
-    int connecting_ = 0;              // guarded by mutex_: runScript calls under way
-    std::vector<RunEvent> endsAhead_; // guarded by mutex_: pump ends that came before their start
+    std::deque<RunEvent> pending_;     // guarded by mutex_: what waits for the runner's thread, in order
+    bool drainPosted_ = false;         // guarded by mutex_
     std::deque<std::shared_ptr<CredentialsRequest>> waiting_; // guarded by mutex_, oldest first
 };
 
@@ -366,10 +296,8 @@ void TelvaneSensorRunner::start(const QString &script, std::optional<TelvaneArgu
     if (!script.isNull())
         text = script.toStdString();
     const bool started = TelvaneWidgets::startBackgroundThread(
-        [sensor = d->sensor, link = d->link, text = std::move(text), arguments = std::move(arguments)] {
-            link->connecting(true);
+        [sensor = d->sensor, text = std::move(text), arguments = std::move(arguments)] {
             sensor->runScript(text, arguments);
-            link->connecting(false);
         });
     if (!started)
         d->link->end(

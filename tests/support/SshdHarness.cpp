@@ -94,8 +94,12 @@ bool SshdHarness::prepareAccount()
         if (::rename((passwordPath + ".new").c_str(), passwordPath.c_str()) != 0)
             return fail("cannot write " + passwordPath);
     }
-    if (!::getpwnam(kAccount) && !runTool(std::string("/usr/sbin/useradd -m -s /bin/sh ") + kAccount))
+    // A bash login shell, as most accounts have: scripts may use its syntax however they are sent.
+    if (!::getpwnam(kAccount) && !runTool(std::string("/usr/sbin/useradd -m -s /bin/bash ") + kAccount))
         return fail(std::string("useradd ") + kAccount + " failed");
+    if (std::string(::getpwnam(kAccount)->pw_shell) != "/bin/bash" &&
+        !runTool(std::string("/usr/sbin/usermod -s /bin/bash ") + kAccount))
+        return fail(std::string("usermod ") + kAccount + " failed");
     // Reset every time: the stored password is the one everybody uses.
     if (!runTool("/usr/sbin/chpasswd", std::string(kAccount) + ":" + password_ + "\n"))
         return fail("chpasswd failed");

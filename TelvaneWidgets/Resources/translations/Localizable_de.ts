@@ -24,42 +24,6 @@
         <translation>Diagnose auf %@ ausführen:</translation>
     </message>
     <message>
-        <source>Connecting over SSH to %@ on port %@: </source>
-        <translation>Verbindung über SSH mit %@ auf Port %@: </translation>
-    </message>
-    <message>
-        <source>OK
-</source>
-        <translation>OK
-</translation>
-    </message>
-    <message>
-        <source>Diagnostics completed.</source>
-        <translation>Diagnose abgeschlossen.</translation>
-    </message>
-    <message>
-        <source>Diagnostics terminated with error: %ld</source>
-        <translation>Diagnose mit Fehler beendet: %ld</translation>
-    </message>
-    <message>
-        <source>*failed*
-</source>
-        <translation>*fehlgeschlagen*
-</translation>
-    </message>
-    <message>
-        <source>*canceled*
-</source>
-        <translation>*abgebrochen*
-</translation>
-    </message>
-    <message>
-        <source>*invalid credentials*
-</source>
-        <translation>*ungültige Anmeldedaten*
-</translation>
-    </message>
-    <message>
         <source>Run Again</source>
         <translation>Erneut ausführen</translation>
     </message>
