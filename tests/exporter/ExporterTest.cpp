@@ -35,6 +35,11 @@ struct ProbeRow
     bool leftBehind = false; // the run was still going at the deadline: its session must end all the same
 };
 
+void PrintTo(const ProbeRow &row, std::ostream *out)
+{
+    *out << row.query;
+}
+
 using Probes = WithRows<ExporterTest, ProbeRow>;
 
 } // namespace
