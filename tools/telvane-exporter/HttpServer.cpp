@@ -28,7 +28,7 @@ double probeSeconds(const httplib::Request &request, double moduleTimeout, doubl
     const double scrape = std::strtod(header.c_str(), &end);
     if (header.empty() || *end != '\0' || !std::isfinite(scrape) || scrape <= 0)
         return moduleTimeout;
-    return std::clamp(scrape - offset, 0.1, moduleTimeout);
+    return std::min(moduleTimeout, std::max(0.1, scrape - offset));
 }
 
 std::string outcomeWords(const ProbeResult &result)
