@@ -83,6 +83,6 @@ TEST_F(ExporterTest, PrometheusScrapesTheProbeWithTheReadmesConfiguration)
         << exporter.daemon->log() << server.log();
     EXPECT_EQ("4", queryValue(port, "sensor_load_threshold" + instance));
     // The exporter's own metrics, from the second job.
-    EXPECT_TRUE(waitUntil([&] { return queryValue(port, "telvane_exporter_probes_in_flight") == "0"; },
+    EXPECT_TRUE(waitUntil([&] { return queryValue(port, "telvane_exporter_build_info") == "1"; },
                           std::chrono::seconds(30)));
 }
