@@ -133,9 +133,9 @@ ProbeResult runProbe(const ModuleConfig &module, const std::string &host, long p
     } else if (result.outcome->kind == TelvaneRunOutcome::Kind::Stopped) {
         result.failure = TelvaneFailure{TelvaneErrorConnection, "stopped", {}};
     }
-    result.success = result.outcome && result.outcome->kind == TelvaneRunOutcome::Kind::Ended &&
-                     result.outcome->status == 0;
-    result.output = delegate->output().sifted(kReservedPrefix);
+    const bool ended = result.outcome && result.outcome->kind == TelvaneRunOutcome::Kind::Ended;
+    result.success = ended && result.outcome->status == 0;
+    result.output = delegate->output().sifted(kReservedPrefix, ended);
     result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     return result;
 }

@@ -173,7 +173,7 @@ bool ScriptOutput::append(const char *data, std::size_t size)
     return !truncated_;
 }
 
-ScriptOutput::Sifted ScriptOutput::sifted(const std::string &reservedPrefix) const
+ScriptOutput::Sifted ScriptOutput::sifted(const std::string &reservedPrefix, bool ended) const
 {
     std::lock_guard lock(mutex_);
     Sifted result;
@@ -187,9 +187,9 @@ ScriptOutput::Sifted ScriptOutput::sifted(const std::string &reservedPrefix) con
         if (!line.empty() && line.back() == '\r')
             line.remove_suffix(1);
         std::string_view name;
-        // A line cut off by the end of the output (the cap, or a script without a last line feed) is only
-        // taken when the output was not cut: then the script's last line is whole.
-        const bool whole = end != std::string_view::npos || !truncated_;
+        // Text after the last line feed is a whole line only when the script ended and nothing was cut off;
+        // at a deadline or the cap it may be half a number.
+        const bool whole = end != std::string_view::npos || (ended && !truncated_);
         if (whole && isPrometheusLine(line, name) && name.substr(0, reservedPrefix.size()) != reservedPrefix)
             result.text.append(line).append(1, '\n');
         else if (line.find_first_not_of(" \t") != std::string_view::npos)

@@ -22,9 +22,9 @@ public:
         std::size_t bytes = 0;   ///< what the script wrote, up to the cap
         bool truncated = false;  ///< the cap cut the output
     };
-    /// The output so far, sifted. Lines that name a metric starting with @p reservedPrefix are dropped: they
-    /// would clash with the probe's own metrics.
-    Sifted sifted(const std::string &reservedPrefix) const;
+    /// The output so far, sifted; @p ended when the script's output came to its end. Lines that name a metric
+    /// starting with @p reservedPrefix are dropped: they would clash with the probe's own metrics.
+    Sifted sifted(const std::string &reservedPrefix, bool ended) const;
 
 private:
     const std::size_t limit_;
