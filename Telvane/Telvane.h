@@ -151,8 +151,11 @@ public:
     virtual std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &sensor, TelvaneRunId run);
     /// The server asks questions at the login that the password does not answer (a one-time code, say), or
     /// an encrypted key file needs its passphrase: answer each prompt in order, or std::nullopt when no one
-    /// can (the run then fails with TelvaneErrorAuthentication, naming the prompt). Runs on the runScript
-    /// thread. The default answers nothing.
+    /// can (the run then fails with TelvaneErrorAuthentication, naming the prompt). The password answers, by
+    /// itself, only a prompt that does not echo and asks for the password and nothing else ("Password:",
+    /// "alice's password:", "Password for alice@host:", "Enter password:"); every other prompt comes here.
+    /// A refused answer here keeps the stored pair. Runs on the runScript thread. The default answers
+    /// nothing.
     virtual std::optional<std::vector<std::string>>
     answersForLoginQuestion(Telvane &sensor, const TelvaneLoginQuestion &question);
 };
@@ -260,6 +263,13 @@ public:
     void setTimeout(double timeout);
     ///@}
     ///@{
+    /// The user to log in as when the host program knows the name but no password (a command line's -l or
+    /// user@host): the server is asked under it and keys log in under it; empty: the credentials' name, or
+    /// the local user's for keys. Credentials that name another user then log in under theirs.
+    std::string username() const;
+    void setUsername(std::string username);
+    ///@}
+    ///@{
     /// Credentials that the host program already holds (a command line's --user and password file): tried
     /// before the keyring and the delegate. A refused preset pair deletes nothing from the keyring.
     std::optional<TelvaneCredentialsDictionary> presetCredentials() const;
@@ -267,7 +277,8 @@ public:
     ///@}
     ///@{
     /// Whether public-key logins are tried before the password: the user's ssh-agent ($SSH_AUTH_SOCK), then
-    /// the identity files. Off unless set, so that a sensor logs in by password only.
+    /// the identity files. Off unless set, so that a sensor logs in by password only. A login by key asks
+    /// for no credentials; its username is the preset pair's, else the stored pair's, else the local user's.
     bool publicKeyAuthentication() const;
     void setPublicKeyAuthentication(bool enabled);
     ///@}

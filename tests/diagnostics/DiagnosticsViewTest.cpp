@@ -20,6 +20,7 @@
 #include <QtGui/QTextFrame>
 #include <QtTest/QSignalSpy>
 #include <QtWidgets/QLabel>
+#include <QtWidgets/QLineEdit>
 #include <QtWidgets/QProgressBar>
 #include <QtWidgets/QPushButton>
 #include <QtWidgets/QScrollBar>
@@ -341,6 +342,38 @@ private Q_SLOTS:
         QCOMPARE(events, expected);
         QCOMPARE(prompts.count, answer == "prompt" ? 1 : 0);
         QVERIFY(released(sensor, runner ? 2 : 1));
+    }
+
+    // A server whose PAM asks for a one-time code after the password: the preset pair answers the password,
+    // the user the code, in the login-question dialog; a cancelled dialog fails the run as refused.
+    void secondFactor()
+    {
+        telvane::test::SshdHarness otp(telvane::test::SshdHarness::Server::OneTimeCode);
+        TELVANE_QREQUIRE(otp.start(), "no one-time-code sshd: " + QString::fromStdString(otp.reason()));
+        for (const bool answered : {true, false}) {
+            auto sensor = Telvane::create("diagnostics", "Test sensor", otp.host(), otp.port(), 10);
+            TelvaneDiagnosticsView panel(sensor, script("echo in\n"));
+            panel.setUsername(QString::fromStdString(otp.username()));
+            panel.setPassword(QString::fromStdString(otp.password()));
+            QTimer poll;
+            connect(&poll, &QTimer::timeout, this, [&] {
+                QDialog *dialog = telvane::test::shownPrompt(QLatin1String("TelvaneLoginQuestionDialog"));
+                if (!dialog)
+                    return;
+                poll.stop();
+                if (!answered)
+                    return dialog->reject();
+                QTest::keyClicks(dialog->findChild<QLineEdit *>("answerField0"),
+                                 QString::fromStdString(otp.oneTimeCode()));
+                dialog->findChild<QPushButton *>("okButton")->click();
+            });
+            poll.start(10);
+            panel.show();
+            const QString shown = answered ? "OK\nin\n" + done : refused;
+            QTRY_COMPARE_WITH_TIMEOUT(panel.textView()->toPlainText(), connecting(otp.port()) + shown,
+                                      kRunTimeout);
+            QVERIFY(released(sensor));
+        }
     }
 
     // The desktop host: bad input ends it at once; a quit while a run goes on ends it promptly and cleanly.

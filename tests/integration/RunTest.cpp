@@ -30,8 +30,8 @@ struct OutcomeCase
 {
     const char *name;
     const char *script;
-    bool closedPort; // aimed at a port nobody listens on
-    bool stop;       // stopped while the script sleeps
+    enum Peer { Sshd, ClosedPort, DeafPort } peer; // a deaf port never completes the TCP connect
+    bool stop;                                     // stopped once running, or while the connect hangs
     Kind kind;
     long statusOrCode;
 };
@@ -85,19 +85,22 @@ struct SinkDelegate : RecordingDelegate
 TEST_P(Outcomes, EachRunTellsOneOutcomeOfItsKindWithTheTimeOfItsStages)
 {
     const OutcomeCase &row = GetParam();
-    LoopbackSocket closed;
-    auto sensor = row.closedPort ? makeSensor(host(), closed.port()) : makeSensor();
-    if (row.stop) {
-        std::thread([&] {
-            waitUntil([&] { return sensor->running(); });
+    LoopbackSocket other(row.peer == OutcomeCase::DeafPort ? 0 : -1);
+    other.deafen();
+    auto sensor = row.peer == OutcomeCase::Sshd ? makeSensor(30) : makeSensor(host(), other.port(), 30);
+    std::thread stopper([&] {
+        if (row.stop && !waitUntil([&] { return sensor->running(); }, 500ms))
+            sensor->stopScript(); // still connecting
+        else if (row.stop)
             sensor->stopScript();
-        }).detach();
-    }
+    });
     ASSERT_TRUE(runToEnd(*sensor, row.script)) << log.joined();
+    stopper.join();
     const TelvaneRunOutcome outcome = delegate->outcomes().at(0);
+    EXPECT_LT(outcome.phases.connect, 5) << "a stop ends a hanging connect at once";
     EXPECT_EQ(row.kind, outcome.kind) << log.joined();
     EXPECT_EQ(row.statusOrCode, row.kind == Kind::Failed ? outcome.failure.code : outcome.status);
-    if (row.kind == Kind::Failed)
+    if (row.kind == Kind::Failed || row.peer == OutcomeCase::DeafPort)
         EXPECT_EQ(sensor->lastFailure()->reason, outcome.failure.reason);
     else
         EXPECT_GT(outcome.phases.handshake, 0) << "a run that connected took time to shake hands";
@@ -106,9 +109,12 @@ TEST_P(Outcomes, EachRunTellsOneOutcomeOfItsKindWithTheTimeOfItsStages)
 
 INSTANTIATE_TEST_SUITE_P(
     Kinds, Outcomes,
-    ::testing::Values(OutcomeCase{"Ended", "sleep 0.2; exit 3", false, false, Kind::Ended, 3},
-                      OutcomeCase{"Failed", "echo never", true, false, Kind::Failed, TelvaneErrorConnection},
-                      OutcomeCase{"Stopped", "sleep 30", false, true, Kind::Stopped, 0}),
+    ::testing::Values(OutcomeCase{"Ended", "sleep 0.2; exit 3", OutcomeCase::Sshd, false, Kind::Ended, 3},
+                      OutcomeCase{"Failed", "echo never", OutcomeCase::ClosedPort, false, Kind::Failed,
+                                  TelvaneErrorConnection},
+                      OutcomeCase{"Stopped", "sleep 30", OutcomeCase::Sshd, true, Kind::Stopped, 0},
+                      OutcomeCase{"StoppedConnecting", "echo never", OutcomeCase::DeafPort, true,
+                                  Kind::Stopped, 0}),
     [](const auto &info) { return std::string(info.param.name); });
 
 // The pump of a short script ends long before its start is told; the reports still come start first, and a

@@ -114,6 +114,17 @@ void RecordingDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneF
     }).detach();
 }
 
+std::optional<std::vector<std::string>>
+RecordingDelegate::answersForLoginQuestion(Telvane &, const TelvaneLoginQuestion &question)
+{
+    {
+        std::lock_guard lock(mutex_);
+        for (const TelvaneLoginPrompt &prompt : question.prompts)
+            promptsAsked_.push_back(prompt.text);
+    }
+    return answerQuestion ? answerQuestion(question) : std::nullopt;
+}
+
 void RecordingDelegate::sensorScriptDidTerminate(Telvane &, long status)
 {
     std::this_thread::sleep_for(endDelay);

@@ -81,6 +81,8 @@ public:
     bool drainOutput = true;
     /// How long hearing the end takes: a reader that meets end of file before it has been heard shows then.
     std::chrono::milliseconds endDelay{0};
+    /// Answers the login's questions (a one-time code, a passphrase); unset, nobody answers.
+    std::function<std::optional<std::vector<std::string>>(const TelvaneLoginQuestion &)> answerQuestion;
 
     void sensorScriptDidStart(Telvane &sensor, std::shared_ptr<TelvaneFileHandle> output) override;
     void sensorScriptDidTerminate(Telvane &sensor, long status) override;
@@ -88,6 +90,8 @@ public:
     std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor, bool *persist) override;
     void sensorRunDidFinish(Telvane &sensor, const TelvaneRunOutcome &outcome) override;
     std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &sensor, TelvaneRunId run) override;
+    std::optional<std::vector<std::string>>
+    answersForLoginQuestion(Telvane &sensor, const TelvaneLoginQuestion &question) override;
 
     std::vector<Event> events() const { return read(&RecordingDelegate::events_); }
     /// Waits until the run has told its outcome and, when draining, its output has reached end of file.
@@ -98,6 +102,8 @@ public:
     /// after its pipe's writing end was closed, agreeing with the end report; empty when nothing is.
     std::string outcomeFaults() const { return read(&RecordingDelegate::outcomeFaults_); }
     std::string output() const { return read(&RecordingDelegate::output_); }
+    /// The text of every prompt that the login put to the delegate, in order.
+    std::vector<std::string> promptsAsked() const { return read(&RecordingDelegate::promptsAsked_); }
     std::shared_ptr<TelvaneFileHandle> handle() const { return read(&RecordingDelegate::handle_); }
     int count(Event::Kind kind) const;
     std::optional<long> terminationStatus() const { return firstValue(Event::Terminated); }
@@ -126,6 +132,7 @@ private:
     std::string outcomeFaults_;                                // guarded by mutex_
     std::map<TelvaneRunId, std::weak_ptr<TelvanePipe>> pipes_; // guarded by mutex_
     std::string output_;                                       // guarded by mutex_
+    std::vector<std::string> promptsAsked_;                    // guarded by mutex_
     bool outputEnded_ = false;                                 // guarded by mutex_
     bool endBeforeEndOfFile_ = false;                          // guarded by mutex_
     std::shared_ptr<TelvaneFileHandle> handle_;                // guarded by mutex_

@@ -16,6 +16,10 @@
         <translation>Anmeldung erforderlich für %@</translation>
     </message>
     <message>
+        <source>Please answer the server&apos;s question:</source>
+        <translation>Bitte beantworten Sie die Frage des Servers:</translation>
+    </message>
+    <message>
         <source>Please enter the username and password:</source>
         <translation>Bitte geben Sie Benutzername und Passwort ein:</translation>
     </message>
