@@ -180,6 +180,23 @@ TEST_F(ExporterTest, AnswersBusyBeyondTheCapAtOnce)
     EXPECT_EQ(0, other.load());
 }
 
+// A module with keys logs in by key alone, as its user.
+TEST_F(ExporterTest, LogsInWithTheModulesKey)
+{
+    SshdHarness keyServer(SshdHarness::Server::PublicKey);
+    TELVANE_REQUIRE_COMPONENT(keyServer.start(), "no sshd for keys: " + keyServer.reason());
+    const std::string key = keyServer.makeClientKey("probe-key");
+    ASSERT_FALSE(key.empty());
+    Exporter exporter(dir, config("  keys:\n    script: " + write("keys.sh", "echo keyed 1\n") +
+                                  "\n    user: " + keyServer.username() + "\n    identity_files: [" + key +
+                                  "]\n    host_key_policy: accept-any\n"));
+    ASSERT_NE(0, exporter.port) << exporter.daemon->log();
+    const auto [status, body] =
+        exporter.get("/probe?module=keys&target=127.0.0.1:" + std::to_string(keyServer.port()));
+    EXPECT_NE(std::string::npos, body.find("telvane_probe_success 1\n")) << body << keyServer.log();
+    EXPECT_NE(std::string::npos, body.find("\nkeyed 1\n")) << body;
+}
+
 // A bad configuration is refused at start-up, naming the file, the line and the field.
 TEST_F(ExporterTest, RefusesABadConfigurationAtStart)
 {

@@ -73,6 +73,7 @@ std::shared_ptr<Telvane> makeSensor(const ModuleConfig &module, const std::strin
     auto sensor = Telvane::create(module.name + "@" + host, module.name, host, port, seconds);
     sensor->setHostKeyPolicy(module.hostKeyPolicy);
     sensor->setKnownHostsFile(module.knownHosts);
+    sensor->setUsername(module.user.value_or(""));
     sensor->setPresetCredentials(std::move(credentials));
     sensor->setPublicKeyAuthentication(!module.identityFiles.empty());
     sensor->setIdentityFiles(module.identityFiles);
