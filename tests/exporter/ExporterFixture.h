@@ -1,6 +1,7 @@
 // The exporter's suites: the loopback sshd, the exporter as a process of its own, and a client for both.
 #pragma once
 
+#include "support/Daemon.h"
 #include "support/SshdFixture.h"
 
 #include <httplib.h>
@@ -8,7 +9,6 @@
 #include <csignal>
 #include <map>
 #include <memory>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 
 namespace telvane::test {
@@ -19,22 +19,8 @@ class Daemon
 public:
     Daemon(const std::vector<std::string> &argv, std::string logPath) : logPath_(std::move(logPath))
     {
-        std::vector<char *> args;
-        for (const auto &arg : argv)
-            args.push_back(const_cast<char *>(arg.c_str()));
-        args.push_back(nullptr);
-        const int log = ::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        if ((pid_ = ::fork()) == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            sigset_t none;
-            sigemptyset(&none);
-            ::sigprocmask(SIG_SETMASK, &none, nullptr);
-            ::dup2(log, 1);
-            ::dup2(log, 2);
-            ::execv(args[0], args.data());
-            ::_exit(127);
-        }
-        ::close(log);
+        std::ofstream(logPath_, std::ios::trunc); // a fresh log: an earlier run's lines must not be found
+        pid_ = startDaemon(argv, logPath_);
     }
     ~Daemon() { signal(SIGKILL), wait(); }
     std::string log() const { return readFile(logPath_); }
@@ -42,10 +28,14 @@ public:
     /// Waits for @p text in the output; false when the program ended first or took more than a minute.
     bool waitForLog(const std::string &text)
     {
-        for (int i = 0; i < 6000 && log().find(text) == std::string::npos; ++i)
-            if (ended() || (::usleep(10000), false))
+        for (int i = 0; i < 6000; ++i) {
+            if (log().find(text) != std::string::npos)
+                return true;
+            if (ended())
                 return false;
-        return log().find(text) != std::string::npos;
+            ::usleep(10000);
+        }
+        return false;
     }
     /// The exit status once it has ended, or -1.
     int wait()
