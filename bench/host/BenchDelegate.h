@@ -1,9 +1,10 @@
-// The benchmark host's delegate: answers with the test account's credentials and lets the caller wait for
-// the start and the end of a run.
+// The benchmark host's delegate: answers with the test account's credentials, takes the output through the
+// pipe or a sink, and lets the caller wait for the start and the end of a run.
 #pragma once
 
 #include <Telvane/Telvane.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -30,6 +31,24 @@ public:
     {
         return TelvaneCredentialsDictionary(username_, password_);
     }
+    std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &, TelvaneRunId) override { return sink_; }
+
+    /// Hands every run's output to @p descriptor, written by the pump itself, instead of the pipe.
+    void sinkTo(int descriptor)
+    {
+        sink_ = TelvaneOutputSink{};
+        sink_->fileDescriptor = descriptor;
+    }
+    /// Hands every run's output to a callback on the pump's thread that only counts it (sinkBytes()).
+    void sinkToCounter()
+    {
+        sink_ = TelvaneOutputSink{};
+        sink_->write = [this](const char *, std::size_t size) {
+            sinkBytes_.fetch_add(static_cast<long long>(size), std::memory_order_relaxed);
+            return true;
+        };
+    }
+    long long sinkBytes() const { return sinkBytes_.load(std::memory_order_relaxed); }
 
     std::shared_ptr<TelvaneFileHandle> output() const
     {
@@ -64,6 +83,8 @@ private:
     std::condition_variable changed_;
     std::shared_ptr<TelvaneFileHandle> output_; // guarded by mutex_
     std::optional<long> result_;                // guarded by mutex_
+    std::optional<TelvaneOutputSink> sink_;     // set before the first run, then read-only
+    std::atomic<long long> sinkBytes_{0};
 };
 
 } // namespace telvane::bench
