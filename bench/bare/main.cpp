@@ -9,6 +9,7 @@
 //   --loop event     the same, with libssh's own poll (ssh_event_dopoll) as the only wait
 //   --loop counted   the library's loop, but no poll of ours after a read that took bytes off the socket
 //                    (ssh_set_counters) without completing a packet: libssh polls before it reads anyway
+//   --loop timed     the library's loop, each read allowed to wait up to --read-ms (1) in libssh's own poll
 //   --rcvbuf BYTES   SO_RCVBUF before the connect (0: the kernel's autotuning, the default)
 //   --nodelay 0|1    TCP_NODELAY (1, the default, as the library)
 #include "../common/Args.h"
@@ -110,7 +111,9 @@ public:
         const std::string user = args.text("user", "telvane-test");
         const std::string script = args.text("script", "head -c 1048576 /dev/zero");
         loop_ = args.text("loop", "read");
-        taken_.streamZero = loop_ != "read";
+        timed_ = loop_ == "timed";
+        readMilliseconds_ = static_cast<int>(args.number("read-ms", 1));
+        taken_.streamZero = loop_ == "callback" || loop_ == "event";
         sock_ = connectLoopback(static_cast<int>(args.number("port", 22)),
                                 static_cast<int>(args.number("rcvbuf", 0)),
                                 static_cast<int>(args.number("nodelay", 1)));
@@ -177,7 +180,10 @@ private:
             ssh_set_counters(session_, nullptr, &received);
         for (;;) {
             const uint64_t before = received.in_bytes;
-            n = ssh_channel_read_nonblocking(channel_, buffer, sizeof buffer, 0);
+            n = timed_ ? ssh_channel_read_timeout(channel_, buffer, sizeof buffer, 0, readMilliseconds_)
+                       : ssh_channel_read_nonblocking(channel_, buffer, sizeof buffer, 0);
+            if (timed_ && n == 0 && ssh_channel_is_eof(channel_))
+                n = SSH_EOF;
             if (n > 0) {
                 bytes += n;
                 // What libssh still holds after this read: its share of the process's memory per stream.
@@ -226,6 +232,8 @@ private:
     ssh_channel_callbacks_struct callbacks_{}; // outlives the channel
     Taken taken_;                              // the data callback's, outlives the channel
     std::string loop_;
+    bool timed_ = false;
+    int readMilliseconds_ = 1;
     int lastRead_ = 0;
     int mostBuffered_ = 0;
 };
