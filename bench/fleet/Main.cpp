@@ -49,6 +49,22 @@ long threadsOf(pid_t pid)
     return 0;
 }
 
+// User + system seconds of @p pid and of the children it has reaped: for sshd's listener, every finished
+// session's server side.
+double cpuWithReapedChildren(pid_t pid)
+{
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    std::istringstream fields(text.substr(text.rfind(')') + 2));
+    std::string field;
+    double ticks = 0;
+    for (int i = 3; i <= 17 && fields >> field; ++i)
+        if (i >= 14) // utime, stime, cutime, cstime
+            ticks += std::stod(field);
+    return ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
 std::size_t count(const std::string &text, const std::string &word)
 {
     std::size_t n = 0;
@@ -179,8 +195,11 @@ int main(int argc, char **argv)
 
     std::vector<double> tWall, tCpu, pWall, pCpu;
     Measured t64, p64;
+    double serverSeconds = 0; // sshd's CPU for the telvane rounds' logins
     for (int round = 0; round < rounds; ++round) {
+        const double serverBefore = cpuWithReapedChildren(sshd.pid());
         t64 = measure(telvaneRun(file64), out);
+        serverSeconds += cpuWithReapedChildren(sshd.pid()) - serverBefore;
         p64 = measure(pssh, out);
         std::cerr << "round " << round + 1 << ": telvane " << fixed(t64.wall, 2) << " s wall, "
                   << fixed(t64.cpu, 2) << " s CPU, " << t64.ok << " ok; parallel-ssh " << fixed(p64.wall, 2)
@@ -199,6 +218,10 @@ int main(int argc, char **argv)
               << " KiB RSS at most\n";
 
     const double wallRatio = median(tWall) / median(pWall);
+    // On a machine whose cores the server shares, parallel-ssh's wall time is about the server's CPU plus
+    // its own, over the cores; ours can go no lower than the server's share of that.
+    const double serverPerLogin = serverSeconds / rounds / kHosts;
+    const double floorRatio = serverPerLogin * kHosts / (serverPerLogin * kHosts + median(pCpu));
     const double cpuRatio = median(tCpu) / median(pCpu);
     const long threadBound = 2 * 64 + 2;
     std::ostringstream md;
@@ -217,7 +240,11 @@ int main(int argc, char **argv)
        << "| 64 hosts: client CPU | " << fixed(median(tCpu), 2) << " s | " << fixed(median(pCpu), 2)
        << " s | " << fixed(cpuRatio, 2) << "× | ≤ 0.50× | " << (cpuRatio <= 0.5 ? "yes" : "**no**") << " |\n"
        << "| 64 hosts: outputs complete | " << t64.ok << " | " << p64.ok << " | – | all | "
-       << (t64.ok == kHosts && p64.ok == kHosts ? "yes" : "**no**") << " |\n\n"
+       << (t64.ok == kHosts && p64.ok == kHosts ? "yes" : "**no**") << " |\n"
+       << "| 64 hosts: sshd's CPU per login (its reaped sessions) | " << fixed(serverPerLogin * 1000, 1)
+       << " ms | – | – | information | – |\n"
+       << "| floor of the wall-time ratio on shared cores: sshd's CPU ÷ (sshd's + parallel-ssh's) | – | – | "
+       << fixed(floorRatio, 2) << "× | information | – |\n\n"
        << "| 1024 hosts (the same addresses, cycled), --parallel 64 | telvane | bound | met "
           "|\n|---|---:|---:|:---:|\n"
        << "| outputs complete | " << t1024.ok << " | 1024 | " << (t1024.ok == 1024 ? "yes" : "**no**")
@@ -233,7 +260,8 @@ int main(int argc, char **argv)
         << "{\"rounds\": " << rounds << ", \"telvane64\": {\"wall\": " << median(tWall)
         << ", \"cpu\": " << median(tCpu) << ", \"peakThreads\": " << t64.peakThreads
         << ", \"maxRssKiB\": " << t64.maxRssKiB << "}, \"pssh64\": {\"wall\": " << median(pWall)
-        << ", \"cpu\": " << median(pCpu) << "}, \"telvane1024\": {\"wall\": " << t1024.wall
+        << ", \"cpu\": " << median(pCpu) << "}, \"sshdPerLogin\": " << serverPerLogin
+        << ", \"floorRatio\": " << floorRatio << ", \"telvane1024\": {\"wall\": " << t1024.wall
         << ", \"cpu\": " << t1024.cpu << ", \"ok\": " << t1024.ok
         << ", \"peakThreads\": " << t1024.peakThreads << ", \"maxRssKiB\": " << t1024.maxRssKiB << "}}\n";
     std::cout << md.str();
