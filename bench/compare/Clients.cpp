@@ -45,13 +45,16 @@ Outcome Clients::telvane(const std::string &script, const Cipher &cipher, Path p
     return outcome;
 }
 
-Outcome Clients::bare(const std::string &script, const Cipher &cipher, double limit) const
+Outcome Clients::bare(const std::string &script, const Cipher &cipher, double limit,
+                      const std::map<std::string, std::string> &environment) const
 {
     const std::string result = resultPath();
+    auto env = cipherEnvironment(cipher);
+    env.insert(environment.begin(), environment.end());
     Outcome outcome =
         finish(runChild({binDir_ + "/telvane-bench-bare", "--port", std::to_string(port_), "--password-file",
                          passwordFile_, "--script", script, "--result", result},
-                        cipherEnvironment(cipher), limit),
+                        env, limit),
                result);
     outcome.bytes = std::atoll(outcome.result["bytes"].c_str());
     return outcome;

@@ -37,7 +37,8 @@ public:
     /// (as ssh does; also for first-byte times). @p environment is added to the child's.
     Outcome telvane(const std::string &script, const Cipher &cipher, Path path, bool toStdout, double limit,
                     const std::map<std::string, std::string> &environment = {}) const;
-    Outcome bare(const std::string &script, const Cipher &cipher, double limit) const;
+    Outcome bare(const std::string &script, const Cipher &cipher, double limit,
+                 const std::map<std::string, std::string> &environment = {}) const;
     Outcome ssh(const std::string &script, const Cipher &cipher, double limit) const;
     /// Any other mode of the host (scale, stall) with extra options.
     Outcome host(const std::string &mode, const std::map<std::string, std::string> &options,
