@@ -27,6 +27,12 @@ public:
     }
     void sensorScriptDidTerminate(Telvane &, long status) override { finish(status); }
     void sensorDidFailWithError(Telvane &, long code) override { finish(-code); }
+    void sensorRunDidFinish(Telvane &, const TelvaneRunOutcome &) override
+    {
+        std::lock_guard lock(mutex_);
+        finished_ = true;
+        changed_.notify_all();
+    }
     std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &, bool *) override
     {
         return TelvaneCredentialsDictionary(username_, password_);
@@ -55,12 +61,21 @@ public:
         std::lock_guard lock(mutex_);
         return output_;
     }
-    /// The exit status (negative: minus the failure code), or nothing when the run has not ended in time.
+    /// The exit status (negative: minus the failure code) once the run has told its outcome, or nothing when
+    /// it has not in time. The outcome comes after the run's connection is closed: a process that ended
+    /// before it could pull OpenSSL's state from under the pump's last libssh calls.
     std::optional<long> waitForEnd(std::chrono::milliseconds timeout)
     {
         std::unique_lock lock(mutex_);
-        changed_.wait_for(lock, timeout, [&] { return result_.has_value(); });
-        return result_;
+        changed_.wait_for(lock, timeout, [&] { return result_.has_value() && finished_; });
+        return finished_ ? result_ : std::nullopt;
+    }
+    /// Waits for the run's outcome, however it ended (a stopped run may tell nothing else); false when it
+    /// has not come in time.
+    bool waitForFinish(std::chrono::milliseconds timeout)
+    {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return finished_; });
     }
     std::optional<long> result() const
     {
@@ -83,6 +98,7 @@ private:
     std::condition_variable changed_;
     std::shared_ptr<TelvaneFileHandle> output_; // guarded by mutex_
     std::optional<long> result_;                // guarded by mutex_
+    bool finished_ = false;                     // guarded by mutex_; the outcome has come
     std::optional<TelvaneOutputSink> sink_;     // set before the first run, then read-only
     std::atomic<long long> sinkBytes_{0};
 };
