@@ -64,7 +64,16 @@ double median(std::vector<double> values)
     return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
-void measureThroughput(const Clients &clients, Report &report, int rounds, long long bytes)
+namespace {
+
+// Every client of the comparison, each with its measurements.
+struct Field
+{
+    Contender sinkOut, pipe, sinkCall, sinkVector, ssh, bare, sinkOutShared, sshShared;
+};
+
+// The clients; the bare loop's runs keep in @p mostBuffered the most that libssh held after a read.
+Field makeField(const Clients &clients, long long bytes, long long &mostBuffered)
 {
     using Path = Clients::Path;
     const std::string stream = "head -c " + std::to_string(bytes) + " /dev/zero";
@@ -77,38 +86,34 @@ void measureThroughput(const Clients &clients, Report &report, int rounds, long 
     // the floor it is meant to be.
     const std::map<std::string, std::string> vectorCopies{
         {"GLIBC_TUNABLES", "glibc.cpu.x86_rep_movsb_threshold=2097152"}};
-    long long mostBuffered = 0;
-    Contender sinkOut{[&] {
-        return clients.telvane(stream, {}, Path::Sink, true, limit);
-    }};
-    Contender pipe{[&] {
-        return clients.telvane(stream, {}, Path::Pipe, false, limit);
-    }};
-    Contender sinkCall{[&] {
-        return clients.telvane(stream, {}, Path::Sink, false, limit);
-    }};
-    Contender sinkVector{[&] {
-        return clients.telvane(stream, {}, Path::Sink, true, limit, vectorCopies);
-    }};
-    Contender ssh{[&] {
-        return clients.ssh(stream, {}, limit);
-    }};
-    Contender bare{[&] {
+    const auto telvane = [&clients, stream, limit](Cipher cipher, Path path, bool toStdout,
+                                                   std::map<std::string, std::string> environment = {}) {
+        return Contender(
+            [=, &clients] { return clients.telvane(stream, cipher, path, toStdout, limit, environment); });
+    };
+    const auto ssh = [&clients, stream, limit](Cipher cipher) {
+        return Contender([=, &clients] { return clients.ssh(stream, cipher, limit); });
+    };
+    Contender bare([=, &clients, &mostBuffered] {
         Outcome o = clients.bare(stream, {}, limit, vectorCopies);
         if (o.result.count("most_buffered"))
             mostBuffered = std::max(mostBuffered, std::atoll(o.result.at("most_buffered").c_str()));
         return o;
-    }};
-    Contender sinkOutShared{[&] {
-        return clients.telvane(stream, shared, Path::Sink, true, limit);
-    }};
-    Contender sshShared{[&] {
-        return clients.ssh(stream, shared, limit);
-    }};
-    std::vector<Contender *> all{&sinkOut,   &ssh,  &pipe,     &sinkOutShared,
-                                 &sshShared, &bare, &sinkCall, &sinkVector};
-    // Interleaved, each round starting one client further on, so that the machine's other load falls on
-    // every client alike.
+    });
+    return Field{telvane({}, Path::Sink, true),
+                 telvane({}, Path::Pipe, false),
+                 telvane({}, Path::Sink, false),
+                 telvane({}, Path::Sink, true, vectorCopies),
+                 ssh({}),
+                 bare,
+                 telvane(shared, Path::Sink, true),
+                 ssh(shared)};
+}
+
+// Every client once per round, each round starting one client further on, so that the machine's other load
+// falls on every client alike.
+void runInterleaved(const std::vector<Contender *> &all, int rounds, long long bytes)
+{
     for (int round = 0; round < rounds; ++round) {
         std::fprintf(stderr, "throughput round %d of %d\n", round + 1, rounds);
         for (std::size_t i = 0; i < all.size(); ++i) {
@@ -116,40 +121,48 @@ void measureThroughput(const Clients &clients, Report &report, int rounds, long 
             c.series.add(c.run(), bytes);
         }
     }
+}
 
+void addRows(Report &report, const Field &f, int rounds, long long bytes, long long mostBuffered)
+{
+    const Contender &sinkOut = f.sinkOut, &pipe = f.pipe, &sinkCall = f.sinkCall, &sinkVector = f.sinkVector,
+                    &ssh = f.ssh, &bare = f.bare, &sinkOutShared = f.sinkOutShared, &sshShared = f.sshShared;
     const std::string size = std::to_string(bytes >> 20) + " MiB";
     const std::string of = ", median of " + std::to_string(rounds);
+    using Figure = std::vector<double> Series::*;
+    const Figure speed = &Series::throughput, cpu = &Series::cpuPerGiB;
+    // A row of our median against the reference's; a goal of 0 is information only.
     const auto compare = [&](std::string measure, const Contender &ours, const Contender &other,
-                             std::string otherName, bool throughput, double goal) {
-        const auto &mine = throughput ? ours.series.throughput : ours.series.cpuPerGiB;
-        const auto &theirs = throughput ? other.series.throughput : other.series.cpuPerGiB;
+                             std::string otherName, Figure figure, double goal) {
+        const bool higherIsBetter = figure == speed;
         char goalText[32];
-        std::snprintf(goalText, sizeof goalText, "%s %.2f×", throughput ? "≥" : "≤", goal);
-        Row row{std::move(measure), throughput ? "MiB/s" : "s/GiB", median(mine),
-                median(theirs),     std::move(otherName),           goal > 0 ? goalText : "information"};
+        std::snprintf(goalText, sizeof goalText, "%s %.2f×", higherIsBetter ? "≥" : "≤", goal);
+        Row row{std::move(measure),          higherIsBetter ? "MiB/s" : "s/GiB",
+                median(ours.series.*figure), median(other.series.*figure),
+                std::move(otherName),        goal > 0 ? goalText : "information"};
         const bool allRan = ours.series.failures == 0 && other.series.failures == 0;
         if (goal > 0)
-            row.met = allRan && row.ratio() && (throughput ? *row.ratio() >= goal : *row.ratio() <= goal);
+            row.met = allRan && row.ratio() && (higherIsBetter ? *row.ratio() >= goal : *row.ratio() <= goal);
         report.add(row);
     };
     const std::string sshDefault = "ssh (chacha20-poly1305)";
     compare("throughput, " + size + ", each side's default, sink to standard output" + of, sinkOut, ssh,
-            sshDefault, true, 1.2);
+            sshDefault, speed, 1.2);
     compare("client CPU per GiB (user + system), each side's default, sink to standard output", sinkOut, ssh,
-            sshDefault, false, 0.70);
+            sshDefault, cpu, 0.70);
     compare("throughput, " + size + ", aes128-gcm@openssh.com on both, sink to standard output" + of,
-            sinkOutShared, sshShared, "ssh", true, 1.2);
+            sinkOutShared, sshShared, "ssh", speed, 1.2);
     compare("client CPU per GiB, aes128-gcm@openssh.com on both, sink to standard output", sinkOutShared,
-            sshShared, "ssh", false, 0.85);
+            sshShared, "ssh", cpu, 0.85);
     compare("pipe path (the delegate reads the handle, drops the bytes): throughput" + of, pipe, ssh,
-            sshDefault, true, 0);
-    compare("pipe path: client CPU per GiB", pipe, ssh, sshDefault, false, 0);
+            sshDefault, speed, 0);
+    compare("pipe path: client CPU per GiB", pipe, ssh, sshDefault, cpu, 0);
     compare("sink as a callback in the process (no standard output): client CPU per GiB", sinkCall, ssh,
-            sshDefault, false, 0);
+            sshDefault, cpu, 0);
     compare("sink to standard output, glibc's rep movsb threshold raised: client CPU per GiB", sinkVector,
-            ssh, sshDefault, false, 0);
+            ssh, sshDefault, cpu, 0);
     compare("bare libssh loop (output dropped, glibc's threshold raised): client CPU per GiB", bare, ssh,
-            sshDefault, false, 0);
+            sshDefault, cpu, 0);
     report.add({"one stream: most that libssh held received after a read (bare loop)", "KiB",
                 static_cast<double>(mostBuffered) / 1024, std::nullopt, "libssh 0.10 window 1250 KiB",
                 "information"});
@@ -159,6 +172,18 @@ void measureThroughput(const Clients &clients, Report &report, int rounds, long 
     report.add({"ceiling: chacha20-poly1305 on one core (openssl speed, 16 KiB blocks)", "MiB/s",
                 median(sinkOut.series.throughput), cipherSpeed("chacha20-poly1305"), "openssl",
                 "information"});
+}
+
+} // namespace
+
+void measureThroughput(const Clients &clients, Report &report, int rounds, long long bytes)
+{
+    long long mostBuffered = 0;
+    Field field = makeField(clients, bytes, mostBuffered);
+    runInterleaved({&field.sinkOut, &field.ssh, &field.pipe, &field.sinkOutShared, &field.sshShared,
+                    &field.bare, &field.sinkCall, &field.sinkVector},
+                   rounds, bytes);
+    addRows(report, field, rounds, bytes, mostBuffered);
 }
 
 } // namespace telvane::bench

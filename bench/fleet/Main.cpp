@@ -5,6 +5,7 @@
 // fifteen IPv4 addresses.
 //
 //   telvane-bench-fleet TELVANE RESULTS-DIR [ROUNDS]
+#include "../common/ProcessCpu.h"
 #include "support/SshdHarness.h"
 
 #include <algorithm>
@@ -47,22 +48,6 @@ long threadsOf(pid_t pid)
         if (line.rfind("Threads:", 0) == 0)
             return std::stol(line.substr(8));
     return 0;
-}
-
-// User + system seconds of @p pid and of the children it has reaped: for sshd's listener, every finished
-// session's server side.
-double cpuWithReapedChildren(pid_t pid)
-{
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text;
-    std::getline(stat, text);
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::string field;
-    double ticks = 0;
-    for (int i = 3; i <= 17 && fields >> field; ++i)
-        if (i >= 14) // utime, stime, cutime, cstime
-            ticks += std::stod(field);
-    return ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
 std::size_t count(const std::string &text, const std::string &word)
@@ -197,9 +182,10 @@ int main(int argc, char **argv)
     Measured t64, p64;
     double serverSeconds = 0; // sshd's CPU for the telvane rounds' logins
     for (int round = 0; round < rounds; ++round) {
-        const double serverBefore = cpuWithReapedChildren(sshd.pid());
+        const double serverBefore = telvane::bench::cpuWithReapedChildren(sshd.pid());
         t64 = measure(telvaneRun(file64), out);
-        serverSeconds += cpuWithReapedChildren(sshd.pid()) - serverBefore;
+        telvane::bench::awaitNoChildren(sshd.pid(), std::chrono::seconds(5));
+        serverSeconds += telvane::bench::cpuWithReapedChildren(sshd.pid()) - serverBefore;
         p64 = measure(pssh, out);
         std::cerr << "round " << round + 1 << ": telvane " << fixed(t64.wall, 2) << " s wall, "
                   << fixed(t64.cpu, 2) << " s CPU, " << t64.ok << " ok; parallel-ssh " << fixed(p64.wall, 2)
