@@ -110,6 +110,8 @@ bool Run::connectSocket()
         return fail(TelvaneErrorConnection, "cannot create a socket", std::strerror(errno));
     }
     const long connected = connectWithTimeout(reinterpret_cast<sockaddr *>(&storage), length);
+    if (connected != 0 && stopped())
+        return false; // a stop cut the connect short: reported as such
     if (connected != 0) {
         const unsigned shownPort = static_cast<uint16_t>(port);
         const std::string reason =

@@ -11,30 +11,47 @@
 namespace telvane {
 namespace {
 
-// OpenSSH's sshd takes packets of up to 256 KiB; this much script and the exec request around it fit in one.
-constexpr std::size_t kMaxScriptBytes = 256 * 1024 - 512;
-// Linux takes no single argument longer than this (MAX_ARG_STRLEN, its NUL included), and sshd hands the
-// command to the user's shell as one argument.
-constexpr std::size_t kMaxInlineCommand = 128 * 1024 - 1;
+// A script whose command is longer than this goes over standard input to the loader. dropbear refuses exec
+// requests of more than 9000 bytes, and Linux takes no single argument over 128 KiB (sshd hands the command
+// to the login shell as one).
+constexpr std::size_t kMaxInlineCommand = 8 * 1024;
 
-// Why a normalised script of @p size bytes cannot be sent; nothing when it can.
-std::optional<std::string> scriptTooLong(const std::string &host, std::size_t size)
+// @p text as one word for a POSIX shell: in single quotes, each single quote closed, escaped and reopened.
+std::string shellQuoted(std::string_view text)
 {
-    if (size <= kMaxScriptBytes)
-        return std::nullopt;
-    return formatText("the script for %s is %zu bytes long; at most %zu bytes fit in one exec request",
-                      host.c_str(), size, kMaxScriptBytes);
+    std::string word(1, '\'');
+    word += replaceAll(text, "'", "'\\''");
+    word += '\'';
+    return word;
+}
+
+// What the login shell runs (the exec request is its command line): the script, in a shell of the user's
+// kind, which @p scriptArguments hand it, started in a session of its own where the host has setsid, and
+// waited for. A stop's TERM reaches the login shell alone on a server that signals only the process it
+// started (dropbear; OpenSSH's sshd signals that process's group); the trap passes it on to the script's
+// whole process group, so that none of it runs on. The script's exit status becomes the login shell's, and
+// a script ended by a signal ends the login shell with the same signal, so that the server reports it as
+// the script's own. (A script started in the background ignores INT and QUIT, as POSIX shells have it.)
+std::string scriptRunner(const std::string &scriptArguments)
+{
+    return "command -v setsid >/dev/null 2>&1 && g=setsid || g=; "
+           "trap 'kill -TERM -$p 2>/dev/null || kill -TERM $p' TERM; "
+           "$g \"${SHELL:-/bin/sh}\" -c " +
+           scriptArguments +
+           " & p=$!; wait $p; r=$?; "
+           "[ $r -gt 128 ] && n=$(kill -l $r) && { trap - $n; kill -s $n $$; }; exit $r";
 }
 
 // The loader exists so that the password never shows in the remote process list: the exec request becomes
 // the login shell's command line (`bash -c COMMAND`), which every user of the host can read with ps, while
-// what comes over standard input can be read by no one. It also carries scripts too long to be one argument.
-// The login shell itself reads @p size bytes from standard input and runs them, with standard input then at
-// its end, so that the script runs under the same shell as one sent in the request. (The command
-// substitution reads before the redirection applies.)
+// what comes over standard input can be read by no one. It also carries scripts of any length. The script's
+// shell reads @p size bytes from standard input (kept on descriptor 3: a command started in the background
+// gets /dev/null for its own) and runs them with standard input then at its end. (The command substitution
+// reads before the redirection applies.)
 std::string scriptLoader(std::size_t size)
 {
-    return "eval \"$(head -c " + std::to_string(size) + ")\" </dev/null";
+    return "exec 3<&0; " +
+           scriptRunner("'eval \"$(head -c " + std::to_string(size) + ")\" </dev/null' 0<&3 3<&-");
 }
 
 void onExitStatus(ssh_session, ssh_channel, int status, void *userdata)
@@ -56,14 +73,6 @@ int dropStandardError(ssh_session, ssh_channel, void *, uint32_t length, int isS
 }
 
 } // namespace
-
-// Before connecting: the password is not known yet, and what it adds is checked again at the exec request.
-bool Run::checkScriptSize()
-{
-    if (const auto why = scriptTooLong(host_, normaliseScript(script_, {}).size()))
-        return failSaying(TelvaneErrorConnection, *why);
-    return true;
-}
 
 // The session channel, with its exit reports recorded in remoteExit_.
 bool Run::createChannel()
@@ -94,7 +103,7 @@ bool Run::openChannel()
 
 bool Run::exec()
 {
-    std::string command = normaliseScript(script_, credentials_->password);
+    std::string command = normaliseScript(script_, password()); // a login by key has no password
     struct Wipe
     {
         std::string &text;
@@ -105,20 +114,19 @@ bool Run::exec()
                           "the script for " + host_ +
                               " is not valid UTF-8 text or holds a NUL byte; it was not sent");
     }
-    if (const auto why = scriptTooLong(host_, command.size()))
-        return failSaying(TelvaneErrorConnection, *why);
-    const bool viaLoader =
-        command.size() > kMaxInlineCommand ||
-        (!credentials_->password.empty() && command.find(credentials_->password) != std::string::npos);
-    const std::string loader = viaLoader ? scriptLoader(command.size()) : std::string();
-    const std::string &request = viaLoader ? loader : command; // no copy of a text that may hold the password
+    const bool holdsPassword = !password().empty() && command.find(password()) != std::string::npos;
+    std::string inlineCommand = holdsPassword ? std::string() : scriptRunner(shellQuoted(command));
+    const bool viaLoader = holdsPassword || inlineCommand.size() > kMaxInlineCommand;
+    const std::string &request = viaLoader ? (inlineCommand = scriptLoader(command.size())) : inlineCommand;
     int rc;
     if (!repeat(
             "exec", [&] { return ssh_channel_request_exec(channel_, request.c_str()); }, rc))
         return false;
     if (rc != SSH_OK) {
         telvaneLog(logtext::kExec, rc);
-        return failWithDetail(TelvaneErrorConnection, "the server " + host_ + " refused to run the script");
+        return failWithDetail(TelvaneErrorConnection, "the server " + host_ +
+                                                          " accepted the login but refused to run the script "
+                                                          "(its exec request)");
     }
     scriptStarted_ = true;
     // The script's standard input ends here (after the script itself for the loader), as with `ssh -n`.

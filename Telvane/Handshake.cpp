@@ -150,10 +150,18 @@ bool Run::refuseHostKey(const TelvaneHostKey &shown)
                    shown.fingerprint.c_str());
         if (shown.knownLine > 0)
             telvaneLog("Offending key in %s:%ld", shown.knownFile.c_str(), shown.knownLine);
-        return failSaying(TelvaneErrorConnection,
-                          formatText("Host key verification failed: the host key of %s has changed "
-                                     "(remove the old one with ssh-keygen -R '%s')",
-                                     shown.host.c_str(), shown.host.c_str()));
+        // All that a user needs to decide, as ssh prints it: the new key, where the old one is, and the way
+        // to remove it.
+        const std::string located =
+            shown.knownLine > 0 ? formatText("%s:%ld", shown.knownFile.c_str(), shown.knownLine) : "";
+        const std::string file = shown.knownLine > 0 ? " -f '" + shown.knownFile + "'" : "";
+        return failSaying(
+            TelvaneErrorConnection,
+            formatText("Host key verification failed: the host key of %s has changed: the %s key it sent is "
+                       "%s%s%s. If the change is expected, remove the old key with: ssh-keygen%s -R '%s'",
+                       shown.host.c_str(), shown.keyType.c_str(), shown.fingerprint.c_str(),
+                       located.empty() ? "" : ", the old one is at ", located.c_str(), file.c_str(),
+                       shown.host.c_str()));
     }
     return failSaying(TelvaneErrorConnection,
                       formatText("Host key verification failed: no %s key of %s is known (%s is %s)",

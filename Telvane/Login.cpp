@@ -1,12 +1,15 @@
-// The login: the server's methods first, then the credentials (preset, stored, or the delegate's), then the
-// password or keyboard-interactive login, and what the keyring learns from it.
+// The login: the server's methods first, then public keys where the sensor allows them, then the credentials
+// (preset, stored, or the delegate's), then the password or keyboard-interactive login, and what the keyring
+// learns from it.
 #include "Run_p.h"
 
 #include "LogTexts_p.h"
+#include "LoginPrompts_p.h"
 #include "ScriptText_p.h"
 #include "Telvane_p.h"
-#include <Telvane/TelvaneLog.h>
 #include <Telvane/TelvaneCredentials.h>
+#include <Telvane/TelvaneLog.h>
+#include <Telvane/TelvaneSecret.h>
 
 #include <pwd.h>
 #include <unistd.h>
@@ -29,17 +32,44 @@ std::string localUsername()
 
 } // namespace
 
+// A login by key asks for no credentials; with keys refused, or off, the password follows. A server that
+// lets the "none" method in still gets credentials asked for: a script may want the password.
+bool Run::authenticate()
+{
+    if (!queryMethods())
+        return false;
+    switch (loginWithKeys()) {
+    case KeyLogin::Accepted:
+        return true;
+    case KeyLogin::Ended:
+        return false;
+    default:
+        break;
+    }
+    if (method_ == Method::Unavailable)
+        return failWithoutMethod();
+    return obtainCredentials() && login();
+}
+
 // The server names the methods it takes in its answer to a "none" request, before anyone is asked for
 // credentials. OpenSSH and dropbear refuse a change of username within a session, so the request carries the
-// name known so far: the credentials' when there are some, else the preset pair's, else the local user's.
+// name known so far: the credentials' when there are some, else the preset pair's, else the sensor's
+// username, else (when keys may log in under it) the stored pair's, else the local user's.
 bool Run::queryMethods()
 {
+    std::optional<TelvaneCredentialsDictionary> stored;
     if (credentials_)
         queriedUser_ = credentials_->username;
     else if (const auto preset = q_.presetCredentials())
         queriedUser_ = preset->username;
+    else if (const std::string username = q_.username(); !username.empty())
+        queriedUser_ = username;
+    else if (q_.publicKeyAuthentication() && (stored = TelvaneCredentials::storedCredentials(keyringHost_)))
+        queriedUser_ = stored->username;
     else
         queriedUser_ = localUsername();
+    if (stored)
+        telvaneWipe(stored->password);
     int rc;
     if (!repeat(
             "login", [&] { return ssh_userauth_none(session_, queriedUser_.c_str()); }, rc, SSH_AUTH_AGAIN))
@@ -52,17 +82,34 @@ bool Run::queryMethods()
         return failWithDetail(TelvaneErrorConnection,
                               "the server " + host_ + " did not name its authentication methods");
     }
-    const int methods = ssh_userauth_list(session_, nullptr);
-    if (methods & SSH_AUTH_METHOD_PASSWORD) {
-        method_ = Method::Password;
-    } else if (methods & SSH_AUTH_METHOD_INTERACTIVE) {
-        method_ = Method::KeyboardInteractive;
-    } else {
-        telvaneLog(logtext::kNoMethods);
-        return fail(TelvaneErrorAuthentication,
-                    "the server " + host_ + " takes neither password nor keyboard-interactive logins");
-    }
+    chooseMethod(ssh_userauth_list(session_, nullptr));
     return true;
+}
+
+// The password goes as the password method when the server takes it, else through keyboard-interactive.
+void Run::chooseMethod(int methods)
+{
+    methods_ = methods;
+    method_ = (methods & SSH_AUTH_METHOD_PASSWORD)      ? Method::Password
+              : (methods & SSH_AUTH_METHOD_INTERACTIVE) ? Method::KeyboardInteractive
+                                                        : Method::Unavailable;
+}
+
+bool Run::failWithoutMethod()
+{
+    telvaneLog(logtext::kNoMethods);
+    if (keyTrouble_.empty() && (methods_ & SSH_AUTH_METHOD_PUBLICKEY) && !q_.publicKeyAuthentication()) {
+        return fail(TelvaneErrorAuthentication,
+                    "the server " + host_ +
+                        " takes only public-key logins, and they are off for this "
+                        "sensor (publicKeyAuthentication)");
+    }
+    std::string reason = "the server " + host_ + " takes neither password nor keyboard-interactive logins";
+    if (methods_ & SSH_AUTH_METHOD_PUBLICKEY)
+        reason += ", and took none of the keys for " + queriedUser_;
+    if (!keyTrouble_.empty())
+        reason += "; " + keyTrouble_;
+    return fail(TelvaneErrorAuthentication, reason);
 }
 
 // The preset pair first, then the keyring, then the delegate.
@@ -104,20 +151,18 @@ bool Run::login()
 {
     if (credentials_->username != queriedUser_ && !reconnectAs())
         return false;
+    if (method_ == Method::Unavailable)
+        return failWithoutMethod();
     int rc = SSH_AUTH_SUCCESS;
     if (method_ == Method::Password && !passwordLogin(rc))
         return false;
     if (method_ == Method::KeyboardInteractive && !keyboardInteractiveLogin(rc))
         return false;
-    if (rc != SSH_AUTH_SUCCESS) {
-        telvaneLog(logtext::kLoginRefused);
-        // A pair the host program gave may be a typing error: the stored one is not its to delete.
-        if (!presetCredentials_)
-            TelvaneCredentials::credentialsRefused(keyringHost_, credentials_->username);
-        return failWithDetail(TelvaneErrorAuthentication, "the server refused the username or password");
-    }
-    // Nothing unchecked is kept: a server that let the "none" method in never saw the password.
-    if (method_ != Method::None)
+    if (rc != SSH_AUTH_SUCCESS)
+        return refuseLogin();
+    // Nothing unchecked is kept: a server that let the "none" method in, or asked only other questions,
+    // never saw the password.
+    if (passwordSent_)
         TelvaneCredentials::credentialsAccepted(keyringHost_, *credentials_, persist_);
     return true;
 }
@@ -127,37 +172,37 @@ bool Run::passwordLogin(int &rc)
     // The username goes with the request itself: libssh's option refuses an empty one.
     const char *username = credentials_->username.c_str();
     const char *password = credentials_->password.c_str();
+    passwordSent_ = true;
+    lastRoundPasswordOnly_ = true;
     return repeat(
         "login", [&] { return ssh_userauth_password(session_, username, password); }, rc, SSH_AUTH_AGAIN);
 }
 
-// Every prompt that does not echo gets the password, every one that echoes the username. A server that keeps
-// asking is refused after a few rounds; PAM asks once, sometimes with an empty round after.
-bool Run::keyboardInteractiveLogin(int &rc)
+// The stored pair goes only when the password itself was refused: by the password method, or in a round of
+// questions that asked for it alone. A refusal after another question (a one-time code) keeps the pair and
+// names the question.
+bool Run::refuseLogin()
 {
-    constexpr int kMaxRounds = 8;
-    const char *username = credentials_->username.c_str();
-    for (int round = 0; round <= kMaxRounds; ++round) {
-        if (!repeat(
-                "login", [&] { return ssh_userauth_kbdint(session_, username, nullptr); }, rc,
-                SSH_AUTH_AGAIN))
-            return false;
-        if (rc != SSH_AUTH_INFO)
-            return true;
-        if (round == kMaxRounds)
-            break;
-        const int prompts = ssh_userauth_kbdint_getnprompts(session_);
-        for (int i = 0; i < prompts; ++i) {
-            char echo = 0;
-            ssh_userauth_kbdint_getprompt(session_, static_cast<unsigned>(i), &echo);
-            const std::string &answer = echo ? credentials_->username : credentials_->password;
-            if (ssh_userauth_kbdint_setanswer(session_, static_cast<unsigned>(i), answer.c_str()) < 0)
-                return true; // rc stays SSH_AUTH_INFO: refused
+    telvaneLog(logtext::kLoginRefused);
+    if (!lastRoundPasswordOnly_) {
+        if (lastPrompts_.empty()) {
+            return failWithDetail(TelvaneErrorAuthentication,
+                                  "the server " + host_ + " refused the login of " + credentials_->username +
+                                      " before it asked anything");
         }
+        return failWithDetail(TelvaneErrorAuthentication, "the server " + host_ + " refused the answer to " +
+                                                              quotedPrompts(lastPrompts_));
     }
-    telvaneLog("the server %s kept asking questions at the login", host_.c_str());
-    rc = SSH_AUTH_DENIED;
-    return true;
+    // A pair the host program gave may be a typing error: the stored one is not its to delete.
+    if (!presetCredentials_)
+        TelvaneCredentials::credentialsRefused(keyringHost_, credentials_->username);
+    return failWithDetail(TelvaneErrorAuthentication, "the server refused the username or password");
+}
+
+const std::string &Run::password() const
+{
+    static const std::string none;
+    return credentials_ ? credentials_->password : none;
 }
 
 } // namespace telvane

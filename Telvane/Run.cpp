@@ -87,11 +87,11 @@ bool Run::launch()
 {
     std::unique_lock lock(d_.monitor);
     monitor_ = &lock;
-    const bool started =
-        !stopped() && timed(phases_.connect, [&] { return initialiseLibrary() && connectSocket(); }) &&
-        timed(phases_.handshake, [&] { return handshake() && checkHostKey(); }) &&
-        timed(phases_.login, [&] { return queryMethods() && obtainCredentials() && login(); }) &&
-        timed(phases_.exec, [&] { return openChannel() && exec(); }) && startPump();
+    const bool started = !stopped() &&
+                         timed(phases_.connect, [&] { return initialiseLibrary() && connectSocket(); }) &&
+                         timed(phases_.handshake, [&] { return handshake() && checkHostKey(); }) &&
+                         timed(phases_.login, [&] { return authenticate(); }) &&
+                         timed(phases_.exec, [&] { return openChannel() && exec(); }) && startPump();
     monitor_ = nullptr;
     return started;
 }
@@ -115,8 +115,6 @@ bool Run::prepare()
         if (sink_ && !sink_->write && sink_->fileDescriptor < 0)
             sink_.reset(); // an empty sink keeps the pipe
     }
-    if (!checkScriptSize())
-        return false;
     // Every wait is bounded by the time-out: without a positive one, none would be.
     if (!(timeout_ > 0)) {
         return failSaying(TelvaneErrorConnection,
@@ -160,7 +158,7 @@ void Run::finish(State state, long status)
     outcome.kind = state == State::Ended    ? TelvaneRunOutcome::Kind::Ended
                    : state == State::Failed ? TelvaneRunOutcome::Kind::Failed
                                             : TelvaneRunOutcome::Kind::Stopped;
-    outcome.status = state == State::Ended ? status : 0;
+    outcome.status = status;
     outcome.failure = failure_;
     outcome.phases = phases_;
     if (auto delegate = q_.delegate())
@@ -266,8 +264,8 @@ std::string Run::logDetail()
 // hears the code. The outcome follows once the pipe is closed.
 bool Run::fail(long code, std::string reason, std::string detail)
 {
-    if (state_ != State::Stopped)
-        state_ = State::Failed;
+    // A failure that a stop brought about (a wait cut short) is the stop's.
+    state_ = state_ == State::Stopped || stopRequested() ? State::Stopped : State::Failed;
     failure_ = TelvaneFailure{code, std::move(reason), std::move(detail)};
     d_.keepFailure(id_, failure_);
     d_.closeRun(*this);

@@ -4,7 +4,9 @@
 // A run goes connecting -> running -> ended | failed | stopped. Its stages each live in a file of their own:
 //   Connect.cpp    resolving the host, the socket and its time-out
 //   Handshake.cpp  the SSH handshake and the host-key check
-//   Login.cpp      the credentials, the server's methods, password and keyboard-interactive logins
+//   Login.cpp      the server's methods, the credentials, the password login and what the keyring learns
+//   KeyLogin.cpp   public keys: the ssh-agent's, then the identity files (a passphrase asked for)
+//   Questions.cpp  keyboard-interactive: the password for its own prompt, the delegate for every other
 //   Exec.cpp       the channel, the script rules, the exec request and the stdin loader
 //   Pump.cpp       the output pump
 // Run.cpp holds the run's table of contents (start), the waits, the failure report and the outcome.
@@ -25,6 +27,7 @@
 #include <optional>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 class TelvanePrivate;
 
@@ -106,15 +109,32 @@ private:
     bool refuseHostKey(const TelvaneHostKey &shown);
 
     // Login.cpp
-    bool obtainCredentials();
+    bool authenticate();
     bool queryMethods();
+    void chooseMethod(int methods);
+    bool obtainCredentials();
     bool login();
     bool reconnectAs();
     bool passwordLogin(int &rc);
+    bool failWithoutMethod();
+    bool refuseLogin();
+    const std::string &password() const;
+
+    // KeyLogin.cpp
+    enum class KeyLogin { Accepted, Partial, NotAccepted, Ended };
+    KeyLogin loginWithKeys();
+    KeyLogin loginWithAgent();
+    KeyLogin loginWithKeyFile(const std::string &path, bool named);
+    KeyLogin keyResult(int rc);
+    ssh_key unlockKeyFile(const std::string &path);
+    std::vector<std::string> identityFiles() const;
+
+    // Questions.cpp
     bool keyboardInteractiveLogin(int &rc);
+    bool answerRound();
+    std::optional<std::vector<std::string>> askLoginQuestion(const TelvaneLoginQuestion &question);
 
     // Exec.cpp
-    bool checkScriptSize();
     bool openChannel();
     bool exec();
     bool writeInput(const std::string &text);
@@ -155,9 +175,16 @@ private:
     std::string queriedUser_; // the username the server was first asked with
     bool persist_ = false;
     bool presetCredentials_ = false; // credentials_ came from the sensor's preset pair
-    enum class Method { None, Password, KeyboardInteractive } method_ = Method::Password;
-    TelvaneRunPhases phases_; // the pump adds the output's time once it owns the run
-    TelvaneFailure failure_;  // the failure the delegate heard; set before it hears it
+    // How the password travels: None when the server let the "none" method in, Unavailable when the server
+    // takes neither password nor keyboard-interactive logins.
+    enum class Method { None, Password, KeyboardInteractive, Unavailable } method_ = Method::Password;
+    int methods_ = 0;                      // the server's methods (SSH_AUTH_METHOD_*), as last named
+    bool passwordSent_ = false;            // the password answered a prompt or went as the password method
+    std::vector<std::string> lastPrompts_; // the prompts of the last round answered (keyboard-interactive)
+    bool lastRoundPasswordOnly_ = false;   // that round asked for the password and nothing else
+    std::string keyTrouble_;               // why a key that the server would take was not used
+    TelvaneRunPhases phases_;              // the pump adds the output's time once it owns the run
+    TelvaneFailure failure_;               // the failure the delegate heard; set before it hears it
 
     // All guarded by the sensor's monitor.
     int sock_ = -1;                 // the TCP socket; shut down by teardown, closed with the run

@@ -198,6 +198,7 @@ TELVANE_PROPERTY(std::string, knownHostsFile, setKnownHostsFile, knownHostsFile)
 TELVANE_PROPERTY(TelvaneHostKeyPolicy, hostKeyPolicy, setHostKeyPolicy, hostKeyPolicy)
 TELVANE_PROPERTY(std::optional<std::string>, script, setScript, script)
 TELVANE_PROPERTY(std::optional<TelvaneArguments>, args, setArgs, args)
+TELVANE_PROPERTY(std::string, username, setUsername, username)
 TELVANE_PROPERTY(std::optional<TelvaneCredentialsDictionary>, presetCredentials, setPresetCredentials,
                  presetCredentials)
 TELVANE_PROPERTY(bool, publicKeyAuthentication, setPublicKeyAuthentication, publicKeyAuthentication)

@@ -2,9 +2,9 @@
 // runs one shell script there and streams the script's standard output back through a pipe.
 #pragma once
 
-#include <Telvane/TelvanePipe.h>
 #include <Telvane/TelvaneCredentials.h>
 #include <Telvane/TelvaneExport.h>
+#include <Telvane/TelvanePipe.h>
 #include <Telvane/Telvane_vers.h>
 
 #include <cstddef>
@@ -144,15 +144,18 @@ public:
     /// sensorScriptDidStart has returned. Runs on the pump's thread, or on the runScript thread when the run
     /// ended before its script started. The default does nothing.
     virtual void sensorRunDidFinish(Telvane &sensor, const TelvaneRunOutcome &outcome);
-    /// Asked once per run on the runScript thread just before the script is launched: a sink here takes the
-    /// run's output instead of the pipe (the handle of sensorScriptDidStart then gives only end of file, in
+    /// Asked once per run on the runScript thread before it connects: a sink here takes the run's output
+    /// instead of the pipe (the handle of sensorScriptDidStart then gives only end of file, in
     /// the same order as ever). The sink is first called after sensorScriptDidStart has returned. The
     /// default, nothing, keeps the pipe.
     virtual std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &sensor, TelvaneRunId run);
     /// The server asks questions at the login that the password does not answer (a one-time code, say), or
     /// an encrypted key file needs its passphrase: answer each prompt in order, or std::nullopt when no one
-    /// can (the run then fails with TelvaneErrorAuthentication, naming the prompt). Runs on the runScript
-    /// thread. The default answers nothing.
+    /// can (the run then fails with TelvaneErrorAuthentication, naming the prompt). The password answers, by
+    /// itself, only a prompt that does not echo and asks for the password and nothing else ("Password:",
+    /// "alice's password:", "Password for alice@host:", "Enter password:"); every other prompt comes here.
+    /// A refused answer here keeps the stored pair. Runs on the runScript thread. The default answers
+    /// nothing.
     virtual std::optional<std::vector<std::string>>
     answersForLoginQuestion(Telvane &sensor, const TelvaneLoginQuestion &question);
 };
@@ -260,6 +263,13 @@ public:
     void setTimeout(double timeout);
     ///@}
     ///@{
+    /// The user to log in as when the host program knows the name but no password (a command line's -l or
+    /// user@host): the server is asked under it and keys log in under it; empty: the credentials' name, or
+    /// the local user's for keys. Credentials that name another user then log in under theirs.
+    std::string username() const;
+    void setUsername(std::string username);
+    ///@}
+    ///@{
     /// Credentials that the host program already holds (a command line's --user and password file): tried
     /// before the keyring and the delegate. A refused preset pair deletes nothing from the keyring.
     std::optional<TelvaneCredentialsDictionary> presetCredentials() const;
@@ -267,7 +277,8 @@ public:
     ///@}
     ///@{
     /// Whether public-key logins are tried before the password: the user's ssh-agent ($SSH_AUTH_SOCK), then
-    /// the identity files. Off unless set, so that a sensor logs in by password only.
+    /// the identity files. Off unless set, so that a sensor logs in by password only. A login by key asks
+    /// for no credentials; its username is the preset pair's, else the stored pair's, else the local user's.
     bool publicKeyAuthentication() const;
     void setPublicKeyAuthentication(bool enabled);
     ///@}

@@ -21,9 +21,9 @@ struct TelvaneTranscriptPiece
 /// Pieces are marked one by one: a span split across two pieces is not coloured.
 TELVANE_EXPORT TelvaneTranscriptPiece telvaneMarkTranscriptPiece(std::string_view piece);
 
-/// The words of a diagnostics transcript, shared by every host that writes one. Each text is English and is
-/// also the key of its translation in the widgets' "Localizable" table; "%@" and "%ld" are filled in by the
-/// functions below.
+/// The words of a diagnostics transcript, shared by every host that writes one. Each text is English and
+/// stays so in every language (the diagnostics panel translates its label only); "%@" and "%ld" are filled
+/// in by the functions below.
 namespace TelvaneTranscript {
 /// Opens the transcript; OK or a failure marker completes the line.
 inline constexpr const char *connectingFormat = "Connecting over SSH to %@ on port %@: ";
@@ -45,7 +45,7 @@ TELVANE_EXPORT const char *markerForError(long code);
 /// The words of @p code's marker, without asterisks and line end ("invalid credentials"); empty for a code
 /// without one.
 TELVANE_EXPORT std::string wordsForError(long code);
-/// @p format (connectingFormat or its translation) with its two "%@" filled by @p host and @p port.
+/// @p format (connectingFormat) with its two "%@" filled by @p host and @p port.
 TELVANE_EXPORT std::string connectingLine(std::string_view format, std::string_view host, long port);
 /// The closing line for a run that ended with @p status: @p completedText for 0, otherwise
 /// @p terminatedFormat with its "%ld" filled by the signed status. Without a line end.

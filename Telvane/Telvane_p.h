@@ -56,6 +56,7 @@ public:
     std::optional<TelvaneArguments> args;                                 // guarded by propertyMutex
     std::optional<TelvaneFailure> lastFailure;                            // guarded by propertyMutex
     std::optional<TelvaneCredentialsDictionary> presetCredentials;        // guarded by propertyMutex
+    std::string username;                                                 // guarded by propertyMutex
     bool publicKeyAuthentication = false;                                 // guarded by propertyMutex
     std::vector<std::string> identityFiles;                               // guarded by propertyMutex
 

@@ -1,6 +1,7 @@
 #include "TelvaneCredentialsPrompt.h"
 
 #include "PromptRelay_p.h"
+#include "SecretText_p.h"
 #include "TelvaneCredentialsAccessoryView.h"
 #include "TelvaneWidgetsTranslations_p.h"
 
@@ -15,8 +16,6 @@
 #include <QtWidgets/QStyle>
 #include <QtWidgets/QVBoxLayout>
 
-#include <algorithm>
-
 namespace {
 
 // The answers of the two buttons, numbered as alerts number them: the first button answers 1000.
@@ -28,21 +27,6 @@ struct PromptAnswer
     TelvaneCredentialsDictionary credentials;
     bool persist = false;
 };
-
-/// Copies the password out of the field and leaves no copy behind in the field or in Qt's buffers that
-/// we own.
-std::string takePassword(QLineEdit *field)
-{
-    QString text = field->text();
-    // setText, unlike clear(), also drops the undo history, which would keep the typed characters.
-    field->setText(QString());
-    QByteArray utf8 = text.toUtf8();
-    std::string password(utf8.constData(), static_cast<size_t>(utf8.size()));
-    // Now the only owners of their buffers, so writing through them does not detach.
-    std::fill(text.begin(), text.end(), QChar());
-    std::fill(utf8.begin(), utf8.end(), '\0');
-    return password;
-}
 
 class CredentialsDialog : public QDialog
 {
@@ -124,9 +108,9 @@ std::optional<PromptAnswer> runPrompt(const std::string &sensorName)
         result.emplace();
         result->persist = dialog.accessory->rememberPasswordButton()->isChecked();
         result->credentials.username = dialog.accessory->usernameField()->text().toStdString();
-        result->credentials.password = takePassword(dialog.accessory->passwordField());
+        result->credentials.password = TelvaneWidgets::takeSecretText(dialog.accessory->passwordField());
     } else {
-        takePassword(dialog.accessory->passwordField());
+        TelvaneWidgets::takeSecretText(dialog.accessory->passwordField());
     }
     return result;
 }

@@ -70,19 +70,19 @@ public:
     QSize preferredSize;
 };
 
+// The transcript's own words (TelvaneTranscript) are never translated: only the label is. A transcript then
+// reads the same from every desktop and from `telvane diagnose`, whoever it is pasted to.
 void TelvaneDiagnosticsView::Private::listen()
 {
     using namespace TelvaneTranscript;
     connect(&runner, &TelvaneSensorRunner::started, q, [this] {
         decoder.resetState(); // a character the previous run left unfinished
-        render(localized(ok));
+        render(QString::fromLatin1(ok));
     });
     connect(&runner, &TelvaneSensorRunner::outputReceived, q,
             [this](const QByteArray &chunk) { render(decoder(chunk)); });
-    connect(&runner, &TelvaneSensorRunner::finished, q, [this](long status) {
-        finish(QString::fromStdString(closingLine(status, localized(completed).toStdString(),
-                                                  localized(terminatedWithErrorFormat).toStdString())));
-    });
+    connect(&runner, &TelvaneSensorRunner::finished, q,
+            [this](long status) { finish(QString::fromStdString(closingLine(status))); });
     connect(&runner, &TelvaneSensorRunner::failed, q, [this](long code) { fail(code); });
     connect(&runner, &TelvaneSensorRunner::credentialsRequested, q, [this] { answerCredentials(); });
 }
@@ -100,8 +100,8 @@ void TelvaneDiagnosticsView::Private::fail(long code)
 {
     // The marker completes the connecting line; the run is reported as completed all the same.
     if (const char *marker = TelvaneTranscript::markerForError(code))
-        render(localized(marker));
-    finish(localized(TelvaneTranscript::completed));
+        render(QString::fromLatin1(marker));
+    finish(QString::fromLatin1(TelvaneTranscript::completed));
 }
 
 void TelvaneDiagnosticsView::Private::finish(const QString &closing)
@@ -289,9 +289,8 @@ void TelvaneDiagnosticsView::onRunAgain()
     d->applyInset();
     d->startIndicator();
     if (const std::shared_ptr<Telvane> sensor = d->runner.sensor())
-        d->render(QString::fromStdString(
-            TelvaneTranscript::connectingLine(localized(TelvaneTranscript::connectingFormat).toStdString(),
-                                              sensor->hostname(), sensor->port())));
+        d->render(QString::fromStdString(TelvaneTranscript::connectingLine(
+            TelvaneTranscript::connectingFormat, sensor->hostname(), sensor->port())));
     d->runner.start(readScript(d->script)); // running from here on
     d->notifyRunning();
 }

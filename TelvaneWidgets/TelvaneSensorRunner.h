@@ -16,8 +16,10 @@
 /// background threads; nothing here blocks the caller.
 ///
 /// The runner makes itself the sensor's delegate; a host key that differs from the known one is put to the
-/// user with the host-key prompt, a new one is left to the sensor's policy. It may be destroyed while a run goes on: the run goes on
-/// to its end unheard, and a credentials request that is still waiting is answered with none.
+/// user with the host-key prompt, a new one is left to the sensor's policy, and the login's questions beyond
+/// the password (a one-time code, a key's passphrase) with the login-question prompt. It may be destroyed
+/// while a run goes on: the run goes on to its end unheard, and a credentials request that is still waiting
+/// is answered with none.
 ///
 /// When the sensor needs credentials, credentialsRequested() is emitted; the run waits until a slot below
 /// answers it. With nothing connected to that signal the credentials prompt asks the user.

@@ -20,7 +20,7 @@ struct MarkedPiece
 /// The text of a script file: nothing when it is not valid UTF-8 or holds a NUL byte, which is never sent.
 std::optional<QString> scriptText(const QByteArray &bytes);
 
-/// Marks a piece of any text, translations included, as telvaneMarkTranscriptPiece marks ASCII.
+/// Marks a piece of any text (script output is UTF-8), as telvaneMarkTranscriptPiece marks ASCII.
 MarkedPiece markPiece(const QString &piece);
 
 /// The font of the transcript: the desktop's fixed-width font when its columns line up, else the first family

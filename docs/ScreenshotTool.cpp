@@ -51,7 +51,7 @@ bool diagnosticsPanel(const QString &file)
     panel.show();
     panel.appendOutput("OK\nKernel: Linux 6.1, up 12 days\nFree space on /: 61%\nTemperature probe: 21.4 C\n"
                        "I2C bus 1: *humidity sensor not responding*\nCamera: ready\n");
-    QTimer::singleShot(100, [&] { sensor->delegate()->sensorScriptDidTerminate(*sensor, 0); });
+    QTimer::singleShot(100, [&] { sensor->delegate()->sensorRunDidFinish(*sensor, TelvaneRunOutcome{}); });
     bool saved = false;
     QTimer::singleShot(500, [&] {
         saved = panel.grab().save(file, "PNG");

@@ -2,6 +2,7 @@
 // runs against the loopback sshd, and the desktop host and the README's Qt example run as programs.
 #include "TelvaneDiagnosticsView.h"
 #include "TelvaneSensorRunner.h"
+#include "TelvaneWidgetsTranslations_p.h"
 
 #include "support/Process.h"
 #include "support/QtRequire.h"
@@ -11,6 +12,7 @@
 
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QTimer>
+#include <QtCore/QTranslator>
 #include <QtGui/QClipboard>
 #include <QtGui/QFontMetricsF>
 #include <QtGui/QTextCursor>
@@ -18,6 +20,7 @@
 #include <QtGui/QTextFrame>
 #include <QtTest/QSignalSpy>
 #include <QtWidgets/QLabel>
+#include <QtWidgets/QLineEdit>
 #include <QtWidgets/QProgressBar>
 #include <QtWidgets/QPushButton>
 #include <QtWidgets/QScrollBar>
@@ -64,6 +67,22 @@ struct PromptCanceller
     }
     QTimer poll;
     int count = 0;
+};
+
+/// For a row whose tag starts with "German", the library's German translation, installed while it lives. A
+/// text of the "Localizable" table that German has no entry for comes out marked all the same, so that any
+/// text that goes through the table shows, translated or not.
+struct RowTranslation : QTranslator
+{
+    const bool german = QByteArray(QTest::currentDataTag()).startsWith("German") &&
+                        TelvaneWidgets::loadTranslation(*this, QLocale(QLocale::German)) &&
+                        QCoreApplication::installTranslator(this);
+
+    QString translate(const char *context, const char *key, const char *disambiguation, int n) const override
+    {
+        const QString text = QTranslator::translate(context, key, disambiguation, n);
+        return text.isEmpty() && qstrcmp(context, "Localizable") == 0 ? "[de] " + QString(key) : text;
+    }
 };
 
 } // namespace
@@ -128,17 +147,21 @@ private Q_SLOTS:
         QTest::newRow("status 0") << QStringList{"terminate", "0", done, ""};
         QTest::newRow("code 1") << QStringList{"fail", "1", "failed\n" + done, "failed"};
         QTest::newRow("unknown code") << QStringList{"fail", "7", done, ""};
+        // Only the label is translated: the transcript's words stay English in every language.
+        QTest::newRow("German, code 3") << QStringList{"fail", "3", refused, "invalid credentials"};
     }
 
     void offline()
     {
         QFETCH(QStringList, row);
         const QString &event = row[0], &argument = row[1], &shown = row[2], &red = row[3];
+        const RowTranslation translation;
         auto sensor = Telvane::create("id", "Cellar", "127.0.0.1", 1);
         TelvaneDiagnosticsView panel(sensor, script(event == "script" ? argument.toLatin1() : QByteArray()));
         QSignalSpy runningChanged(&panel, &TelvaneDiagnosticsView::runningChanged);
         panel.show();
-        QCOMPARE(panel.label()->text(), QString("Run diagnostics on Cellar:"));
+        QCOMPARE(panel.label()->text(), QString(translation.german ? "Diagnose auf Cellar ausführen:"
+                                                                   : "Run diagnostics on Cellar:"));
         // Port 1 refuses: a script sent after all would end the run as "failed".
         QTRY_VERIFY(sensor.use_count() == 2); // the run's thread is done
         QTest::qWait(100);
@@ -148,10 +171,12 @@ private Q_SLOTS:
         const std::shared_ptr<TelvaneDelegate> delegate = sensor->delegate();
         if (event == "output")
             panel.appendOutput(argument);
-        else if (event == "terminate")
-            std::thread([&] { delegate->sensorScriptDidTerminate(*sensor, argument.toLong()); }).join();
-        else if (event == "fail")
-            std::thread([&] { delegate->sensorDidFailWithError(*sensor, argument.toLong()); }).join();
+        else if (event == "terminate" || event == "fail") {
+            TelvaneRunOutcome outcome;
+            outcome.kind = event == "fail" ? TelvaneRunOutcome::Kind::Failed : TelvaneRunOutcome::Kind::Ended;
+            (event == "fail" ? outcome.failure.code : outcome.status) = argument.toLong();
+            std::thread([&] { delegate->sensorRunDidFinish(*sensor, outcome); }).join();
+        }
         const bool ended = event == "terminate" || event == "fail";
         QCOMPARE(panel.running(), !ended); // at once, on the reporting thread
         QTRY_COMPARE(panel.textView()->toPlainText(), connecting(1) + shown);
@@ -178,8 +203,9 @@ private Q_SLOTS:
     {
         QTest::addColumn<QStringList>("row");
         const QString slow = "echo start\nsleep 1\necho '*end*'\n";
-        QTest::newRow("exit 2") << QStringList{"echo hi\nexit 2\n", "$user", "$password",
-                                               "OK\nhi\nDiagnostics terminated with error: 2", ""};
+        for (const char *tag : {"exit 2", "German, exit 2"})
+            QTest::newRow(tag) << QStringList{"echo hi\nexit 2\n", "$user", "$password",
+                                              "OK\nhi\nDiagnostics terminated with error: 2", ""};
         QTest::newRow("marked output") << QStringList{"echo 'fan: *stopped*'\n", "$user", "$password",
                                                       "OK\nfan: stopped\n" + done, "stopped"};
         // A character split over two writes comes out whole, a stray byte as U+FFFD, and the span lines up.
@@ -206,6 +232,7 @@ private Q_SLOTS:
         REQUIRE_SSHD();
         QFETCH(QStringList, row);
         const QString &shown = row[3], &red = row[4], action = row.value(5);
+        const RowTranslation translation;
         auto sensor = sshdSensor();
         TelvaneDiagnosticsView panel(sensor, script(row[0].toUtf8()));
         const auto preset = [this](QString value) {
@@ -315,6 +342,38 @@ private Q_SLOTS:
         QCOMPARE(events, expected);
         QCOMPARE(prompts.count, answer == "prompt" ? 1 : 0);
         QVERIFY(released(sensor, runner ? 2 : 1));
+    }
+
+    // A server whose PAM asks for a one-time code after the password: the preset pair answers the password,
+    // the user the code, in the login-question dialog; a cancelled dialog fails the run as refused.
+    void secondFactor()
+    {
+        telvane::test::SshdHarness otp(telvane::test::SshdHarness::Server::OneTimeCode);
+        TELVANE_QREQUIRE(otp.start(), "no one-time-code sshd: " + QString::fromStdString(otp.reason()));
+        for (const bool answered : {true, false}) {
+            auto sensor = Telvane::create("diagnostics", "Test sensor", otp.host(), otp.port(), 10);
+            TelvaneDiagnosticsView panel(sensor, script("echo in\n"));
+            panel.setUsername(QString::fromStdString(otp.username()));
+            panel.setPassword(QString::fromStdString(otp.password()));
+            QTimer poll;
+            connect(&poll, &QTimer::timeout, this, [&] {
+                QDialog *dialog = telvane::test::shownPrompt(QLatin1String("TelvaneLoginQuestionDialog"));
+                if (!dialog)
+                    return;
+                poll.stop();
+                if (!answered)
+                    return dialog->reject();
+                QTest::keyClicks(dialog->findChild<QLineEdit *>("answerField0"),
+                                 QString::fromStdString(otp.oneTimeCode()));
+                dialog->findChild<QPushButton *>("okButton")->click();
+            });
+            poll.start(10);
+            panel.show();
+            const QString shown = answered ? "OK\nin\n" + done : refused;
+            QTRY_COMPARE_WITH_TIMEOUT(panel.textView()->toPlainText(), connecting(otp.port()) + shown,
+                                      kRunTimeout);
+            QVERIFY(released(sensor));
+        }
     }
 
     // The desktop host: bad input ends it at once; a quit while a run goes on ends it promptly and cleanly.

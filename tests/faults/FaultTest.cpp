@@ -137,7 +137,7 @@ INSTANTIATE_TEST_SUITE_P(
                       // The library's own code for a denied request is passed through unchanged.
                       Refusal{"Exec", "refuse-exec", TelvaneErrorConnection,
                               "libssh2_channel_exec() failed: " + std::to_string(SSH_ERROR), false,
-                              "refused to run the script"}),
+                              "accepted the login but refused to run the script"}),
     [](const auto &info) { return std::string(info.param.name); });
 
 struct StreamFault

@@ -4,6 +4,7 @@
 #include "support/SshdFixture.h"
 
 #include <thread>
+#include <unistd.h>
 
 using namespace std::chrono_literals;
 using namespace telvane::test;
@@ -48,7 +49,9 @@ TEST_F(Stop, WhileOutputFlowsTheEndIsReportedAsATermination)
 TEST_F(Stop, WhileThePumpWaitsOnAQuietScriptNothingIsReported)
 {
     auto sensor = makeSensor(30.0); // a wait that only a wake can cut short
-    const auto output = startedOutput(*sensor, "sleep 3713");
+    // A duration of its own, so that pgrep sees this run's script and no other test's.
+    const std::string sleep = "sleep 3713." + std::to_string(::getpid());
+    const auto output = startedOutput(*sensor, sleep);
     ASSERT_TRUE(output) << log.joined();
     std::this_thread::sleep_for(200ms);
     const auto before = std::chrono::steady_clock::now();
@@ -61,8 +64,8 @@ TEST_F(Stop, WhileThePumpWaitsOnAQuietScriptNothingIsReported)
     EXPECT_EQ(0, delegate->count(Event::Terminated) + delegate->count(Event::Failed));
     // The server was asked to end the script, not only to close its channel.
     // pgrep's 1 is "none found"; a missing pgrep (127) proves nothing.
-    EXPECT_TRUE(
-        waitUntil([] { return WEXITSTATUS(std::system("pgrep -f '^sleep 3713' >/dev/null")) == 1; }, 3s));
+    EXPECT_TRUE(waitUntil(
+        [&] { return WEXITSTATUS(std::system(("pgrep -fx '" + sleep + "' >/dev/null").c_str())) == 1; }, 3s));
 }
 
 TEST_F(Stop, AReaderThatClosesItsEndEndsTheRunWithoutKillingTheHost)

@@ -1,4 +1,4 @@
-// Host keys against known-hosts files shared with OpenSSH, and keyboard-interactive logins through PAM.
+// Host keys against known-hosts files shared with OpenSSH.
 #include "support/Files.h"
 #include "support/Process.h"
 #include "support/SshdFixture.h"
@@ -80,9 +80,13 @@ TEST_P(HostKeys, FollowThePolicyAndTheDelegate)
     }
     // Only an accepted first key is written down.
     EXPECT_EQ(row.runs && asked && row.known == Known::Nothing, readFile(file) != before) << readFile(file);
+    // The reason alone (what a user sees without the verbose log) is enough to decide.
     if (row.known == Known::OtherKey && !row.runs) {
-        EXPECT_TRUE(log.contains("Offending key in " + file + ":2")) << log.joined();
-        EXPECT_TRUE(log.contains(asking->asked[0].fingerprint)) << log.joined();
+        const std::string reason = asking->reportedFailure().value_or(TelvaneFailure{}).reason;
+        for (const std::string &part :
+             {"the " + asking->asked[0].keyType + " key it sent is " + asking->asked[0].fingerprint,
+              "the old one is at " + file + ":2", "ssh-keygen -f '" + file + "' -R '" + entry + "'"})
+            EXPECT_NE(std::string::npos, reason.find(part)) << reason;
     }
     if (row.known != Known::Nothing || !row.runs)
         return;
@@ -112,27 +116,6 @@ INSTANTIATE_TEST_SUITE_P(
         PolicyCase{
             "AcceptAnyIgnoresAChangedKey", TelvaneHostKeyPolicy::AcceptAny, Known::OtherKey, {}, true}),
     [](const auto &info) { return std::string(info.param.name); });
-
-namespace {
-using Login = WithRows<SensorRunTest, bool>;
-} // namespace
-
-// A server that takes no plain passwords: the login goes through keyboard-interactive, right or wrong.
-TEST_P(Login, KeyboardInteractiveIsTheLoginOfAServerWithoutPassword)
-{
-    SshdHarness pam;
-    pam.setExtraConfig("UsePAM yes\nPasswordAuthentication no\nKbdInteractiveAuthentication yes\n");
-    TELVANE_REQUIRE_COMPONENT(pam.start(), "no PAM sshd: " + pam.reason());
-    delegate->answer->password = GetParam() ? pam.password() : pam.password() + "x";
-    ASSERT_TRUE(runToEnd(*makeSensor(pam.host(), pam.port()), "echo in"));
-    if (GetParam())
-        EXPECT_EQ("in\n", delegate->output()) << log.joined() << pam.log();
-    else
-        EXPECT_EQ(3, delegate->failureCode()) << log.joined();
-    EXPECT_NE(std::string::npos, pam.log().find("keyboard-interactive")) << pam.log();
-}
-
-INSTANTIATE_TEST_SUITE_P(RightOrWrongPassword, Login, ::testing::Bool());
 
 // A stop while the host-key question is open ends the run as stopped, told once, whatever the answer.
 TEST_F(SensorRunTest, AStopDuringTheHostKeyQuestionIsToldOnce)

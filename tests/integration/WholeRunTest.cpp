@@ -52,15 +52,6 @@ struct ScriptCase
     long status = 0;
 };
 using ScriptShapes = WithRows<SensorRunTest, ScriptCase>;
-ScriptCase longScript() // longer than the remote system takes as one command argument (128 KiB)
-{
-    ScriptCase row{"LongerThanOneArgument", {}, {}};
-    for (long line = 1; row.script.size() < 200 * 1024; ++line) {
-        row.script += "echo " + std::to_string(line) + '\n';
-        row.output += std::to_string(line) + '\n';
-    }
-    return row;
-}
 } // namespace
 
 TEST_P(ScriptShapes, RunsTheNormalisedScript)
@@ -85,7 +76,6 @@ INSTANTIATE_TEST_SUITE_P(
                       // Standard input is at its end from the start: a command that reads it ends at once.
                       ScriptCase{"ReadsItsInput", "cat\necho read", "read\n"},
                       ScriptCase{"KilledBySignal", "echo going\nkill -KILL $$", "going\n", 128 + 9},
-                      longScript(),
                       ScriptCase{"Utf8", "echo 'grüß € \xf0\x9f\x8c\xa1'\n", "grüß € \xf0\x9f\x8c\xa1\n"}),
     [](const auto &info) { return std::string(info.param.name); });
 
@@ -97,14 +87,6 @@ TEST_F(SensorRunTest, ReachesTheServerOverIpv6AndWithAPortCutTo16Bits)
         ASSERT_TRUE(runToEnd(*makeSensor(host, port), "echo \"$SSH_CONNECTION\""));
         EXPECT_EQ(0u, delegate->output().find(host + " ")) << log.joined() << delegate->output();
     }
-}
-
-TEST_F(SensorRunTest, AScriptLongerThanOneExecRequestIsRefusedBeforeConnecting)
-{
-    ASSERT_TRUE(runToEnd(*makeSensor(), std::string(300 * 1024, ':') + "\necho never"));
-    EXPECT_EQ(std::optional<long>(TelvaneErrorConnection), delegate->failureCode()) << log.joined();
-    EXPECT_TRUE(log.contains("at most 261632 bytes fit in one exec request")) << log.joined();
-    EXPECT_EQ(std::string::npos, sshd().log(logStart_).find("Connection from"));
 }
 
 TEST_F(SensorRunTest, ASilentScriptUnderASubSecondTimeOutCostsNoProcessorTime)

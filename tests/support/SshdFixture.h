@@ -9,15 +9,15 @@
 
 namespace telvane::test {
 
-/// @p Base with the suite's daemon; a test skips when the daemon cannot start.
-template <class Base> class WithSshd : public Base
+/// @p Base with the suite's daemon, a @p server; a test skips when the daemon cannot start.
+template <class Base, SshdHarness::Server server = SshdHarness::Server::Password> class WithSshd : public Base
 {
 public:
     /// The suite's daemon; started on first use, so that it also serves parameterised suites.
     static SshdHarness &sshd()
     {
         if (!harness_) {
-            harness_ = std::make_unique<SshdHarness>();
+            harness_ = std::make_unique<SshdHarness>(server);
             harness_->start();
         }
         return *harness_;
@@ -41,13 +41,20 @@ class SshdTest : public WithSshd<::testing::Test>
 {
 };
 
-/// SensorTest against the suite's daemon and its account.
-class SensorRunTest : public WithSshd<SensorTest>
+/// SensorTest against the suite's daemon, a @p server, and its account.
+template <SshdHarness::Server server> class SensorRunTestOn : public WithSshd<SensorTest, server>
 {
+public:
+    using WithSshd<SensorTest, server>::sshd;
+
 protected:
     TelvaneCredentialsDictionary account() const override { return {sshd().username(), sshd().password()}; }
     std::string host() const override { return sshd().host(); }
     long port() const override { return sshd().port(); }
+};
+
+class SensorRunTest : public SensorRunTestOn<SshdHarness::Server::Password>
+{
 };
 
 } // namespace telvane::test

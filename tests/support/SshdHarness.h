@@ -1,4 +1,4 @@
-// A throwaway OpenSSH server on loopback for tests and benchmarks (no gtest in here; SshdFixture.h wraps it).
+// Throwaway SSH servers on loopback for tests and benchmarks (no gtest in here; SshdFixture.h wraps it).
 #pragma once
 
 #include "support/Files.h"
@@ -9,15 +9,24 @@
 
 namespace telvane::test {
 
-/// Runs /usr/sbin/sshd on 127.0.0.1 and ::1 at one free port, with fresh host keys in a temporary directory
-/// and password logins for a dedicated account. The daemon dies with the harness, or with the thread that
-/// started it (the kernel's parent-death signal follows that thread): start it from the main thread.
+/// Runs an SSH server on a free loopback port, with fresh host keys in a temporary directory, for a dedicated
+/// account. OpenSSH's sshd listens on 127.0.0.1 and ::1, dropbear on 127.0.0.1 only. The daemon dies with the
+/// harness, or with the thread that started it (the kernel's parent-death signal follows that thread): start
+/// it from the main thread.
 class SshdHarness
 {
 public:
     static constexpr const char *kAccount = "telvane-test";
 
-    SshdHarness() = default;
+    /// Which server runs, and the one way of logging in that it takes.
+    enum class Server {
+        Password,    ///< sshd: the password
+        OneTimeCode, ///< sshd through PAM, keyboard-interactive: the password, then a one-time code
+        PublicKey,   ///< sshd: keys that makeClientKey() authorized
+        Dropbear,    ///< dropbear: the password
+    };
+
+    explicit SshdHarness(Server server = Server::Password) : server_(server) {}
     ~SshdHarness() { stop(); }
     SshdHarness(const SshdHarness &) = delete;
     SshdHarness &operator=(const SshdHarness &) = delete;
@@ -29,6 +38,7 @@ public:
     /// The daemon's listener (the benchmarks read the CPU of the sessions it has reaped).
     pid_t pid() const { return pid_; }
     const std::string &reason() const { return reason_; }
+    Server server() const { return server_; }
 
     std::string host() const { return "127.0.0.1"; }
     int port() const { return port_; }
@@ -37,22 +47,41 @@ public:
     /// exercises a password that comment stripping must leave alone.
     const std::string &password() const { return password_; }
 
-    /// Lines put first in the daemon's configuration (before start()); "%PORT%" stands for port().
+    /// OneTimeCode: a code that the server takes once (the next of an HOTP counter: a time-based code would
+    /// be refused when two logins fall into the same 30 seconds); empty when oathtool fails.
+    std::string oneTimeCode();
+    /// A new ed25519 key pair named @p name in the harness's directory, encrypted with @p passphrase when one
+    /// is given, and authorized for the account when @p authorize; returns the private key's path, empty when
+    /// ssh-keygen fails. Only a PublicKey server takes it.
+    std::string makeClientKey(const std::string &name, const std::string &passphrase = {},
+                              bool authorize = true);
+
+    /// Lines put first in sshd's configuration (before start()); "%PORT%" stands for port().
     void setExtraConfig(std::string lines) { extraConfig_ = std::move(lines); }
     /// Writes @p text to a file named @p name in the harness's directory; returns its path.
     std::string writeFile(const std::string &name, const std::string &text) const;
-    /// The daemon's log (LogLevel VERBOSE) from byte @p from on.
+    /// The daemon's log (sshd's LogLevel VERBOSE) from byte @p from on.
     std::string log(std::size_t from = 0) const;
 
 private:
+    static constexpr const char *kSshd = "/usr/sbin/sshd";
+    static constexpr const char *kDropbear = "/usr/sbin/dropbear";
+    static constexpr const char *kPamDirectory = "/etc/pam.d";
+
     bool fail(std::string why);
     bool prepareAccount();
+    bool prepareServer();
+    bool prepareOneTimeCode();
+    std::string openSshConfig() const;
+    std::string sshdProgram() const;
     bool spawn();
     bool waitUntilReady();
-    void killDaemon();
 
+    const Server server_;
     std::string reason_, extraConfig_, directory_, password_;
     std::optional<TemporaryDirectory> scratch_; // directory_, while the daemon may run
+    std::string pamService_;                    // OneTimeCode: the PAM service named after the daemon
+    int nextCounter_ = 0;                       // OneTimeCode: the HOTP counter of the next code
     int port_ = 0;
     pid_t pid_ = -1;
 };

@@ -114,6 +114,17 @@ void RecordingDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneF
     }).detach();
 }
 
+std::optional<std::vector<std::string>>
+RecordingDelegate::answersForLoginQuestion(Telvane &, const TelvaneLoginQuestion &question)
+{
+    {
+        std::lock_guard lock(mutex_);
+        for (const TelvaneLoginPrompt &prompt : question.prompts)
+            promptsAsked_.push_back(prompt.text);
+    }
+    return answerQuestion ? answerQuestion(question) : std::nullopt;
+}
+
 void RecordingDelegate::sensorScriptDidTerminate(Telvane &, long status)
 {
     std::this_thread::sleep_for(endDelay);
@@ -142,15 +153,47 @@ std::optional<TelvaneCredentialsDictionary> RecordingDelegate::credentialsForSen
     return answer;
 }
 
+// The outcome must be the run's last word: after its end report (which must agree with it), after the
+// writing end of its pipe was closed, and once.
+void RecordingDelegate::sensorRunDidFinish(Telvane &, const TelvaneRunOutcome &outcome)
+{
+    std::lock_guard lock(mutex_);
+    const auto pipe = pipes_[outcome.run].lock(); // a pipe that has gone has closed its ends
+    const bool pipeClosed = !pipe || pipe->fileHandleForWriting()->fileDescriptor() < 0;
+    const auto first = [&](Event::Kind kind) {
+        return std::find_if(events_.begin(), events_.end(), [&](const Event &e) { return e.kind == kind; });
+    };
+    const auto said = [&](Event::Kind kind) {
+        return first(kind) != events_.end();
+    };
+    using Kind = TelvaneRunOutcome::Kind;
+    if (!pipeClosed)
+        outcomeFaults_ += "told while the pipe was open; ";
+    if (std::any_of(outcomes_.begin(), outcomes_.end(), [&](const auto &o) { return o.run == outcome.run; }))
+        outcomeFaults_ += "told twice; ";
+    if (outcome.kind == Kind::Ended && !said(Event::Terminated))
+        outcomeFaults_ += "ended without a termination report; ";
+    if (outcome.kind == Kind::Failed && !said(Event::Failed))
+        outcomeFaults_ += "failed without a failure report; ";
+    if (outcome.kind == Kind::Failed && said(Event::Failed) &&
+        outcome.failure.code != first(Event::Failed)->value)
+        outcomeFaults_ += "a failure code other than the one reported; ";
+    outcomes_.push_back(outcome);
+    changed_.notify_all();
+}
+
+// Asked as a run begins, just after the sensor took the run's new pipe: this one is the run's.
+std::optional<TelvaneOutputSink> RecordingDelegate::outputSinkForRun(Telvane &sensor, TelvaneRunId run)
+{
+    std::lock_guard lock(mutex_);
+    pipes_[run] = sensor.pipe();
+    return std::nullopt;
+}
+
 bool RecordingDelegate::waitForEnd(std::chrono::milliseconds timeout)
 {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] {
-        const bool ended = std::any_of(events_.begin(), events_.end(), [](const Event &e) {
-            return e.kind == Event::Terminated || e.kind == Event::Failed;
-        });
-        return ended && (outputEnded_ || handle_ == nullptr);
-    });
+    return changed_.wait_for(lock, timeout, [&] { return !outcomes_.empty() && (outputEnded_ || !handle_); });
 }
 
 int RecordingDelegate::count(Event::Kind kind) const

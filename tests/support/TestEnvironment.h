@@ -3,9 +3,9 @@
 
 #include "Platform/SshLibrary_p.h"
 
+#include <Telvane/Telvane.h>
 #include <Telvane/TelvaneKeychain.h>
 #include <Telvane/TelvaneLog.h>
-#include <Telvane/Telvane.h>
 
 #include <gtest/gtest.h>
 
@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -71,7 +72,7 @@ public:
     struct Event
     {
         enum Kind { Started, Terminated, Failed, AskedCredentials } kind;
-        long value = 0;
+        long value = 0; // the status or the code
     };
 
     std::optional<TelvaneCredentialsDictionary> answer;
@@ -80,16 +81,29 @@ public:
     bool drainOutput = true;
     /// How long hearing the end takes: a reader that meets end of file before it has been heard shows then.
     std::chrono::milliseconds endDelay{0};
+    /// Answers the login's questions (a one-time code, a passphrase); unset, nobody answers.
+    std::function<std::optional<std::vector<std::string>>(const TelvaneLoginQuestion &)> answerQuestion;
 
     void sensorScriptDidStart(Telvane &sensor, std::shared_ptr<TelvaneFileHandle> output) override;
     void sensorScriptDidTerminate(Telvane &sensor, long status) override;
     void sensorDidFailWithError(Telvane &sensor, long code) override;
     std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor, bool *persist) override;
+    void sensorRunDidFinish(Telvane &sensor, const TelvaneRunOutcome &outcome) override;
+    std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &sensor, TelvaneRunId run) override;
+    std::optional<std::vector<std::string>>
+    answersForLoginQuestion(Telvane &sensor, const TelvaneLoginQuestion &question) override;
 
     std::vector<Event> events() const { return read(&RecordingDelegate::events_); }
-    /// Waits until the run has ended and, when draining, its output has reached end of file.
+    /// Waits until the run has told its outcome and, when draining, its output has reached end of file.
     bool waitForEnd(std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    /// The outcomes heard, in order.
+    std::vector<TelvaneRunOutcome> outcomes() const { return read(&RecordingDelegate::outcomes_); }
+    /// What is wrong with the outcomes heard so far: one per run, each the last report of its run and told
+    /// after its pipe's writing end was closed, agreeing with the end report; empty when nothing is.
+    std::string outcomeFaults() const { return read(&RecordingDelegate::outcomeFaults_); }
     std::string output() const { return read(&RecordingDelegate::output_); }
+    /// The text of every prompt that the login put to the delegate, in order.
+    std::vector<std::string> promptsAsked() const { return read(&RecordingDelegate::promptsAsked_); }
     std::shared_ptr<TelvaneFileHandle> handle() const { return read(&RecordingDelegate::handle_); }
     int count(Event::Kind kind) const;
     std::optional<long> terminationStatus() const { return firstValue(Event::Terminated); }
@@ -113,13 +127,17 @@ private:
     }
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    std::vector<Event> events_;                     // guarded by mutex_
-    std::string output_;                            // guarded by mutex_
-    bool outputEnded_ = false;                      // guarded by mutex_
-    bool endBeforeEndOfFile_ = false;               // guarded by mutex_
-    std::shared_ptr<TelvaneFileHandle> handle_;     // guarded by mutex_
-    std::optional<TelvaneFailure> reportedFailure_; // guarded by mutex_
-    bool closedBeforeReport_ = false;               // guarded by mutex_
+    std::vector<Event> events_;                                // guarded by mutex_
+    std::vector<TelvaneRunOutcome> outcomes_;                  // guarded by mutex_
+    std::string outcomeFaults_;                                // guarded by mutex_
+    std::map<TelvaneRunId, std::weak_ptr<TelvanePipe>> pipes_; // guarded by mutex_
+    std::string output_;                                       // guarded by mutex_
+    std::vector<std::string> promptsAsked_;                    // guarded by mutex_
+    bool outputEnded_ = false;                                 // guarded by mutex_
+    bool endBeforeEndOfFile_ = false;                          // guarded by mutex_
+    std::shared_ptr<TelvaneFileHandle> handle_;                // guarded by mutex_
+    std::optional<TelvaneFailure> reportedFailure_;            // guarded by mutex_
+    bool closedBeforeReport_ = false;                          // guarded by mutex_
 };
 
 /// For suites that run sensors against a test server: an in-memory keyring, fresh for every test, a recording
@@ -139,6 +157,8 @@ protected:
     }
     void TearDown() override
     {
+        if (delegate)
+            EXPECT_EQ("", delegate->outcomeFaults());
         const std::string sent = delegate && delegate->answer ? delegate->answer->password : "";
         for (const auto &line : log.lines())
             for (const auto &secret : {account().password, sent})
@@ -166,9 +186,13 @@ protected:
     /// Runs @p script on @p sensor and waits until the run has ended and its output reached end of file.
     ::testing::AssertionResult runToEnd(Telvane &sensor, const std::string &script)
     {
-        sensor.runScript(script, std::nullopt);
+        const TelvaneRunId run = sensor.runScript(script, std::nullopt);
         if (!delegate->waitForEnd(std::chrono::seconds(60)) || !waitUntil([&] { return !sensor.running(); }))
             return ::testing::AssertionFailure() << "the run did not end";
+        const auto outcomes = delegate->outcomes();
+        if (outcomes.size() != 1 || outcomes[0].run != run || !delegate->outcomeFaults().empty())
+            return ::testing::AssertionFailure()
+                   << outcomes.size() << " outcomes for run " << run << ": " << delegate->outcomeFaults();
         return ::testing::AssertionSuccess();
     }
 

@@ -1,5 +1,6 @@
 // Text rules without a model in fuzz/ (whose fuzzers, run by scripts/test, hold normalisation, substitution
 // and the transcript's red span to models of their rules).
+#include "LoginPrompts_p.h"
 #include "ScriptText_p.h"
 #include "support/TestEnvironment.h"
 
@@ -27,6 +28,25 @@ TEST(Normalisation, SendableTextIsValidUtf8WithoutNul)
     };
     for (const auto &[text, valid] : rows)
         EXPECT_EQ(valid, isSendableText(text)) << ::testing::PrintToString(text);
+}
+
+// The password answers a hidden prompt that asks for it and for nothing else; the rest goes to the delegate.
+TEST(LoginPrompts, OnlyAPlainPasswordQuestionGetsThePassword)
+{
+    const std::tuple<const char *, bool, bool> rows[] = {
+        {"Password: ", false, true},
+        {"password:", false, true},
+        {"alice@sensor's password: ", false, true},
+        {"Password for alice@sensor:", false, true},
+        {"Enter your password:\n", false, true},
+        {"Password: ", true, false}, // it would show what is typed
+        {"One-time password (OATH) for `alice': ", false, false},
+        {"New password: ", false, false},
+        {"Verification code: ", false, false},
+        {"Password and code: ", false, false},
+    };
+    for (const auto &[prompt, echo, password] : rows)
+        EXPECT_EQ(password, telvane::asksForThePassword(prompt, echo)) << prompt;
 }
 
 TEST(Log, SinkReceivesFormattedLinesAndPerrorText)

@@ -3,6 +3,7 @@
 #include "TelvaneCredentialsAccessoryView.h"
 #include "TelvaneCredentialsPrompt.h"
 #include "TelvaneHostKeyPrompt.h"
+#include "TelvaneLoginQuestionPrompt.h"
 #include "TelvaneWidgetsTranslations_p.h"
 #include "support/QtRequire.h"
 
@@ -11,6 +12,7 @@
 #include <QtCore/QTimer>
 #include <QtCore/QTranslator>
 #include <QtWidgets/QCheckBox>
+#include <QtWidgets/QFormLayout>
 #include <QtWidgets/QLabel>
 #include <QtWidgets/QLineEdit>
 #include <QtWidgets/QPushButton>
@@ -228,6 +230,67 @@ private slots:
         if (!expected.isEmpty()) // the title is the message
             QCOMPARE(shown, QStringList{expected[0]} + expected + details);
         QVERIFY(!informative.isEmpty());
+    }
+
+    // One field per prompt, hidden unless the prompt echoes; the server's texts shown only when it gave them.
+    void loginQuestion_data()
+    {
+        QTest::addColumn<QStringList>("prompts"); // each prompt's text, "*" at the end when it echoes
+        QTest::addColumn<QString>("instruction");
+        QTest::addColumn<QStringList>("typed"); // per field; the last entry finishes the dialog
+        QTest::addColumn<bool>("onWorker");
+        QTest::newRow("a code, ok") << QStringList{"One-time password: "} << ""
+                                    << QStringList{"123456", "okButton"} << false;
+        QTest::newRow("token and code, return, from a worker")
+            << QStringList{"Token serial:*", "Code:"} << "Touch the token."
+            << QStringList{"abc", "42", "Return"} << true;
+        QTest::newRow("cancel") << QStringList{"Code:"} << "" << QStringList{"1", "cancelButton"} << false;
+    }
+
+    void loginQuestion()
+    {
+        QFETCH(QStringList, prompts);
+        QFETCH(QString, instruction);
+        QFETCH(QStringList, typed);
+        QFETCH(bool, onWorker);
+        TelvaneLoginQuestion question{"", instruction.toStdString(), {}};
+        for (const QString &prompt : prompts)
+            question.prompts.push_back(
+                {prompt.chopped(prompt.endsWith('*')).toStdString(), prompt.endsWith('*')});
+        QStringList shown; // the texts, then per field its label and whether it hides what is typed
+        DialogDriver driver("TelvaneLoginQuestionDialog", [&](QDialog *dialog) {
+            shown << dialog->windowTitle() << text(dialog, "informativeLabel")
+                  << text(dialog, "instructionLabel");
+            for (qsizetype i = 0; i + 1 < typed.size(); ++i) {
+                auto *field = dialog->findChild<QLineEdit *>(QString("answerField%1").arg(i));
+                shown << qobject_cast<QLabel *>(dialog->findChild<QFormLayout *>()->labelForField(field))
+                             ->text()
+                      << (field->echoMode() == QLineEdit::Password ? "hidden" : "shown");
+                QTest::keyClicks(QApplication::focusWidget(), typed[i]); // the focus moves on by Tab
+                QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+            }
+            if (typed.last() == "Return")
+                dialog->findChild<QLineEdit *>("answerField0")->setFocus();
+            press(dialog, typed.last());
+        });
+        auto sensor = Telvane::create("kitchen", "Kitchen sensor", "kitchen.local");
+        const auto answer = ask<std::optional<std::vector<std::string>>>(
+            [&] { return TelvaneCredentials::promptForLoginQuestion(*sensor, question); }, onWorker);
+
+        QVERIFY2(answer, "the worker was never answered");
+        REQUIRE_DRIVEN(driver);
+        QStringList expected{"Authentication required for Kitchen sensor",
+                             "Please answer the server's question:", instruction};
+        for (const QString &prompt : prompts)
+            expected << prompt.chopped(prompt.endsWith('*')).trimmed()
+                     << (prompt.endsWith('*') ? "shown" : "hidden");
+        QCOMPARE(shown, expected);
+        QCOMPARE(answer->has_value(), typed.last() != "cancelButton");
+        QStringList answers;
+        for (const std::string &typedAnswer : answer->value_or(std::vector<std::string>{}))
+            answers << QString::fromStdString(typedAnswer);
+        if (answer->has_value())
+            QCOMPARE(answers, typed.mid(0, typed.size() - 1));
     }
 
 private:

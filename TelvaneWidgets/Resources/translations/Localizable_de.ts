@@ -16,48 +16,16 @@
         <translation>Anmeldung erforderlich für %@</translation>
     </message>
     <message>
+        <source>Please answer the server&apos;s question:</source>
+        <translation>Bitte beantworten Sie die Frage des Servers:</translation>
+    </message>
+    <message>
         <source>Please enter the username and password:</source>
         <translation>Bitte geben Sie Benutzername und Passwort ein:</translation>
     </message>
     <message>
         <source>Run diagnostics on %@:</source>
         <translation>Diagnose auf %@ ausführen:</translation>
-    </message>
-    <message>
-        <source>Connecting over SSH to %@ on port %@: </source>
-        <translation>Verbindung über SSH mit %@ auf Port %@: </translation>
-    </message>
-    <message>
-        <source>OK
-</source>
-        <translation>OK
-</translation>
-    </message>
-    <message>
-        <source>Diagnostics completed.</source>
-        <translation>Diagnose abgeschlossen.</translation>
-    </message>
-    <message>
-        <source>Diagnostics terminated with error: %ld</source>
-        <translation>Diagnose mit Fehler beendet: %ld</translation>
-    </message>
-    <message>
-        <source>*failed*
-</source>
-        <translation>*fehlgeschlagen*
-</translation>
-    </message>
-    <message>
-        <source>*canceled*
-</source>
-        <translation>*abgebrochen*
-</translation>
-    </message>
-    <message>
-        <source>*invalid credentials*
-</source>
-        <translation>*ungültige Anmeldedaten*
-</translation>
     </message>
     <message>
         <source>Run Again</source>

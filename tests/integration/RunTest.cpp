@@ -1,0 +1,260 @@
+// Runs as objects of their own against the real sshd: each tells one outcome of its kind, its start before
+// its end however late the start is told, a failure ends its own run only, and a sink takes the output
+// instead of the pipe.
+#include "Telvane_p.h"
+#include "support/Loopback.h"
+#include "support/SshdFixture.h"
+
+#include <atomic>
+#include <fstream>
+#include <future>
+#include <thread>
+
+using namespace std::chrono_literals;
+using namespace telvane::test;
+using Event = RecordingDelegate::Event;
+using Kind = TelvaneRunOutcome::Kind;
+
+namespace {
+
+long residentKilobytes()
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("VmRSS:", 0) == 0)
+            return std::stol(line.substr(6));
+    return 0;
+}
+
+struct OutcomeCase
+{
+    const char *name;
+    const char *script;
+    enum Peer { Sshd, ClosedPort, DeafPort } peer; // a deaf port never completes the TCP connect
+    bool stop;                                     // stopped once running, or while the connect hangs
+    Kind kind;
+    long statusOrCode;
+};
+using Outcomes = WithRows<SensorRunTest, OutcomeCase>;
+
+// A sink that keeps what it is given, may hold the pump back, and notes whether the start came first.
+struct SinkDelegate : RecordingDelegate
+{
+    std::mutex mutex;
+    std::string received;               // guarded by mutex
+    bool startHeard = false;            // guarded by mutex
+    bool bytesBeforeStart = false;      // guarded by mutex
+    bool bytesAfterOutcome = false;     // guarded by mutex
+    bool outcomeHeard = false;          // guarded by mutex
+    std::chrono::milliseconds pause{0}; // set before the run: how long each call takes
+    std::atomic<std::size_t> calls{0};
+    std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &sensor, TelvaneRunId run) override
+    {
+        RecordingDelegate::outputSinkForRun(sensor, run);
+        TelvaneOutputSink sink;
+        sink.write = [this](const char *data, std::size_t size) {
+            std::this_thread::sleep_for(pause);
+            std::lock_guard lock(mutex);
+            bytesBeforeStart |= !startHeard;
+            bytesAfterOutcome |= outcomeHeard;
+            received.append(data, size);
+            ++calls;
+            return true;
+        };
+        return sink;
+    }
+    void sensorScriptDidStart(Telvane &sensor, std::shared_ptr<TelvaneFileHandle> output) override
+    {
+        RecordingDelegate::sensorScriptDidStart(sensor, std::move(output));
+        std::lock_guard lock(mutex);
+        startHeard = true;
+        outcomeHeard = false;
+    }
+    void sensorRunDidFinish(Telvane &sensor, const TelvaneRunOutcome &outcome) override
+    {
+        {
+            std::lock_guard lock(mutex);
+            outcomeHeard = true;
+        }
+        RecordingDelegate::sensorRunDidFinish(sensor, outcome);
+    }
+};
+
+} // namespace
+
+TEST_P(Outcomes, EachRunTellsOneOutcomeOfItsKindWithTheTimeOfItsStages)
+{
+    const OutcomeCase &row = GetParam();
+    LoopbackSocket other(row.peer == OutcomeCase::DeafPort ? 0 : -1);
+    other.deafen();
+    auto sensor = row.peer == OutcomeCase::Sshd ? makeSensor(30) : makeSensor(host(), other.port(), 30);
+    std::thread stopper([&] {
+        if (row.stop && !waitUntil([&] { return sensor->running(); }, 500ms))
+            sensor->stopScript(); // still connecting
+        else if (row.stop)
+            sensor->stopScript();
+    });
+    ASSERT_TRUE(runToEnd(*sensor, row.script)) << log.joined();
+    stopper.join();
+    const TelvaneRunOutcome outcome = delegate->outcomes().at(0);
+    EXPECT_LT(outcome.phases.connect, 5) << "a stop ends a hanging connect at once";
+    EXPECT_EQ(row.kind, outcome.kind) << log.joined();
+    EXPECT_EQ(row.statusOrCode, row.kind == Kind::Failed ? outcome.failure.code : outcome.status);
+    if (row.kind == Kind::Failed || row.peer == OutcomeCase::DeafPort)
+        EXPECT_EQ(sensor->lastFailure()->reason, outcome.failure.reason);
+    else
+        EXPECT_GT(outcome.phases.handshake, 0) << "a run that connected took time to shake hands";
+    EXPECT_EQ(row.kind == Kind::Ended, outcome.phases.output >= 0.2) << "the script sleeps 0.2 s";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, Outcomes,
+    ::testing::Values(OutcomeCase{"Ended", "sleep 0.2; exit 3", OutcomeCase::Sshd, false, Kind::Ended, 3},
+                      OutcomeCase{"Failed", "echo never", OutcomeCase::ClosedPort, false, Kind::Failed,
+                                  TelvaneErrorConnection},
+                      OutcomeCase{"Stopped", "sleep 30", OutcomeCase::Sshd, true, Kind::Stopped, 0},
+                      OutcomeCase{"StoppedConnecting", "echo never", OutcomeCase::DeafPort, true,
+                                  Kind::Stopped, 0}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+// The pump of a short script ends long before its start is told; the reports still come start first, and a
+// sink hears nothing before the start.
+TEST_F(SensorRunTest, AStartToldLateStillComesBeforeTheEndAndTheFirstByte)
+{
+    for (const bool sink : {false, true}) {
+        auto sinking = std::make_shared<SinkDelegate>();
+        sinking->answer = account();
+        if (sink)
+            delegate = sinking;
+        else
+            freshDelegate();
+        auto sensor = makeSensor();
+        TelvanePrivate::get(*sensor).beforeStartReport = [] {
+            std::this_thread::sleep_for(300ms);
+        };
+        ASSERT_TRUE(runToEnd(*sensor, "echo quick")) << log.joined();
+        std::vector<Event::Kind> reports;
+        for (const Event &event : delegate->events())
+            if (event.kind == Event::Started || event.kind == Event::Terminated)
+                reports.push_back(event.kind);
+        EXPECT_EQ((std::vector<Event::Kind>{Event::Started, Event::Terminated}), reports) << sink;
+        if (sink) {
+            std::lock_guard lock(sinking->mutex);
+            EXPECT_EQ("quick\n", sinking->received);
+            EXPECT_FALSE(sinking->bytesBeforeStart);
+        }
+    }
+}
+
+// The older run waits at its credentials question while a newer one runs; its failure ends it alone.
+TEST_F(SensorRunTest, OneRunsFailureLeavesTheOtherRunning)
+{
+    struct TwoAnswers : RecordingDelegate
+    {
+        std::promise<void> release;
+        std::atomic<int> asked{0};
+        std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor,
+                                                                         bool *persist) override
+        {
+            if (asked++ == 0) {
+                release.get_future().wait();
+                return std::nullopt; // the older run: no credentials, code 2
+            }
+            return RecordingDelegate::credentialsForSensor(sensor, persist);
+        }
+    };
+    auto twoAnswers = std::make_shared<TwoAnswers>();
+    twoAnswers->answer = account();
+    delegate = twoAnswers;
+    auto sensor = makeSensor();
+    std::thread older([&] { sensor->runScript("echo older", std::nullopt); });
+    ASSERT_TRUE(waitUntil([&] { return twoAnswers->asked == 1; }));
+    sensor->runScript("sleep 1; echo newer", std::nullopt);
+    ASSERT_TRUE(sensor->running());
+    twoAnswers->release.set_value();
+    older.join();
+    EXPECT_TRUE(sensor->running()) << "the older run's failure must not close the newer one";
+    ASSERT_TRUE(waitUntil([&] { return twoAnswers->outcomes().size() == 2; }));
+    const auto outcomes = twoAnswers->outcomes();
+    EXPECT_EQ(Kind::Failed, outcomes[0].kind);
+    EXPECT_EQ(TelvaneErrorNoCredentials, outcomes[0].failure.code);
+    EXPECT_EQ(Kind::Ended, outcomes[1].kind);
+    EXPECT_EQ(0, outcomes[1].status);
+    EXPECT_EQ("newer\n", twoAnswers->output());
+    EXPECT_FALSE(sensor->lastFailure()) << "lastFailure() is the newest run's";
+}
+
+// A server that takes keys alone: neither the keyring nor the delegate is asked for a password.
+TEST_F(SensorRunTest, AServerWithoutPasswordLoginsEndsWithCode3BeforeAnyoneIsAsked)
+{
+    SshdHarness keysOnly;
+    keysOnly.setExtraConfig("PasswordAuthentication no\nKbdInteractiveAuthentication no\n");
+    TELVANE_REQUIRE_COMPONENT(keysOnly.start(), "no sshd: " + keysOnly.reason());
+    ASSERT_TRUE(runToEnd(*makeSensor(keysOnly.host(), keysOnly.port()), "echo never"));
+    EXPECT_EQ(std::optional<long>(TelvaneErrorAuthentication), delegate->failureCode());
+    EXPECT_EQ(0, delegate->count(Event::AskedCredentials));
+    EXPECT_TRUE(log.contains("No supported authentication methods found!")) << log.joined();
+}
+
+// With the password in it, the script goes through the loader; it still runs in the account's login shell.
+TEST_F(SensorRunTest, AScriptWithThePasswordRunsInTheLoginShell)
+{
+    const std::string bashOnly =
+        "words=(one two)\n[[ -n '__PASSWORD__' ]] && echo \"${words[1]} $(basename \"$BASH\")\"\n";
+    ASSERT_TRUE(runToEnd(*makeSensor(), bashOnly)) << log.joined();
+    EXPECT_EQ("two bash\n", delegate->output()) << log.joined();
+}
+
+// A sink gets every byte in order, a slow one holds the server back with flat memory, the handle sees only
+// its end, and the outcome comes after the sink's last call.
+TEST_F(SensorRunTest, ASinkTakesEveryByteAndASlowOneHoldsTheServerBack)
+{
+    auto sinking = std::make_shared<SinkDelegate>();
+    sinking->answer = account();
+    delegate = sinking;
+    auto sensor = makeSensor();
+    ASSERT_TRUE(runToEnd(*sensor, "seq 1 8400000")) << log.joined(); // 66 MB
+    std::string expected;
+    for (int i = 1; i <= 8400000; ++i)
+        expected += std::to_string(i) + '\n';
+    {
+        std::lock_guard lock(sinking->mutex);
+        EXPECT_TRUE(sinking->received == expected) << sinking->received.size() << " bytes";
+    }
+    EXPECT_EQ("", sinking->output()) << "the pipe carries nothing but its end";
+    EXPECT_FALSE(sinking->bytesAfterOutcome);
+
+    // 64 MiB offered to a sink that takes 2 s for each of its first calls: the server waits, and this
+    // process grows by far less than what was offered.
+    sinking->pause = 2s;
+    {
+        std::lock_guard lock(sinking->mutex);
+        std::string().swap(sinking->received);
+    }
+    std::string().swap(expected);
+    sinking->calls = 0;
+    const long before = residentKilobytes();
+    sensor->runScript("head -c 67108864 /dev/zero", std::nullopt);
+    ASSERT_TRUE(waitUntil([&] { return sinking->calls >= 2; }, 20s));
+    const long grown = residentKilobytes() - before;
+    sinking->pause = 0ms;
+    ASSERT_TRUE(waitUntil([&] { return sinking->outcomes().size() == 2; }, 60s));
+    EXPECT_LT(grown, 64 * 1024 / 4) << "kB resident while the sink was slow";
+    std::lock_guard lock(sinking->mutex);
+    EXPECT_EQ(67108864u, sinking->received.size());
+}
+
+// A stop while the sink holds the pump: the run ends as stopped once the sink returns.
+TEST_F(SensorRunTest, AStopWhileTheSinkBlocksEndsTheRun)
+{
+    auto sinking = std::make_shared<SinkDelegate>();
+    sinking->answer = account();
+    sinking->pause = 1s;
+    delegate = sinking;
+    auto sensor = makeSensor();
+    sensor->runScript("yes", std::nullopt);
+    ASSERT_TRUE(waitUntil([&] { return sinking->calls >= 1; }));
+    sensor->stopScript();
+    ASSERT_TRUE(waitUntil([&] { return !sinking->outcomes().empty(); }, 10s));
+    EXPECT_EQ(Kind::Stopped, sinking->outcomes()[0].kind);
+}

@@ -1,0 +1,74 @@
+#include "support/Daemon.h"
+
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace telvane::test {
+
+bool runTool(const std::string &command, const std::string &input)
+{
+    FILE *tool = ::popen((command + " >/dev/null 2>&1").c_str(), "w");
+    if (!tool)
+        return false;
+    std::fwrite(input.data(), 1, input.size(), tool);
+    const int status = ::pclose(tool);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+std::string toolOutput(const std::string &command)
+{
+    FILE *tool = ::popen((command + " 2>/dev/null").c_str(), "r");
+    if (!tool)
+        return {};
+    std::string output;
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, tool)) > 0;)
+        output.append(buffer, n);
+    const int status = ::pclose(tool);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        return {};
+    if (!output.empty() && output.back() == '\n')
+        output.pop_back();
+    return output;
+}
+
+pid_t startDaemon(const std::vector<std::string> &argv, const std::string &logPath)
+{
+    // Everything the child needs is made before fork: after it only async-signal-safe calls are allowed.
+    std::vector<char *> arguments;
+    for (const std::string &argument : argv)
+        arguments.push_back(const_cast<char *>(argument.c_str()));
+    arguments.push_back(nullptr);
+    const int logFd = ::open(logPath.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    const pid_t parent = ::getpid();
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL); // dies with us, however we end
+        if (::getppid() != parent)
+            ::_exit(1);
+        sigset_t none;
+        sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);
+        ::dup2(logFd, 1);
+        ::dup2(logFd, 2);
+        ::execv(arguments[0], arguments.data());
+        ::_exit(127);
+    }
+    ::close(logFd);
+    return pid;
+}
+
+void killDaemon(pid_t &pid)
+{
+    if (pid > 0) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+    }
+    pid = -1;
+}
+
+} // namespace telvane::test
