@@ -8,6 +8,7 @@
 #   widgets_dev  libtelvane-widgets-dev    widgets headers, the CMake package's Widgets component, telvane-widgets.pc
 #   cli          telvane                   the command-line tool, its manual page and bash completion
 #   diagnostics  telvane-diagnostics       the desktop program
+#   exporter     telvane-exporter          the Prometheus exporter, its systemd unit and example configuration
 #
 # The library packages are named for their SONAME, so that a future libtelvane.so.6 can be installed beside
 # them. Each package with binaries gets a -dbgsym package with their debug information.
@@ -112,7 +113,22 @@ telvane-diagnostics logs in to a sensor host over SSH, runs a diagnostics
 script there and shows its transcript live in a window, with the findings
 the script marks in red.")
 
+set(CPACK_DEBIAN_EXPORTER_PACKAGE_NAME telvane-exporter)
+set(CPACK_DEBIAN_EXPORTER_PACKAGE_SECTION net)
+set(CPACK_COMPONENT_EXPORTER_DEPENDS runtime)
+set(CPACK_DEBIAN_EXPORTER_PACKAGE_DEPENDS adduser)
+set(CPACK_DEBIAN_EXPORTER_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_CURRENT_LIST_DIR}/debian/exporter/postinst ${CMAKE_CURRENT_LIST_DIR}/debian/exporter/conffiles)
+set(CPACK_DEBIAN_EXPORTER_DESCRIPTION "Prometheus exporter that probes hosts over SSH
+telvane-exporter answers Prometheus' scrapes of /probe?target=HOST&module=NAME
+by logging in to the target over SSH, running the module's shell script
+there and passing on its success, its times and the metrics it prints.
+It runs as its own system user under a hardened systemd unit.")
+
 set(CPACK_COMPONENTS_ALL runtime dev cli)
+if(TARGET telvane-exporter)
+    list(APPEND CPACK_COMPONENTS_ALL exporter)
+endif()
 if(TARGET TelvaneWidgets)
     list(APPEND CPACK_COMPONENTS_ALL widgets widgets_dev)
 endif()

@@ -2,9 +2,20 @@
 // settings (our own socket under SSH_OPTIONS_FD, a non-blocking session, libssh's default window, standard
 // error dropped as it arrives, standard input ended after the exec, 32768-byte non-blocking reads of stream
 // 0, poll on the directions ssh_get_poll_flags names) and nothing else: the output is counted and dropped.
+//
+// A few switches try what might make the loop cheaper, one at a time:
+//   --loop read      the library's loop (the default)
+//   --loop callback  stream 0 taken in the channel's data callback as libssh decodes it, no read copy
+//   --loop event     the same, with libssh's own poll (ssh_event_dopoll) as the only wait
+//   --loop counted   the library's loop, but no poll of ours after a read that took bytes off the socket
+//                    (ssh_set_counters) without completing a packet: libssh polls before it reads anyway
+//   --loop timed     the library's loop, each read allowed to wait up to --read-ms (1) in libssh's own poll
+//   --rcvbuf BYTES   SO_RCVBUF before the connect (0: the kernel's autotuning, the default)
+//   --nodelay 0|1    TCP_NODELAY (1, the default, as the library)
 #include "../common/Args.h"
 #include "../common/SessionMethods.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>
@@ -13,6 +24,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -39,22 +51,38 @@ int retry(int sock, ssh_session session, Call call, int again = SSH_AGAIN, int l
     return rc;
 }
 
-int dropStandardError(ssh_session, ssh_channel, void *, uint32_t length, int isStderr, void *)
+// What the data callback sees: stream 0 counted here instead of read, when the loop takes it that way.
+struct Taken
 {
-    return isStderr ? static_cast<int>(length) : 0;
+    bool streamZero = false; // take stream 0 too
+    long long bytes = 0;
+    int mostAtOnce = 0; // the largest piece one call handed over
+};
+
+int takeData(ssh_session, ssh_channel, void *, uint32_t length, int isStderr, void *userdata)
+{
+    auto *taken = static_cast<Taken *>(userdata);
+    if (!isStderr && !taken->streamZero)
+        return 0;
+    if (!isStderr) {
+        taken->bytes += length;
+        taken->mostAtOnce = std::max(taken->mostAtOnce, static_cast<int>(length));
+    }
+    return static_cast<int>(length);
 }
 
-int connectLoopback(int port)
+int connectLoopback(int port, int receiveBuffer, int noDelay)
 {
     const int sock = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (sock >= 0 && receiveBuffer > 0)
+        ::setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (sock < 0 || ::connect(sock, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
         return -1;
-    const int one = 1;
-    ::setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    ::setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
     return sock;
 }
 
@@ -82,7 +110,13 @@ public:
     {
         const std::string user = args.text("user", "telvane-test");
         const std::string script = args.text("script", "head -c 1048576 /dev/zero");
-        sock_ = connectLoopback(static_cast<int>(args.number("port", 22)));
+        loop_ = args.text("loop", "read");
+        timed_ = loop_ == "timed";
+        readMilliseconds_ = static_cast<int>(args.number("read-ms", 1));
+        taken_.streamZero = loop_ == "callback" || loop_ == "event";
+        sock_ = connectLoopback(static_cast<int>(args.number("port", 22)),
+                                static_cast<int>(args.number("rcvbuf", 0)),
+                                static_cast<int>(args.number("nodelay", 1)));
         if (sock_ < 0)
             return fail("connect");
         session_ = ssh_new();
@@ -101,7 +135,8 @@ public:
                 SSH_AUTH_AGAIN) != SSH_AUTH_SUCCESS)
             return fail("password login");
         channel_ = ssh_channel_new(session_);
-        callbacks_.channel_data_function = dropStandardError;
+        callbacks_.channel_data_function = takeData;
+        callbacks_.userdata = &taken_;
         ssh_callbacks_init(&callbacks_);
         if (!channel_ || ssh_set_channel_callbacks(channel_, &callbacks_) != SSH_OK ||
             retry(sock_, session_, [&] { return ssh_channel_open_session(channel_); }) != SSH_OK)
@@ -117,37 +152,71 @@ public:
     void stream()
     {
         const auto start = std::chrono::steady_clock::now();
-        const auto deadline = start + std::chrono::minutes(5);
-        char buffer[32768];
-        long long bytes = 0;
-        int n;
-        int mostBuffered = 0;
-        for (;;) {
-            n = ssh_channel_read_nonblocking(channel_, buffer, sizeof buffer, 0);
-            if (n > 0) {
-                bytes += n;
-                // What libssh still holds after this read: its share of the process's memory per stream.
-                mostBuffered = std::max(mostBuffered, ssh_channel_poll(channel_, 0));
-                continue;
-            }
-            if (n != 0 || std::chrono::steady_clock::now() > deadline)
-                break;
-            waitSocket(sock_, session_);
-        }
+        const long long bytes = loop_ == "event" ? eventLoop(start) : readLoop(start);
         const double seconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         result_.put("bytes", bytes);
         result_.put("stream_seconds", seconds);
-        result_.put("last_read", n);
-        result_.put("most_buffered", mostBuffered);
+        result_.put("last_read", lastRead_);
+        result_.put("most_buffered", mostBuffered_);
+        result_.put("most_at_once", taken_.mostAtOnce);
         result_.put("cipher", ssh_get_cipher_in(session_));
         const char *mac = ssh_get_hmac_in(session_);
         result_.put("mac", mac && *mac ? mac : "(aead)");
-        lastRead_ = n;
     }
     bool atEnd() const { return lastRead_ == SSH_EOF; }
 
 private:
+    // The library's loop: non-blocking reads, and a poll of our own whenever libssh has nothing.
+    long long readLoop(std::chrono::steady_clock::time_point start)
+    {
+        const auto deadline = start + std::chrono::minutes(5);
+        char buffer[32768];
+        long long bytes = 0;
+        int n;
+        const bool counted = loop_ == "counted";
+        ssh_counter_struct received{};
+        if (counted)
+            ssh_set_counters(session_, nullptr, &received);
+        for (;;) {
+            const uint64_t before = received.in_bytes;
+            n = timed_ ? ssh_channel_read_timeout(channel_, buffer, sizeof buffer, 0, readMilliseconds_)
+                       : ssh_channel_read_nonblocking(channel_, buffer, sizeof buffer, 0);
+            if (timed_ && n == 0 && ssh_channel_is_eof(channel_))
+                n = SSH_EOF;
+            if (n > 0) {
+                bytes += n;
+                // What libssh still holds after this read: its share of the process's memory per stream.
+                mostBuffered_ = std::max(mostBuffered_, ssh_channel_poll(channel_, 0));
+                continue;
+            }
+            if (n != 0 || std::chrono::steady_clock::now() > deadline)
+                break;
+            if (!counted || received.in_bytes == before)
+                waitSocket(sock_, session_);
+        }
+        if (counted)
+            ssh_set_counters(session_, nullptr, nullptr);
+        lastRead_ = n;
+        return bytes + taken_.bytes;
+    }
+
+    // libssh's own poll as the only wait; the data callback takes every piece as it is decoded.
+    long long eventLoop(std::chrono::steady_clock::time_point start)
+    {
+        const auto deadline = start + std::chrono::minutes(5);
+        ssh_event event = ssh_event_new();
+        if (!event || ssh_event_add_session(event, session_) != SSH_OK)
+            return 0;
+        while (!ssh_channel_is_eof(channel_) && std::chrono::steady_clock::now() < deadline)
+            if (ssh_event_dopoll(event, 10000) == SSH_ERROR)
+                break;
+        lastRead_ = ssh_channel_is_eof(channel_) ? SSH_EOF : SSH_ERROR;
+        ssh_event_remove_session(event, session_);
+        ssh_event_free(event);
+        return taken_.bytes;
+    }
+
     bool fail(const char *what)
     {
         result_.put("error", what);
@@ -161,7 +230,12 @@ private:
     ssh_session session_ = nullptr;
     ssh_channel channel_ = nullptr;
     ssh_channel_callbacks_struct callbacks_{}; // outlives the channel
+    Taken taken_;                              // the data callback's, outlives the channel
+    std::string loop_;
+    bool timed_ = false;
+    int readMilliseconds_ = 1;
     int lastRead_ = 0;
+    int mostBuffered_ = 0;
 };
 
 } // namespace

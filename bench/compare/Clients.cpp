@@ -29,25 +29,32 @@ Outcome Clients::finish(ChildResult child, const std::string &resultPath) const
     return outcome;
 }
 
-Outcome Clients::telvane(const std::string &script, const Cipher &cipher, bool toStdout, double limit) const
+Outcome Clients::telvane(const std::string &script, const Cipher &cipher, Path path, bool toStdout,
+                         double limit, const std::map<std::string, std::string> &environment) const
 {
     const std::string result = resultPath();
+    auto env = cipherEnvironment(cipher);
+    env.insert(environment.begin(), environment.end());
     Outcome outcome = finish(runChild({binDir_ + "/telvane-bench-host", "stream", "--port",
                                        std::to_string(port_), "--password-file", passwordFile_, "--script",
-                                       script, "--sink", toStdout ? "stdout" : "discard", "--result", result},
-                                      cipherEnvironment(cipher), limit),
+                                       script, "--path", path == Path::Sink ? "sink" : "pipe", "--to",
+                                       toStdout ? "stdout" : "discard", "--result", result},
+                                      env, limit),
                              result);
     outcome.bytes = toStdout ? outcome.child.outputBytes : std::atoll(outcome.result["bytes"].c_str());
     return outcome;
 }
 
-Outcome Clients::bare(const std::string &script, const Cipher &cipher, double limit) const
+Outcome Clients::bare(const std::string &script, const Cipher &cipher, double limit,
+                      const std::map<std::string, std::string> &environment) const
 {
     const std::string result = resultPath();
+    auto env = cipherEnvironment(cipher);
+    env.insert(environment.begin(), environment.end());
     Outcome outcome =
         finish(runChild({binDir_ + "/telvane-bench-bare", "--port", std::to_string(port_), "--password-file",
                          passwordFile_, "--script", script, "--result", result},
-                        cipherEnvironment(cipher), limit),
+                        env, limit),
                result);
     outcome.bytes = std::atoll(outcome.result["bytes"].c_str());
     return outcome;

@@ -31,9 +31,14 @@ public:
           passwordFile_(std::move(passwordFile))
     {}
 
-    /// The library's host: --sink discard counts the bytes, stdout hands them to us (for first-byte times).
-    Outcome telvane(const std::string &script, const Cipher &cipher, bool toStdout, double limit) const;
-    Outcome bare(const std::string &script, const Cipher &cipher, double limit) const;
+    /// How the library's host takes the output: reading the pipe's handle, or through a sink.
+    enum class Path { Pipe, Sink };
+    /// The library's host: counting and dropping the bytes, or handing them to us on its standard output
+    /// (as ssh does; also for first-byte times). @p environment is added to the child's.
+    Outcome telvane(const std::string &script, const Cipher &cipher, Path path, bool toStdout, double limit,
+                    const std::map<std::string, std::string> &environment = {}) const;
+    Outcome bare(const std::string &script, const Cipher &cipher, double limit,
+                 const std::map<std::string, std::string> &environment = {}) const;
     Outcome ssh(const std::string &script, const Cipher &cipher, double limit) const;
     /// Any other mode of the host (scale, stall) with extra options.
     Outcome host(const std::string &mode, const std::map<std::string, std::string> &options,

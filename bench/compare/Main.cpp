@@ -3,6 +3,7 @@
 // many sensors at once, a stalled server and a silent script. Prints a Markdown table and writes it as JSON.
 #include "Clients.h"
 #include "Report.h"
+#include "Throughput.h"
 
 #include "support/SshdHarness.h"
 
@@ -11,9 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <poll.h>
-#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -21,46 +20,6 @@
 using namespace telvane::bench;
 
 namespace {
-
-constexpr double kGiB = 1024.0 * 1024 * 1024;
-constexpr double kMiB = 1024.0 * 1024;
-
-double median(std::vector<double> values)
-{
-    if (values.empty())
-        return 0;
-    std::sort(values.begin(), values.end());
-    const std::size_t n = values.size();
-    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
-
-struct Series
-{
-    std::vector<double> throughput; // MiB/s over the process's whole life, login included
-    std::vector<double> cpuPerGiB;  // user + system seconds of the client process per GiB
-    int failures = 0;
-    void add(const Outcome &o, long long expected)
-    {
-        if (!o.ok || o.bytes != expected) {
-            ++failures;
-            std::fprintf(stderr, "  a run failed: exit %d, %lld of %lld bytes%s\n", o.child.exitStatus,
-                         o.bytes, expected, o.child.timedOut ? ", timed out" : "");
-            return;
-        }
-        throughput.push_back(static_cast<double>(expected) / kMiB / o.child.wallSeconds);
-        cpuPerGiB.push_back(o.child.cpuSeconds / (static_cast<double>(expected) / kGiB));
-    }
-};
-
-std::string lastLineValue(const std::string &text, const std::string &prefix)
-{
-    std::istringstream lines(text);
-    std::string found;
-    for (std::string line; std::getline(lines, line);)
-        if (line.rfind(prefix, 0) == 0)
-            found = line.substr(line.rfind(':') + 1);
-    return found;
-}
 
 std::string machine()
 {
@@ -128,10 +87,6 @@ int main(int argc, char **argv)
     report.note("machine", machine());
     report.note("load average at start", loadAverage());
 
-    const std::string stream = "head -c " + std::to_string(bytes) + " /dev/zero";
-    const Cipher shared{"aes128-gcm@openssh.com", ""};
-    const double limit = 300;
-
     // What each side picks when left alone (the library's through the bare loop, which shares its libssh).
     const Outcome probe = clients.bare("true", {}, 60);
     const std::string libsshDefault =
@@ -140,60 +95,14 @@ int main(int argc, char **argv)
     report.note("ssh default against this sshd",
                 "chacha20-poly1305@openssh.com (ssh -G lists it first; sshd 9.2 too)");
 
-    // 1 and 3: throughput and client CPU, every client once per round, interleaved so that the machine's
-    // other load falls on all of them alike.
-    Series telvaneDefault, sshDefault, bareDefault, telvaneShared, sshShared;
-    long long mostBuffered = 0;
-    for (int round = 0; round < rounds; ++round) {
-        std::fprintf(stderr, "throughput round %d of %d\n", round + 1, rounds);
-        telvaneDefault.add(clients.telvane(stream, {}, false, limit), bytes);
-        sshDefault.add(clients.ssh(stream, {}, limit), bytes);
-        const Outcome bare = clients.bare(stream, {}, limit);
-        bareDefault.add(bare, bytes);
-        if (bare.result.count("most_buffered"))
-            mostBuffered = std::max(mostBuffered, std::atoll(bare.result.at("most_buffered").c_str()));
-        telvaneShared.add(clients.telvane(stream, shared, false, limit), bytes);
-        sshShared.add(clients.ssh(stream, shared, limit), bytes);
-    }
-    const std::string size = bytes == 1LL << 30 ? "1 GiB" : std::to_string(bytes) + " B";
-    const std::string of = ", median of " + std::to_string(rounds);
-    const auto compare = [&](std::string measure, const Series &ours, const Series &other,
-                             std::string otherName, bool throughput, double goal) {
-        const auto &mine = throughput ? ours.throughput : ours.cpuPerGiB;
-        const auto &theirs = throughput ? other.throughput : other.cpuPerGiB;
-        char goalText[32];
-        std::snprintf(goalText, sizeof goalText, "%s %.2f×", throughput ? "≥" : "≤", goal);
-        Row row{std::move(measure), throughput ? "MiB/s" : "s/GiB", median(mine),
-                median(theirs),     std::move(otherName),           goalText};
-        const bool allRan = ours.failures == 0 && other.failures == 0;
-        row.met = allRan && row.ratio() && (throughput ? *row.ratio() >= goal : *row.ratio() <= goal);
-        report.add(row);
-    };
-    const std::string sshDefaultName = "ssh (chacha20-poly1305)";
-    compare("throughput, " + size + ", each side's default" + of, telvaneDefault, sshDefault, sshDefaultName,
-            true, 1.0);
-    compare("client CPU per GiB (user + system), each side's default", telvaneDefault, sshDefault,
-            sshDefaultName, false, 0.85);
-    compare("throughput, " + size + ", aes128-gcm@openssh.com on both" + of, telvaneShared, sshShared, "ssh",
-            true, 1.0);
-    compare("client CPU per GiB, aes128-gcm@openssh.com on both", telvaneShared, sshShared, "ssh", false,
-            1.0);
-    compare("pump overhead: throughput, libssh's default" + of, telvaneDefault, bareDefault,
-            "bare libssh loop", true, 0.95);
-    report.add({"client CPU per GiB, libssh's default", "s/GiB", median(telvaneDefault.cpuPerGiB),
-                median(bareDefault.cpuPerGiB), "bare libssh loop", "information"});
-
-    const std::string speed = captureOutput(
-        {"/usr/bin/openssl", "speed", "-mr", "-seconds", "2", "-bytes", "16384", "-evp", "aes-128-gcm"});
-    const double cipherLimit = std::atof(lastLineValue(speed, "+F:").c_str()) / kMiB;
-    report.add({"ceiling: aes-128-gcm on one core (openssl speed, 16384-byte blocks)", "MiB/s",
-                median(telvaneShared.throughput), cipherLimit, "openssl", "information"});
+    // 1 and 3: throughput and client CPU.
+    measureThroughput(clients, report, rounds, bytes);
 
     // 2: connect, login, exec, the first byte of a one-line script and the exit, as whole processes.
     std::vector<double> telvaneFirst, sshFirst, telvaneWhole, sshWhole;
     std::fprintf(stderr, "latency, %d rounds\n", latencyRounds);
     for (int round = 0; round < latencyRounds; ++round) {
-        const Outcome t = clients.telvane("echo ready", {}, true, 60);
+        const Outcome t = clients.telvane("echo ready", {}, Clients::Path::Sink, true, 60);
         if (t.ok && t.child.outputHead == "ready\n") {
             telvaneFirst.push_back(t.child.firstByteSeconds * 1000);
             telvaneWhole.push_back(t.child.wallSeconds * 1000);
@@ -219,7 +128,8 @@ int main(int argc, char **argv)
     latencyRow("start, connect, login, exec, one line, exit", telvaneWhole, sshWhole);
     latencyRow("the same to the first byte", telvaneFirst, sshFirst);
 
-    // 4: many sensors at once in one process; the same total volume at every N.
+    // 4: many sensors at once in one process, each handing its output to a sink; the same total volume at
+    // every N.
     for (const int n : {1, 16, 64, 256}) {
         std::fprintf(stderr, "scale: %d sensors\n", n);
         const long long each = std::max<long long>(1 << 20, (256LL << 20) / n);
@@ -245,23 +155,16 @@ int main(int argc, char **argv)
         report.add(f);
         if (n != 256)
             continue;
-        Row done{"256 sensors at once: runs complete, every byte",
-                 "runs",
-                 static_cast<double>(f.complete),
-                 std::nullopt,
-                 "of 256",
-                 "all",
-                 f.complete == n && o.ok};
-        report.add(done);
+        report.add(Row{"256 sensors at once, each with a sink: runs complete, every byte", "runs",
+                       static_cast<double>(f.complete), std::nullopt, "of 256", "all",
+                       f.complete == n && o.ok});
         report.add(Row{"256 sensors: RSS per sensor at the peak, all streaming", "KiB", f.rssPeakKiB,
-                       std::nullopt, "", "≤ 512 KiB", f.rssPeakKiB <= 512});
+                       std::nullopt, "", "≤ 256 KiB", f.rssPeakKiB <= 256});
+        report.add(Row{"256 sensors: threads per running sensor (peak over the process before them)", "",
+                       f.threads, std::nullopt, "", "≤ 1", f.threads <= 1.0});
         report.add(Row{"256 sensors: RSS per running sensor, before output", "KiB", f.rssWaitingKiB,
                        std::nullopt, "", "information"});
     }
-    // The lever on the peak: what libssh holds for a stream is bounded by the window it grants the server.
-    report.add(Row{"one stream: most that libssh held received after a read (bare loop)", "KiB",
-                   static_cast<double>(mostBuffered) / 1024, std::nullopt, "libssh 0.10 window 1250 KiB",
-                   "information"});
 
     // 5: waits that should cost nothing: a server that accepts and never sends its banner, and a script
     // that prints nothing under a 0.5 s time-out.

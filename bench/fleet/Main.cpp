@@ -5,6 +5,7 @@
 // fifteen IPv4 addresses.
 //
 //   telvane-bench-fleet TELVANE RESULTS-DIR [ROUNDS]
+#include "../common/ProcessCpu.h"
 #include "support/SshdHarness.h"
 
 #include <algorithm>
@@ -179,8 +180,12 @@ int main(int argc, char **argv)
 
     std::vector<double> tWall, tCpu, pWall, pCpu;
     Measured t64, p64;
+    double serverSeconds = 0; // sshd's CPU for the telvane rounds' logins
     for (int round = 0; round < rounds; ++round) {
+        const double serverBefore = telvane::bench::cpuWithReapedChildren(sshd.pid());
         t64 = measure(telvaneRun(file64), out);
+        telvane::bench::awaitNoChildren(sshd.pid(), std::chrono::seconds(5));
+        serverSeconds += telvane::bench::cpuWithReapedChildren(sshd.pid()) - serverBefore;
         p64 = measure(pssh, out);
         std::cerr << "round " << round + 1 << ": telvane " << fixed(t64.wall, 2) << " s wall, "
                   << fixed(t64.cpu, 2) << " s CPU, " << t64.ok << " ok; parallel-ssh " << fixed(p64.wall, 2)
@@ -199,6 +204,10 @@ int main(int argc, char **argv)
               << " KiB RSS at most\n";
 
     const double wallRatio = median(tWall) / median(pWall);
+    // On a machine whose cores the server shares, parallel-ssh's wall time is about the server's CPU plus
+    // its own, over the cores; ours can go no lower than the server's share of that.
+    const double serverPerLogin = serverSeconds / rounds / kHosts;
+    const double floorRatio = serverPerLogin * kHosts / (serverPerLogin * kHosts + median(pCpu));
     const double cpuRatio = median(tCpu) / median(pCpu);
     const long threadBound = 2 * 64 + 2;
     std::ostringstream md;
@@ -212,12 +221,16 @@ int main(int argc, char **argv)
        << " CPUs, /proc/loadavg at the start: " << loadBefore << ".\n\n"
        << "| measure | telvane | parallel-ssh | ratio | goal | met |\n|---|---:|---:|---:|---|:---:|\n"
        << "| 64 hosts, --parallel 64 / -p 64: wall time | " << fixed(median(tWall), 2) << " s | "
-       << fixed(median(pWall), 2) << " s | " << fixed(wallRatio, 2) << "× | ≤ 0.50× | "
-       << (wallRatio <= 0.5 ? "yes" : "**no**") << " |\n"
+       << fixed(median(pWall), 2) << " s | " << fixed(wallRatio, 2) << "× | ≤ 0.30× | "
+       << (wallRatio <= 0.3 ? "yes" : "**no**") << " |\n"
        << "| 64 hosts: client CPU | " << fixed(median(tCpu), 2) << " s | " << fixed(median(pCpu), 2)
        << " s | " << fixed(cpuRatio, 2) << "× | ≤ 0.50× | " << (cpuRatio <= 0.5 ? "yes" : "**no**") << " |\n"
        << "| 64 hosts: outputs complete | " << t64.ok << " | " << p64.ok << " | – | all | "
-       << (t64.ok == kHosts && p64.ok == kHosts ? "yes" : "**no**") << " |\n\n"
+       << (t64.ok == kHosts && p64.ok == kHosts ? "yes" : "**no**") << " |\n"
+       << "| 64 hosts: sshd's CPU per login (its reaped sessions) | " << fixed(serverPerLogin * 1000, 1)
+       << " ms | – | – | information | – |\n"
+       << "| floor of the wall-time ratio on shared cores: sshd's CPU ÷ (sshd's + parallel-ssh's) | – | – | "
+       << fixed(floorRatio, 2) << "× | information | – |\n\n"
        << "| 1024 hosts (the same addresses, cycled), --parallel 64 | telvane | bound | met "
           "|\n|---|---:|---:|:---:|\n"
        << "| outputs complete | " << t1024.ok << " | 1024 | " << (t1024.ok == 1024 ? "yes" : "**no**")
@@ -233,7 +246,8 @@ int main(int argc, char **argv)
         << "{\"rounds\": " << rounds << ", \"telvane64\": {\"wall\": " << median(tWall)
         << ", \"cpu\": " << median(tCpu) << ", \"peakThreads\": " << t64.peakThreads
         << ", \"maxRssKiB\": " << t64.maxRssKiB << "}, \"pssh64\": {\"wall\": " << median(pWall)
-        << ", \"cpu\": " << median(pCpu) << "}, \"telvane1024\": {\"wall\": " << t1024.wall
+        << ", \"cpu\": " << median(pCpu) << "}, \"sshdPerLogin\": " << serverPerLogin
+        << ", \"floorRatio\": " << floorRatio << ", \"telvane1024\": {\"wall\": " << t1024.wall
         << ", \"cpu\": " << t1024.cpu << ", \"ok\": " << t1024.ok
         << ", \"peakThreads\": " << t1024.peakThreads << ", \"maxRssKiB\": " << t1024.maxRssKiB << "}}\n";
     std::cout << md.str();

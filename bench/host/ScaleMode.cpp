@@ -1,6 +1,7 @@
 // Many sensors in one process at once. Every script first waits at a gate (a FIFO that this process holds
 // open for writing), so that all of them are running at the same moment; closing the gate lets them all
-// stream together.
+// stream together. The output goes to a counting sink on each pump's thread (--path sink, the default), or
+// through the pipes, read here by one thread polling them all (--path pipe).
 #include "BenchDelegate.h"
 #include "Modes.h"
 
@@ -33,6 +34,7 @@ int scaleMode(const Args &args)
 {
     ResultFile result(args.text("result", "/dev/null"));
     const int count = static_cast<int>(args.number("sensors", 16));
+    const bool viaSink = args.text("path", "sink") == "sink";
     const long long bytes = args.number("bytes", 1 << 20);
     const std::string base = args.text("gate-dir", "/tmp") + "/gate-" + std::to_string(::getpid());
     const std::string gate = base + "-start";
@@ -67,6 +69,8 @@ int scaleMode(const Args &args)
             for (int i; (i = next.fetch_add(1)) < count;) {
                 auto &slot = sensors[static_cast<std::size_t>(i)];
                 slot.delegate = makeDelegate(args);
+                if (viaSink)
+                    slot.delegate->sinkToCounter();
                 slot.sensor = makeSensor(args, slot.delegate);
                 slot.sensor->runScript(script, std::nullopt);
                 slot.output = slot.delegate->output();
@@ -93,8 +97,29 @@ int scaleMode(const Args &args)
     auto nextSample = streamStart;
     std::vector<pollfd> fds;
     std::vector<Running *> owners;
+    const auto sample = [&] {
+        if (const auto now = std::chrono::steady_clock::now(); now >= nextSample) {
+            const auto figures = processFigures();
+            peak.rssKiB = std::max(peak.rssKiB, figures.rssKiB);
+            peak.threads = std::max(peak.threads, figures.threads);
+            nextSample = now + std::chrono::milliseconds(50);
+        }
+    };
+    // The sinks count on the pumps' threads: this one only adds up and samples.
+    const auto countUntil = [&](const auto &done) {
+        while (!done() && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            total = 0;
+            for (auto &slot : sensors)
+                if (slot.delegate)
+                    total += slot.bytes = slot.delegate->sinkBytes();
+            sample();
+        }
+    };
     // Reads whatever is ready until @p done holds or time is up.
     const auto readUntil = [&](const auto &done) {
+        if (viaSink)
+            return countUntil(done);
         while (!done() && open > 0 && std::chrono::steady_clock::now() < deadline) {
             fds.clear();
             owners.clear();
@@ -116,12 +141,7 @@ int scaleMode(const Args &args)
                 owners[i]->bytes += static_cast<long long>(chunk.size());
                 total += static_cast<long long>(chunk.size());
             }
-            if (const auto now = std::chrono::steady_clock::now(); now >= nextSample) {
-                const auto figures = processFigures();
-                peak.rssKiB = std::max(peak.rssKiB, figures.rssKiB);
-                peak.threads = std::max(peak.threads, figures.threads);
-                nextSample = now + std::chrono::milliseconds(50);
-            }
+            sample();
         }
     };
     readUntil([&] { return total >= bytes * started; });
@@ -133,13 +153,16 @@ int scaleMode(const Args &args)
     ::malloc_trim(0);
     const ProcessFigures trimmed = processFigures();
     ::close(holdFd);
-    readUntil([] { return false; });
+    if (!viaSink)
+        readUntil([] { return false; });
 
     int complete = 0;
     int failed = 0;
     for (auto &slot : sensors) {
         const auto status =
             slot.delegate ? slot.delegate->waitForEnd(std::chrono::seconds(10)) : std::nullopt;
+        if (viaSink && slot.delegate)
+            slot.bytes = slot.delegate->sinkBytes();
         if (slot.bytes == bytes && status == 0)
             ++complete;
         else

@@ -79,6 +79,7 @@ int stallMode(const Args &args)
     const bool stillWaiting = !delegate->result().has_value();
     sensor->close(); // wakes the waiting handshake
     connecting.join();
+    delegate->waitForFinish(std::chrono::seconds(10));
 
     result.put("cpu_seconds", used);
     result.put("window_seconds", seconds);
@@ -107,6 +108,7 @@ int silentMode(const Args &args)
     const double used = cpuSeconds() - before;
     const bool stillRunning = !delegate->result().has_value();
     sensor->close();
+    delegate->waitForFinish(std::chrono::seconds(10));
 
     result.put("cpu_seconds", used);
     result.put("window_seconds", seconds);

@@ -1,4 +1,7 @@
-// One run read to its end, as an application would: through the reading end that the delegate was given.
+// One run read to its end, as an application would: through the reading end that the delegate was given
+// (--path pipe), or handed by the pump to a sink (--path sink). The bytes go to standard output (--to stdout:
+// for the pipe the host copies them, a sink is our standard output's descriptor) or are counted and dropped
+// (--to discard: for the pipe after reading them, a sink is a callback that counts).
 #include "BenchDelegate.h"
 #include "Modes.h"
 
@@ -25,9 +28,14 @@ bool writeAll(int fd, const char *data, std::size_t size)
 
 int streamMode(const Args &args)
 {
-    const bool toStdout = args.text("sink", "discard") == "stdout";
+    const bool toStdout = args.text("to", "discard") == "stdout";
+    const bool viaSink = args.text("path", "pipe") == "sink";
     ResultFile result(args.text("result", "/dev/null"));
     auto delegate = makeDelegate(args);
+    if (viaSink && toStdout)
+        delegate->sinkTo(1);
+    else if (viaSink)
+        delegate->sinkToCounter();
     auto sensor = makeSensor(args, delegate, args.text("host", "127.0.0.1"));
 
     const auto begin = std::chrono::steady_clock::now();
@@ -43,6 +51,10 @@ int streamMode(const Args &args)
 
     long long bytes = 0;
     for (;;) {
+        if (viaSink) { // the handle gives only the end
+            output->availableData();
+            break;
+        }
         const std::string chunk = output->availableData();
         if (chunk.empty())
             break;
@@ -52,6 +64,7 @@ int streamMode(const Args &args)
     }
     const auto ended = std::chrono::steady_clock::now();
     const auto status = delegate->waitForEnd(std::chrono::seconds(30));
+    bytes += delegate->sinkBytes();
     const auto seconds = [](auto d) {
         return std::chrono::duration<double>(d).count();
     };

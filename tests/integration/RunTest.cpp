@@ -41,19 +41,19 @@ using Outcomes = WithRows<SensorRunTest, OutcomeCase>;
 struct SinkDelegate : RecordingDelegate
 {
     std::mutex mutex;
-    std::string received;               // guarded by mutex
-    bool startHeard = false;            // guarded by mutex
-    bool bytesBeforeStart = false;      // guarded by mutex
-    bool bytesAfterOutcome = false;     // guarded by mutex
-    bool outcomeHeard = false;          // guarded by mutex
-    std::chrono::milliseconds pause{0}; // set before the run: how long each call takes
+    std::string received;                  // guarded by mutex
+    bool startHeard = false;               // guarded by mutex
+    bool bytesBeforeStart = false;         // guarded by mutex
+    bool bytesAfterOutcome = false;        // guarded by mutex
+    bool outcomeHeard = false;             // guarded by mutex
+    std::atomic<int> pauseMilliseconds{0}; // how long each call takes
     std::atomic<std::size_t> calls{0};
     std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &sensor, TelvaneRunId run) override
     {
         RecordingDelegate::outputSinkForRun(sensor, run);
         TelvaneOutputSink sink;
         sink.write = [this](const char *data, std::size_t size) {
-            std::this_thread::sleep_for(pause);
+            std::this_thread::sleep_for(std::chrono::milliseconds(pauseMilliseconds.load()));
             std::lock_guard lock(mutex);
             bytesBeforeStart |= !startHeard;
             bytesAfterOutcome |= outcomeHeard;
@@ -226,7 +226,7 @@ TEST_F(SensorRunTest, ASinkTakesEveryByteAndASlowOneHoldsTheServerBack)
 
     // 64 MiB offered to a sink that takes 2 s for each of its first calls: the server waits, and this
     // process grows by far less than what was offered.
-    sinking->pause = 2s;
+    sinking->pauseMilliseconds = 2000;
     {
         std::lock_guard lock(sinking->mutex);
         std::string().swap(sinking->received);
@@ -237,7 +237,7 @@ TEST_F(SensorRunTest, ASinkTakesEveryByteAndASlowOneHoldsTheServerBack)
     sensor->runScript("head -c 67108864 /dev/zero", std::nullopt);
     ASSERT_TRUE(waitUntil([&] { return sinking->calls >= 2; }, 20s));
     const long grown = residentKilobytes() - before;
-    sinking->pause = 0ms;
+    sinking->pauseMilliseconds = 0;
     ASSERT_TRUE(waitUntil([&] { return sinking->outcomes().size() == 2; }, 60s));
     EXPECT_LT(grown, 64 * 1024 / 4) << "kB resident while the sink was slow";
     std::lock_guard lock(sinking->mutex);
@@ -249,7 +249,7 @@ TEST_F(SensorRunTest, AStopWhileTheSinkBlocksEndsTheRun)
 {
     auto sinking = std::make_shared<SinkDelegate>();
     sinking->answer = account();
-    sinking->pause = 1s;
+    sinking->pauseMilliseconds = 1000;
     delegate = sinking;
     auto sensor = makeSensor();
     sensor->runScript("yes", std::nullopt);

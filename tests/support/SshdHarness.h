@@ -35,6 +35,8 @@ public:
     bool start();
     void stop();
     bool running() const { return pid_ > 0; }
+    /// The daemon's listener (the benchmarks read the CPU of the sessions it has reaped).
+    pid_t pid() const { return pid_; }
     const std::string &reason() const { return reason_; }
     Server server() const { return server_; }
 

@@ -1,0 +1,143 @@
+// The exporter's suites: the loopback sshd, the exporter as a process of its own, and a client for both.
+#pragma once
+
+#include "support/Daemon.h"
+#include "support/SshdFixture.h"
+
+#include <httplib.h>
+
+#include <csignal>
+#include <map>
+#include <memory>
+#include <sys/wait.h>
+
+namespace telvane::test {
+
+/// A program that runs beside the test (the exporter, Prometheus), its output in a file, killed at the end.
+class Daemon
+{
+public:
+    Daemon(const std::vector<std::string> &argv, std::string logPath) : logPath_(std::move(logPath))
+    {
+        std::ofstream(logPath_, std::ios::trunc); // a fresh log: an earlier run's lines must not be found
+        pid_ = startDaemon(argv, logPath_);
+    }
+    ~Daemon() { signal(SIGKILL), wait(); }
+    std::string log() const { return readFile(logPath_); }
+    void signal(int number) const { pid_ > 0 && ::kill(pid_, number); }
+    /// Waits for @p text in the output; false when the program ended first or took more than a minute.
+    bool waitForLog(const std::string &text)
+    {
+        for (int i = 0; i < 6000; ++i) {
+            if (log().find(text) != std::string::npos)
+                return true;
+            if (ended())
+                return false;
+            ::usleep(10000);
+        }
+        return false;
+    }
+    /// The exit status once it has ended, or -1.
+    int wait()
+    {
+        int status = 0;
+        if (pid_ > 0 && ::waitpid(pid_, &status, 0) == pid_)
+            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), pid_ = -1;
+        return status_;
+    }
+
+private:
+    bool ended()
+    {
+        int status = 0;
+        if (::waitpid(pid_, &status, WNOHANG) != pid_)
+            return false;
+        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), pid_ = -1;
+        return true;
+    }
+    std::string logPath_;
+    pid_t pid_ = -1;
+    int status_ = -1;
+};
+
+/// telvane-exporter with a configuration file, on a free loopback port.
+class Exporter
+{
+public:
+    Exporter(const std::string &directory, const std::string &config, std::vector<std::string> flags = {})
+    {
+        flags.insert(flags.begin(),
+                     {TELVANE_EXPORTER_PATH, "--config.file=" + config, "--web.listen-address=127.0.0.1:0"});
+        ::setenv("TELVANE_KEYRING", "memory",
+                 1); // the exporter inherits it: nothing of the machine's keyring
+        daemon = std::make_unique<Daemon>(flags, directory + "/exporter.log");
+        if (daemon->waitForLog("listening on ")) {
+            const std::string log = daemon->log();
+            port = std::stoi(log.substr(log.find("127.0.0.1:", log.find("listening on ")) + 10));
+        }
+    }
+    /// Stops it as the service manager does: it must end cleanly, which is also when the sanitizers report.
+    ~Exporter()
+    {
+        if (port == 0)
+            return;
+        daemon->signal(SIGTERM);
+        EXPECT_EQ(0, daemon->wait()) << daemon->log();
+    }
+    /// GET @p path; the status and the body (status 0 when there was no answer).
+    std::pair<int, std::string> get(const std::string &path, const httplib::Headers &headers = {}) const
+    {
+        httplib::Client client("127.0.0.1", port);
+        client.set_read_timeout(std::chrono::seconds(120));
+        const auto result = client.Get(path.c_str(), headers);
+        return result ? std::pair{result->status, result->body} : std::pair{0, std::string()};
+    }
+    int post(const std::string &path) const
+    {
+        const auto result = httplib::Client("127.0.0.1", port).Post(path.c_str());
+        return result ? result->status : 0;
+    }
+    std::unique_ptr<Daemon> daemon;
+    int port = 0;
+};
+
+/// The loopback sshd, a directory for the test's files, and a known-hosts file that holds the daemon's keys.
+class ExporterTest : public SshdTest
+{
+protected:
+    void SetUp() override
+    {
+        SshdTest::SetUp();
+        if (HasFatalFailure() || IsSkipped())
+            return;
+        const std::string password = write("password", sshd().password() + "\n");
+        dir = password.substr(0, password.rfind('/'));
+        std::string knownHosts;
+        for (const char *type : {"ed25519", "ecdsa"})
+            for (const char *host : {"[127.0.0.1]", "[::1]"})
+                knownHosts += host + (":" + std::to_string(sshd().port())) + " " +
+                              readFile(dir + "/ssh_host_" + type + "_key.pub");
+        write("known_hosts", knownHosts);
+    }
+    std::string write(const std::string &name, const std::string &text) const
+    {
+        return sshd().writeFile(name, text);
+    }
+    /// A module for the loopback sshd's account with the script @p script and more YAML lines @p extra.
+    std::string module(const std::string &name, const std::string &script, const std::string &extra = "",
+                       const std::string &password = "password") const
+    {
+        return "  " + name + ":\n    script: " + write(name + ".sh", script) +
+               "\n    user: " + sshd().username() + "\n    password_file: " + dir + "/" + password +
+               "\n    known_hosts: " + dir + "/known_hosts\n    port: " + std::to_string(sshd().port()) +
+               "\n" + extra;
+    }
+    /// A configuration file with @p modules, which allows the loopback addresses.
+    std::string config(const std::string &modules, const std::string &name = "exporter.yml") const
+    {
+        return write(name, "modules:\n" + modules + "targets: [\"127.0.0.1\", \"::1\"]\n");
+    }
+    std::string dir;
+};
+
+} // namespace telvane::test

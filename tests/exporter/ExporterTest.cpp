@@ -1,0 +1,281 @@
+// telvane-exporter against the loopback sshd: probes and their answers, refusals, the cap on probes in
+// flight, bad configurations, reloads, TLS and basic auth.
+#include "exporter/ExporterFixture.h"
+#include "support/Loopback.h"
+#include "support/Process.h"
+
+#include <crypt.h>
+
+#include <atomic>
+#include <thread>
+
+using namespace telvane::test;
+
+namespace {
+
+// Prometheus text among other lines: what the answer keeps (5 lines) and drops (7 lines). Lines holding "#"
+// are removed before sending, so the script makes its own.
+const std::string kScript = R"(h=$(printf '\043')
+echo "$h HELP sensor_answer The answer."
+echo "$h TYPE sensor_answer gauge"
+printf '%s\n' 'sensor_answer{unit="__UNIT__",note="a \"quoted\" \\ word"} 42 1700000000000'
+printf '%s\n' 'sensor_extremes{kind="nan",} NaN' 'sensor_extremes{kind="inf"} +Inf'
+printf '%s\n' 'dup{a="1",a="2"} 1' 'bad_escape{a="\q"} 1' 'no_value' 'telvane_probe_success 7'
+echo "$h TYPE sensor_answer nonsense"
+echo "$h just a comment"
+echo "plain words"
+)";
+
+struct ProbeRow
+{
+    const char *name;
+    std::string query;         // "module=...": the sshd is the target unless the row names one
+    const char *scrapeTimeout; // the header's seconds, or nothing
+    std::vector<std::string> expected;
+    bool leftBehind = false; // the run was still going at the deadline: its session must end all the same
+};
+
+void PrintTo(const ProbeRow &row, std::ostream *out)
+{
+    *out << row.query;
+}
+
+using Probes = WithRows<ExporterTest, ProbeRow>;
+
+} // namespace
+
+TEST_P(Probes, AnswerWithTheOutcomeAndTheScriptsMetrics)
+{
+    const ProbeRow &row = GetParam();
+    write("wrong-password", "not " + sshd().password() + "\n");
+    LoopbackSocket deaf(1);
+    deaf.deafen(); // a connect to it neither succeeds nor fails
+    const std::string modules = module("ok", kScript, "    arguments: {UNIT: volts}\n") +
+                                module("wrong", "echo x\n", "", "wrong-password") +
+                                module("slow", "printf 'sensor_half 12'\nsleep 30\n", "    timeout: 60s\n") +
+                                module("exit3", "exit 3\n") +
+                                module("big", "yes 'sensor_fill 1' | head -c 3000000\n");
+    Exporter exporter(dir, config(modules));
+    ASSERT_NE(0, exporter.port) << exporter.daemon->log();
+    std::string query = row.query;
+    if (query.find("target=") == std::string::npos)
+        query += "&target=127.0.0.1:" + std::to_string(sshd().port());
+    const auto at = query.find("DEAF");
+    if (at != std::string::npos)
+        query.replace(at, 4, std::to_string(deaf.port()));
+    httplib::Headers headers;
+    if (row.scrapeTimeout)
+        headers.emplace("X-Prometheus-Scrape-Timeout-Seconds", row.scrapeTimeout);
+
+    const auto [status, body] = exporter.get("/probe?" + query, headers);
+    EXPECT_EQ(200, status) << body;
+    for (const auto &line : row.expected)
+        EXPECT_NE(std::string::npos, body.find(line)) << "no \"" << line << "\" in\n"
+                                                      << body << exporter.daemon->log();
+    EXPECT_EQ(std::string::npos, body.find("telvane_probe_success 7"))
+        << "the script may not set the exporter's own";
+    // The front page lists the probe, with a link to run it again.
+    EXPECT_NE(std::string::npos,
+              exporter.get("/").second.find("&amp;module=" + query.substr(7, query.find('&') - 7)));
+    if (row.leftBehind)
+        EXPECT_TRUE(waitUntil([&] {
+            return sshd().log(logStart_).find("Received disconnect") != std::string::npos;
+        })) << sshd().log(logStart_);
+    // Every probe has left its slot, also those whose host still hangs.
+    EXPECT_NE(std::string::npos, exporter.get("/metrics").second.find("telvane_exporter_probes_in_flight 0"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Exporter, Probes,
+    ::testing::Values(
+        ProbeRow{"ok",
+                 "module=ok",
+                 nullptr,
+                 {"telvane_probe_success 1\n", "telvane_probe_exit_status 0\n",
+                  "telvane_probe_phase_duration_seconds{phase=\"login\"}",
+                  "telvane_probe_output_lines_dropped 7\n", "# HELP sensor_answer The answer.\n",
+                  "# TYPE sensor_answer gauge\n",
+                  "\nsensor_answer{unit=\"volts\",note=\"a \\\"quoted\\\" \\\\ word\"} 42 1700000000000\n",
+                  "\nsensor_extremes{kind=\"nan\",} NaN\n", "\nsensor_extremes{kind=\"inf\"} +Inf\n"}},
+        ProbeRow{"over_IPv6", "module=ok&target=[::1]", nullptr, {"telvane_probe_success 1\n"}},
+        ProbeRow{"refused_login",
+                 "module=wrong",
+                 nullptr,
+                 {"telvane_probe_success 0\n", "telvane_probe_failure{code=\"3\""}},
+        ProbeRow{"exit_status",
+                 "module=exit3",
+                 nullptr,
+                 {"telvane_probe_success 0\n", "telvane_probe_exit_status 3\n"}},
+        ProbeRow{"scrape_timeout_shorter_than_the_script",
+                 "module=slow",
+                 "2",
+                 // Its unfinished line may be half a number: counted, never passed on.
+                 {"telvane_probe_success 0\n", "reason=\"deadline exceeded\"",
+                  "telvane_probe_output_bytes 14\n", "telvane_probe_output_lines_dropped 1\n"},
+                 true},
+        ProbeRow{"target_that_hangs",
+                 "module=slow&target=127.0.0.1:DEAF",
+                 "2",
+                 {"telvane_probe_success 0\n", "reason=\"deadline exceeded\""}},
+        ProbeRow{"output_cut_at_the_cap",
+                 "module=big",
+                 nullptr,
+                 {"telvane_probe_output_truncated 1\n", "telvane_probe_output_bytes 1048576\n",
+                  "\nsensor_fill 1\n"}}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+// The request chooses a module and an allowed target, nothing else; a target off the list is never reached.
+TEST_F(ExporterTest, RefusesWhatARequestMayNotAsk)
+{
+    Exporter exporter(dir, config(module("ok", "echo hi\n")));
+    ASSERT_NE(0, exporter.port) << exporter.daemon->log();
+    const std::string port = std::to_string(sshd().port());
+    const std::size_t logStart = sshd().log().size();
+    for (const auto &[query, status, answer] : std::vector<std::tuple<std::string, int, std::string>>{
+             {"module=ok&target=localhost:" + port, 403, "not in the allowed targets"},
+             {"module=ok&target=127.0.0.2:" + port, 403, "not in the allowed targets"},
+             {"target=127.0.0.1", 400, "\"module\" must be given once"},
+             {"module=ok", 400, "\"target\" must be given once"},
+             {"module=nope&target=127.0.0.1", 400, "unknown module \"nope\""},
+             {"module=ok&target=127.0.0.1&script=/bin/sh", 400, "unknown parameter \"script\""},
+             {"module=ok&target=root@127.0.0.1", 400, "bad target"},
+             {"module=ok&target=%3Cb%3E.example.org", 400, "bad target"},
+             {"module=ok&target=127.0.0.1:70000", 400, "bad target"},
+             {"module=ok&target=127.0.0.1&target=127.0.0.2", 400, "\"target\" must be given once"}}) {
+        const auto [got, body] = exporter.get("/probe?" + query);
+        EXPECT_EQ(status, got) << query << ": " << body;
+        EXPECT_NE(std::string::npos, body.find(answer)) << query << ": " << body;
+    }
+    EXPECT_EQ(std::string::npos, sshd().log(logStart).find("Connection from")) << sshd().log(logStart);
+    EXPECT_NE(std::string::npos,
+              exporter.get("/metrics")
+                  .second.find("telvane_exporter_probes_total{module=\"ok\",result=\"forbidden\"} 2"));
+}
+
+// 200 probes at once against a cap of 20: 180 are answered 503 while the first 20 still run, which end well.
+TEST_F(ExporterTest, AnswersBusyBeyondTheCapAtOnce)
+{
+    const std::string gate = dir + "/open";
+    Exporter exporter(dir,
+                      config(module("gate", "while [ ! -e " + gate + " ]; do sleep 0.1; done\necho gate 1\n",
+                                    "    timeout: 60s\n")),
+                      {"--probe.max-in-flight=20"});
+    ASSERT_NE(0, exporter.port) << exporter.daemon->log();
+    std::atomic<int> busy{0}, passed{0}, other{0};
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 200; ++i)
+        clients.emplace_back([&] {
+            const auto [status, body] =
+                exporter.get("/probe?module=gate&target=127.0.0.1:" + std::to_string(sshd().port()));
+            ++(status == 503                                                                  ? busy
+               : status == 200 && body.find("telvane_probe_success 1\n") != std::string::npos ? passed
+                                                                                              : other);
+        });
+    EXPECT_TRUE(waitUntil([&] { return busy + other >= 180; }, std::chrono::seconds(120)));
+    EXPECT_EQ(180, busy.load());
+    write("open", "");
+    for (auto &client : clients)
+        client.join();
+    EXPECT_EQ(20, passed.load()) << exporter.daemon->log();
+    EXPECT_EQ(0, other.load());
+}
+
+// A module with keys logs in by key alone, as its user.
+TEST_F(ExporterTest, LogsInWithTheModulesKey)
+{
+    SshdHarness keyServer(SshdHarness::Server::PublicKey);
+    TELVANE_REQUIRE_COMPONENT(keyServer.start(), "no sshd for keys: " + keyServer.reason());
+    const std::string key = keyServer.makeClientKey("probe-key");
+    ASSERT_FALSE(key.empty());
+    Exporter exporter(dir, config("  keys:\n    script: " + write("keys.sh", "echo keyed 1\n") +
+                                  "\n    user: " + keyServer.username() + "\n    identity_files: [" + key +
+                                  "]\n    host_key_policy: accept-any\n"));
+    ASSERT_NE(0, exporter.port) << exporter.daemon->log();
+    const auto [status, body] =
+        exporter.get("/probe?module=keys&target=127.0.0.1:" + std::to_string(keyServer.port()));
+    EXPECT_NE(std::string::npos, body.find("telvane_probe_success 1\n")) << body << keyServer.log();
+    EXPECT_NE(std::string::npos, body.find("\nkeyed 1\n")) << body;
+}
+
+// A bad configuration is refused at start-up, naming the file, the line and the field.
+TEST_F(ExporterTest, RefusesABadConfigurationAtStart)
+{
+    const std::string script = "    script: " + write("s.sh", "echo hi\n") + "\n    keyring: true\n";
+    for (const auto &[yaml, message] : std::vector<std::pair<std::string, std::string>>{
+             {"modules:\n  m:\n" + script + "    passwrd_file: /x\n",
+              "bad.yml:5: modules.m.passwrd_file: unknown field"},
+             {"modules:\n  m:\n" + script + "    timeout: 10x\n",
+              "bad.yml:5: modules.m.timeout: \"10x\" is not"},
+             {"modules:\n  m:\n" + script + "    host_key_policy: trusting\n",
+              "bad.yml:5: modules.m.host_key_policy:"},
+             {"modules:\n  m:\n" + script + "    arguments: {A: \"x#y\"}\n",
+              "bad.yml:5: modules.m.arguments.A:"},
+             {"modules:\n  m:\n    script: /nonexistent.sh\n    keyring: true\n",
+              "bad.yml:3: modules.m.script: cannot"},
+             {"modules:\n  m:\n    script: /etc/passwd\n    user: u\n",
+              "bad.yml:3: modules.m: no credentials"},
+             {"modules:\n  m:\n" + script + "targets: [10.0.0.0/33]\n",
+              "bad.yml:5: targets: \"10.0.0.0/33\""},
+             {"modules: [\n", "bad.yml:2: not valid YAML"},
+             {"targets: []\n", "modules: expected at least one"}}) {
+        const auto run = runProcess({TELVANE_EXPORTER_PATH, "--config.file=" + write("bad.yml", yaml)});
+        EXPECT_EQ(1, run.status) << yaml;
+        EXPECT_NE(std::string::npos, run.err.find(message)) << yaml << " gave " << run.err;
+    }
+}
+
+// A reload takes a good configuration and keeps the old one instead of a bad one, saying why.
+TEST_F(ExporterTest, ReloadsOnlyAGoodConfiguration)
+{
+    const std::string path = config(module("first", "echo hi\n"));
+    Exporter exporter(dir, path);
+    ASSERT_NE(0, exporter.port) << exporter.daemon->log();
+    const auto known = [&](const std::string &name) {
+        return exporter.get("/probe?target=10.1.1.1&module=" + name).first == 403; // 400 when unknown
+    };
+    config(module("second", "echo hi\n"));
+    EXPECT_EQ(200, exporter.post("/-/reload"));
+    EXPECT_TRUE(known("second"));
+    EXPECT_FALSE(known("first"));
+
+    write("exporter.yml", "modules:\n  third: {script: /nonexistent}\n");
+    exporter.daemon->signal(SIGHUP);
+    EXPECT_TRUE(exporter.daemon->waitForLog("the old one stays: " + path + ":2: modules.third"));
+    EXPECT_EQ(500, exporter.post("/-/reload"));
+    EXPECT_TRUE(known("second"));
+    EXPECT_NE(std::string::npos,
+              exporter.get("/metrics").second.find("telvane_exporter_config_last_reload_successful 0\n"));
+}
+
+// TLS and basic auth from a web configuration, checked with curl: only the right user and password get in.
+TEST_F(ExporterTest, ServesTlsWithBasicAuth)
+{
+    const auto openssl = runProcess({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                                     "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
+                                     "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
+                                     dir + "/key.pem", "-out", dir + "/cert.pem"});
+    ASSERT_EQ(0, openssl.status) << openssl.err;
+    char salt[CRYPT_GENSALT_OUTPUT_SIZE];
+    crypt_data data{};
+    ASSERT_TRUE(crypt_gensalt_rn("$2b$", 5, nullptr, 0, salt, sizeof salt));
+    const std::string hash = crypt_r("s3cret", salt, &data);
+    const std::string web =
+        write("web.yml", "tls_server_config:\n  cert_file: cert.pem\n  key_file: key.pem\n"
+                         "basic_auth_users:\n  alice: " +
+                             hash + "\n");
+    Exporter exporter(dir, config(module("ok", "echo hi\n")), {"--web.config.file=" + web});
+    ASSERT_NE(0, exporter.port) << exporter.daemon->log();
+    const std::string https = "https://127.0.0.1:" + std::to_string(exporter.port) + "/metrics";
+    for (const auto &[args, code] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+             {{"-u", "alice:s3cret", https}, "200"},
+             {{"-u", "alice:wrong", https}, "401"},
+             {{"-u", "bob:s3cret", https}, "401"},
+             {{https}, "401"},
+             {{"-u", "alice:s3cret", "http://127.0.0.1:" + std::to_string(exporter.port) + "/metrics"},
+              "000"}}) {
+        std::vector<std::string> curl = {
+            "/usr/bin/curl", "-s", "-o", "/dev/null", "-w", "%{http_code}", "--cacert", dir + "/cert.pem"};
+        curl.insert(curl.end(), args.begin(), args.end());
+        EXPECT_EQ(code, runProcess(curl).out) << args.back() << " " << args.front();
+    }
+}
