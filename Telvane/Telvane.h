@@ -268,7 +268,7 @@ public:
     ///@}
     ///@{
     /// The user to log in as when the host program knows the name but no password (a command line's -l or
-    /// user@host): the server is asked under it and keys log in under it; empty: the credentials' name, or
+    /// USER\@HOST): the server is asked under it and keys log in under it; empty: the credentials' name, or
     /// the local user's for keys. Credentials that name another user then log in under theirs.
     std::string username() const;
     void setUsername(std::string username);
