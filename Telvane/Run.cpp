@@ -127,27 +127,33 @@ bool Run::prepare()
 void Run::reportStart()
 {
     auto delegate = q_.delegate();
-    if (d_.beforeStartReport)
-        d_.beforeStartReport();
     const auto mark = [&](StartReport report) {
         std::lock_guard lock(startMutex_);
         startReport_ = report;
         startChanged_.notify_all();
     };
     mark(StartReport::Begun);
+    if (d_.beforeStartReport)
+        d_.beforeStartReport();
     if (delegate)
         delegate->sensorScriptDidStart(q_, pipe_->fileHandleForReading());
     mark(StartReport::Returned);
 }
 
-// The end's reports wait for the start's: sensorScriptDidTerminate and a failure until it has begun (a
-// delegate may read the pipe to its end inside it), the sink and the outcome until it has returned.
+// The end's reports (sensorScriptDidTerminate, a failure) and the sink's first byte wait until the delegate
+// has heard of the start: its sensorScriptDidStart has returned, or the delegate reads the output while it
+// runs. A delegate may read the pipe to its end inside the call, and that end comes only after the report,
+// so waiting for the return would never end. The outcome waits for the return itself. While the call runs,
+// the reading end is looked at every few milliseconds: a blocked read wakes no one.
 void Run::awaitStartReport(bool returned)
 {
+    const auto reader = pipe_->fileHandleForReading();
     std::unique_lock lock(startMutex_);
-    startChanged_.wait(lock, [&] {
-        return startReport_ == StartReport::Returned || (!returned && startReport_ == StartReport::Begun);
-    });
+    while (startReport_ != StartReport::Returned) {
+        if (!returned && startReport_ == StartReport::Begun && reader->inUse())
+            return;
+        startChanged_.wait_for(lock, std::chrono::milliseconds(5));
+    }
 }
 
 void Run::finish(State state, long status)

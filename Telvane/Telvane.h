@@ -129,7 +129,8 @@ public:
     virtual ~TelvaneDelegate();
 
     /// The script was launched; @p output is the reading end of the sensor's pipe. Output may already be
-    /// waiting in it. The handle sees end of file after sensorScriptDidTerminate / sensorDidFailWithError.
+    /// waiting in it. The handle sees end of file after sensorScriptDidTerminate / sensorDidFailWithError,
+    /// which wait until this call has returned, or until it reads the handle (it may read to the end here).
     virtual void sensorScriptDidStart(Telvane &sensor, std::shared_ptr<TelvaneFileHandle> output);
     /// The script's output ended; @p status is the remote exit status (0 when none arrived).
     virtual void sensorScriptDidTerminate(Telvane &sensor, long status);
@@ -150,8 +151,8 @@ public:
     virtual void sensorRunDidFinish(Telvane &sensor, const TelvaneRunOutcome &outcome);
     /// Asked once per run on the runScript thread before it connects: a sink here takes the run's output
     /// instead of the pipe (the handle of sensorScriptDidStart then gives only end of file, in
-    /// the same order as ever). The sink is first called after sensorScriptDidStart has returned. The
-    /// default, nothing, keeps the pipe.
+    /// the same order as ever). The sink is first called after sensorScriptDidStart has returned (or, if
+    /// the delegate reads that handle inside it, once it reads). The default, nothing, keeps the pipe.
     virtual std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &sensor, TelvaneRunId run);
     /// The server asks questions at the login that the password does not answer (a one-time code, say), or
     /// an encrypted key file needs its passphrase: answer each prompt in order, or std::nullopt when no one

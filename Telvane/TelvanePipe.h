@@ -35,6 +35,8 @@ public:
     void closeFile();
     /// The descriptor, or -1 once closed. Meant for poll(); reading it directly bypasses closeFile's guard.
     int fileDescriptor() const;
+    /// True while a call is at work on the descriptor: a reader waiting in availableData, say.
+    bool inUse() const;
 
 private:
     int acquire();

@@ -72,6 +72,12 @@ bool TelvaneFileHandle::writeData(const void *data, std::size_t size)
     return ok;
 }
 
+bool TelvaneFileHandle::inUse() const
+{
+    std::lock_guard lock(mutex_);
+    return users_ > 0;
+}
+
 void TelvaneFileHandle::closeFile()
 {
     std::lock_guard lock(mutex_);

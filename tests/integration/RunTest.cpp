@@ -117,7 +117,7 @@ INSTANTIATE_TEST_SUITE_P(
                                   Kind::Stopped, 0}),
     [](const auto &info) { return std::string(info.param.name); });
 
-// The pump of a short script ends long before its start is told; the reports still come start first, and a
+// The pump of a short script ends while its start is being told; the reports still come start first, and a
 // sink hears nothing before the start.
 TEST_F(SensorRunTest, AStartToldLateStillComesBeforeTheEndAndTheFirstByte)
 {
