@@ -184,27 +184,6 @@ TEST_F(SensorRunTest, OneRunsFailureLeavesTheOtherRunning)
     EXPECT_FALSE(sensor->lastFailure()) << "lastFailure() is the newest run's";
 }
 
-// A server that takes keys alone: neither the keyring nor the delegate is asked for a password.
-TEST_F(SensorRunTest, AServerWithoutPasswordLoginsEndsWithCode3BeforeAnyoneIsAsked)
-{
-    SshdHarness keysOnly;
-    keysOnly.setExtraConfig("PasswordAuthentication no\nKbdInteractiveAuthentication no\n");
-    TELVANE_REQUIRE_COMPONENT(keysOnly.start(), "no sshd: " + keysOnly.reason());
-    ASSERT_TRUE(runToEnd(*makeSensor(keysOnly.host(), keysOnly.port()), "echo never"));
-    EXPECT_EQ(std::optional<long>(TelvaneErrorAuthentication), delegate->failureCode());
-    EXPECT_EQ(0, delegate->count(Event::AskedCredentials));
-    EXPECT_TRUE(log.contains("No supported authentication methods found!")) << log.joined();
-}
-
-// With the password in it, the script goes through the loader; it still runs in the account's login shell.
-TEST_F(SensorRunTest, AScriptWithThePasswordRunsInTheLoginShell)
-{
-    const std::string bashOnly =
-        "words=(one two)\n[[ -n '__PASSWORD__' ]] && echo \"${words[1]} $(basename \"$BASH\")\"\n";
-    ASSERT_TRUE(runToEnd(*makeSensor(), bashOnly)) << log.joined();
-    EXPECT_EQ("two bash\n", delegate->output()) << log.joined();
-}
-
 // A sink gets every byte in order, a slow one holds the server back with flat memory, the handle sees only
 // its end, and the outcome comes after the sink's last call.
 TEST_F(SensorRunTest, ASinkTakesEveryByteAndASlowOneHoldsTheServerBack)

@@ -10,73 +10,66 @@ using namespace telvane::test;
 using Event = RecordingDelegate::Event;
 
 namespace {
-struct OutputCase
-{
-    std::size_t size;
-    int status;
-};
-using WholeRun = WithRows<SensorRunTest, OutputCase>;
-} // namespace
-
-TEST_P(WholeRun, DeliversEveryByteInOrderAndTheExitStatusAfterTheEnd)
-{
-    const auto [size, status] = GetParam();
-    auto sensor = makeSensor();
-    delegate->endDelay = std::chrono::milliseconds(50);
-    ASSERT_TRUE(runToEnd(*sensor, "seq 1 20000000 | head -c " + std::to_string(size) + "\nexit " +
-                                      std::to_string(status)));
-    ASSERT_EQ(std::nullopt, delegate->failureCode()) << log.joined();
-    EXPECT_EQ(1, delegate->count(Event::Started));
-    EXPECT_EQ(1, delegate->count(Event::Terminated));
-    EXPECT_EQ(status, delegate->terminationStatus());
-    // The first bytes of `seq`: no period, so a lost, doubled or reordered chunk shows.
-    std::string expected;
-    for (long i = 1; expected.size() < size; ++i)
-        expected += std::to_string(i) + '\n';
-    expected.resize(size);
-    ASSERT_EQ(size, delegate->output().size());
-    EXPECT_TRUE(expected == delegate->output()) << "the output differs from what the script wrote";
-    // The reader meets end of file only after the delegate has heard the end.
-    EXPECT_TRUE(delegate->endHeardBeforeEndOfFile());
-}
-
-INSTANTIATE_TEST_SUITE_P(Sizes, WholeRun,
-                         ::testing::Values(OutputCase{0, 3}, OutputCase{1, 0}, OutputCase{32768, 3},
-                                           OutputCase{32769, 255}, OutputCase{64u << 20, 0}));
-
-namespace {
 struct ScriptCase
 {
     const char *name;
     std::string script, output; // "__PASSWORD__" in the output stands for the account's password
     long status = 0;
+    std::size_t seqBytes = 0; // else the output is the first this many bytes of `seq`
 };
 using ScriptShapes = WithRows<SensorRunTest, ScriptCase>;
+ScriptCase seqBytes(const char *name, std::size_t size, long status)
+{
+    return {name,
+            "seq 1 20000000 | head -c " + std::to_string(size) + "\nexit " + std::to_string(status),
+            {},
+            status,
+            size};
+}
 } // namespace
 
 TEST_P(ScriptShapes, RunsTheNormalisedScript)
 {
+    const ScriptCase &row = GetParam();
     auto sensor = makeSensor();
-    ASSERT_TRUE(runToEnd(*sensor, GetParam().script));
+    delegate->endDelay = std::chrono::milliseconds(50);
+    ASSERT_TRUE(runToEnd(*sensor, row.script));
     ASSERT_EQ(std::nullopt, delegate->failureCode()) << log.joined();
-    EXPECT_EQ(GetParam().status, delegate->terminationStatus());
-    std::string expected = GetParam().output;
+    EXPECT_EQ(1, delegate->count(Event::Started));
+    EXPECT_EQ(1, delegate->count(Event::Terminated));
+    EXPECT_EQ(row.status, delegate->terminationStatus());
+    std::string expected = row.output;
     if (const auto at = expected.find("__PASSWORD__"); at != std::string::npos)
         expected.replace(at, 12, sshd().password());
+    // No period in `seq`'s output, so a lost, doubled or reordered chunk shows.
+    for (long i = 1; expected.size() < row.seqBytes; ++i)
+        expected += std::to_string(i) + '\n';
+    if (row.seqBytes)
+        expected.resize(row.seqBytes);
     EXPECT_TRUE(expected == delegate->output()) << delegate->output().substr(0, 200);
+    // The reader meets end of file only after the delegate has heard the end.
+    EXPECT_TRUE(delegate->endHeardBeforeEndOfFile());
     // The exec request went out even when nothing of the script was left to run.
     EXPECT_NE(std::string::npos, sshd().log(logStart_).find("Starting session: command for"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Scripts, ScriptShapes,
-    ::testing::Values(ScriptCase{"CommentsOnly", "#!/bin/sh\n# nothing\n# to do\n", ""},
-                      // The password holds a number sign; it is put in after comment lines are gone.
-                      ScriptCase{"PasswordPlaceholder", "printf '%s' __PASSWORD__", "__PASSWORD__"},
-                      // Standard input is at its end from the start: a command that reads it ends at once.
-                      ScriptCase{"ReadsItsInput", "cat\necho read", "read\n"},
-                      ScriptCase{"KilledBySignal", "echo going\nkill -KILL $$", "going\n", 128 + 9},
-                      ScriptCase{"Utf8", "echo 'grüß € \xf0\x9f\x8c\xa1'\n", "grüß € \xf0\x9f\x8c\xa1\n"}),
+    ::testing::Values(
+        ScriptCase{"CommentsOnly", "#!/bin/sh\n# nothing\n# to do\n", ""},
+        // The password holds a number sign; it is put in after comment lines are gone.
+        ScriptCase{"PasswordPlaceholder", "printf '%s' __PASSWORD__", "__PASSWORD__"},
+        // With the password in it, the script goes through the loader, still in the login shell.
+        ScriptCase{"PasswordInTheLoginShell",
+                   "words=(one two)\n[[ -n '__PASSWORD__' ]] && echo \"${words[1]} $(basename \"$BASH\")\"",
+                   "two bash\n"},
+        // Standard input is at its end from the start: a command that reads it ends at once.
+        ScriptCase{"ReadsItsInput", "cat\necho read", "read\n"},
+        ScriptCase{"KilledBySignal", "echo going\nkill -KILL $$", "going\n", 128 + 9},
+        ScriptCase{"Utf8", "echo 'grüß € \xf0\x9f\x8c\xa1'\n", "grüß € \xf0\x9f\x8c\xa1\n"},
+        // Every byte in order around the pump's 32768-byte reads, and the status after the end.
+        ScriptCase{"NoOutput", "exit 3", "", 3}, seqBytes("OneByte", 1, 0), seqBytes("OneRead", 32768, 3),
+        seqBytes("OneReadAndAByte", 32769, 255), seqBytes("SixtyFourMebibytes", 64u << 20, 0)),
     [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(SensorRunTest, ReachesTheServerOverIpv6AndWithAPortCutTo16Bits)

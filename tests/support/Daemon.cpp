@@ -71,4 +71,16 @@ void killDaemon(pid_t &pid)
     pid = -1;
 }
 
+bool awaitDaemon(pid_t &pid, const std::function<bool()> &ready)
+{
+    for (int i = 0; i < 1500 && pid > 0; ++i) {
+        if (ready())
+            return true;
+        if (::waitpid(pid, nullptr, WNOHANG) == pid)
+            pid = -1;
+        ::usleep(10000);
+    }
+    return false;
+}
+
 } // namespace telvane::test

@@ -13,7 +13,6 @@
 #include <random>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -108,30 +107,41 @@ bool SshdHarness::spawn()
 bool SshdHarness::waitUntilReady()
 {
     const std::string listening = " port " + std::to_string(port_) + ".";
-    const auto ready = [&](const std::string &text) {
+    const auto ready = [&] {
+        const std::string text = log();
         if (server_ == Server::Dropbear)
             return text.find("Not backgrounding") != std::string::npos;
         return text.find("listening on 127.0.0.1" + listening) != std::string::npos &&
                text.find("listening on ::1" + listening) != std::string::npos;
     };
-    for (int i = 0; i < 1500; ++i) {
-        const std::string text = log();
-        if (text.find("already in use") != std::string::npos)
-            return fail("the server could not bind its port (address already in use)");
-        if (ready(text))
-            return true;
-        if (int status; ::waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            return fail("the server exited before it was ready:\n" + text);
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return fail("the server did not listen within 15 seconds:\n" + log());
+    const auto busy = [&] {
+        return log().find("already in use") != std::string::npos;
+    };
+    if (awaitDaemon(pid_, [&] { return busy() || ready(); }) && !busy())
+        return true;
+    return fail(busy() ? "the server could not bind its port (address already in use)"
+                       : "the server did not get ready:\n" + log());
+}
+
+// The agent listens before it tells where: its socket is the sign that it serves.
+std::string SshdHarness::startAgent(const std::string &key)
+{
+    killDaemon(agentPid_);
+    const std::string socket = directory_ + "/agent.sock";
+    agentPid_ = startDaemon({"/usr/bin/ssh-agent", "-D", "-a", socket}, directory_ + "/agent.log");
+    struct stat status
+    {
+    };
+    if (!awaitDaemon(agentPid_,
+                     [&] { return ::stat(socket.c_str(), &status) == 0 && S_ISSOCK(status.st_mode); }))
+        return {};
+    return runTool("SSH_AUTH_SOCK=" + socket + " /usr/bin/ssh-add " + key) ? socket : std::string();
 }
 
 void SshdHarness::stop()
 {
     killDaemon(pid_);
+    killDaemon(agentPid_);
     std::error_code ignored;
     if (!pamService_.empty())
         std::filesystem::remove(std::string(kPamDirectory) + "/" + pamService_, ignored);

@@ -10,9 +10,9 @@
 namespace telvane::test {
 
 /// Runs an SSH server on a free loopback port, with fresh host keys in a temporary directory, for a dedicated
-/// account. OpenSSH's sshd listens on 127.0.0.1 and ::1, dropbear on 127.0.0.1 only. The daemon dies with the
-/// harness, or with the thread that started it (the kernel's parent-death signal follows that thread): start
-/// it from the main thread.
+/// account (and an ssh-agent when asked). OpenSSH's sshd listens on 127.0.0.1 and ::1, dropbear on 127.0.0.1
+/// only. The daemon dies with the harness, or with the thread that started it (the kernel's parent-death
+/// signal follows that thread): start it from the main thread.
 class SshdHarness
 {
 public:
@@ -56,6 +56,9 @@ public:
     std::string makeClientKey(const std::string &name, const std::string &passphrase = {},
                               bool authorize = true);
 
+    /// A real ssh-agent of the harness's own, holding the unencrypted key at @p key; returns its socket (what
+    /// $SSH_AUTH_SOCK names), empty when the agent or ssh-add fails.
+    std::string startAgent(const std::string &key);
     /// Lines put first in sshd's configuration (before start()); "%PORT%" stands for port().
     void setExtraConfig(std::string lines) { extraConfig_ = std::move(lines); }
     /// Writes @p text to a file named @p name in the harness's directory; returns its path.
@@ -84,6 +87,7 @@ private:
     int nextCounter_ = 0;                       // OneTimeCode: the HOTP counter of the next code
     int port_ = 0;
     pid_t pid_ = -1;
+    pid_t agentPid_ = -1;
 };
 
 } // namespace telvane::test
