@@ -28,56 +28,56 @@ protected:
 };
 } // namespace
 
-TEST_F(Stop, WhileOutputFlowsTheEndIsReportedAsATermination)
+namespace {
+struct StopCase
 {
-    auto sensor = makeSensor();
-    const auto output = startedOutput(*sensor, "yes flowing");
-    ASSERT_TRUE(output) << log.joined();
-    std::this_thread::sleep_for(300ms); // nobody reads: the pipe fills and the pump blocks writing
-    const auto before = std::chrono::steady_clock::now();
-    sensor->stopScript();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 1s) << "the stop waited for the reader";
-    EXPECT_FALSE(sensor->running());
-    std::string data;
-    ASSERT_TRUE(readToEnd(*output, 10s, &data)) << "the pipe never reached end of file";
-    EXPECT_EQ(0u, data.find("flowing\nflowing\n"));
-    ASSERT_TRUE(delegate->waitForEnd(5s));
-    EXPECT_EQ(1, delegate->count(Event::Terminated));
-    EXPECT_EQ(0, delegate->count(Event::Failed)) << log.joined();
-}
+    const char *name;
+    std::string script;
+    bool readerCloses; // else the sensor is stopped
+    int terminations;
+};
+using Stops = WithRows<Stop, StopCase>;
+} // namespace
 
-TEST_F(Stop, WhileThePumpWaitsOnAQuietScriptNothingIsReported)
+// A stop does not wait for a reader that does not read, nor for a quiet script (the pump's wait is woken),
+// and the server is asked to end the script; a reader that closes its end ends the run without a SIGPIPE.
+TEST_P(Stops, EndTheRunPromptlyAndReportAtMostATermination)
 {
+    const StopCase &row = GetParam();
     auto sensor = makeSensor(30.0); // a wait that only a wake can cut short
-    // A duration of its own, so that pgrep sees this run's script and no other test's.
-    const std::string sleep = "sleep 3713." + std::to_string(::getpid());
-    const auto output = startedOutput(*sensor, sleep);
+    const auto output = startedOutput(*sensor, row.script);
     ASSERT_TRUE(output) << log.joined();
-    std::this_thread::sleep_for(200ms);
+    std::this_thread::sleep_for(300ms); // nobody reads: a flowing script fills the pipe and blocks the pump
     const auto before = std::chrono::steady_clock::now();
-    sensor->stopScript();
     std::string data;
-    ASSERT_TRUE(readToEnd(*output, 3s, &data)) << "the pump slept through the stop";
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
-    EXPECT_EQ("", data);
-    EXPECT_TRUE(waitUntil([&] { return telvane::sshLibraryReferences() == 0; }, 5s));
-    EXPECT_EQ(0, delegate->count(Event::Terminated) + delegate->count(Event::Failed));
-    // The server was asked to end the script, not only to close its channel.
-    // pgrep's 1 is "none found"; a missing pgrep (127) proves nothing.
-    EXPECT_TRUE(waitUntil(
-        [&] { return WEXITSTATUS(std::system(("pgrep -fx '" + sleep + "' >/dev/null").c_str())) == 1; }, 3s));
-}
-
-TEST_F(Stop, AReaderThatClosesItsEndEndsTheRunWithoutKillingTheHost)
-{
-    auto sensor = makeSensor();
-    const auto output = startedOutput(*sensor, "seq 1 100000000");
-    ASSERT_TRUE(output) << log.joined();
-    output->closeFile(); // writes into the pipe now fail; unguarded, they would raise SIGPIPE
+    if (row.readerCloses) {
+        output->closeFile();
+    } else {
+        sensor->stopScript();
+        EXPECT_FALSE(sensor->running());
+        ASSERT_TRUE(readToEnd(*output, 3s, &data)) << "the pump slept through the stop";
+        EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
+        EXPECT_EQ(0u, data.find(row.terminations ? "flowing\nflowing\n" : ""));
+        // pgrep's 1 is "none found"; a missing pgrep (127) proves nothing.
+        EXPECT_TRUE(waitUntil(
+            [&] {
+                return WEXITSTATUS(std::system(("pgrep -fx '" + row.script + "' >/dev/null").c_str())) == 1;
+            },
+            3s));
+    }
     ASSERT_TRUE(delegate->waitForEnd(10s)) << log.joined();
-    EXPECT_EQ(1, delegate->count(Event::Terminated));
+    EXPECT_EQ(row.terminations, delegate->count(Event::Terminated));
+    EXPECT_EQ(0, delegate->count(Event::Failed)) << log.joined();
     EXPECT_TRUE(waitUntil([&] { return !sensor->running() && telvane::sshLibraryReferences() == 0; }, 5s));
 }
+
+// A duration of its own, so that pgrep sees this run's script and no other test's.
+INSTANTIATE_TEST_SUITE_P(Ways, Stops,
+                         ::testing::Values(StopCase{"WhileOutputFlows", "yes flowing", false, 1},
+                                           StopCase{"WhileTheScriptIsQuiet",
+                                                    "sleep 3713." + std::to_string(::getpid()), false, 0},
+                                           StopCase{"ByTheReader", "seq 1 100000000", true, 1}),
+                         [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(Stop, TwoRunsOfOneSensorEndEachOnItsOwnAndCloseEndsBothWithTheApplicationsWords)
 {
