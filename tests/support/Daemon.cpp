@@ -1,7 +1,7 @@
 #include "support/Daemon.h"
+#include "support/Process.h"
 
 #include <csignal>
-#include <cstdio>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -11,29 +11,7 @@ namespace telvane::test {
 
 bool runTool(const std::string &command, const std::string &input)
 {
-    FILE *tool = ::popen((command + " >/dev/null 2>&1").c_str(), "w");
-    if (!tool)
-        return false;
-    std::fwrite(input.data(), 1, input.size(), tool);
-    const int status = ::pclose(tool);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-std::string toolOutput(const std::string &command)
-{
-    FILE *tool = ::popen((command + " 2>/dev/null").c_str(), "r");
-    if (!tool)
-        return {};
-    std::string output;
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, tool)) > 0;)
-        output.append(buffer, n);
-    const int status = ::pclose(tool);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        return {};
-    if (!output.empty() && output.back() == '\n')
-        output.pop_back();
-    return output;
+    return runProcess({"/bin/sh", "-c", command}, {.input = input}).status == 0;
 }
 
 pid_t startDaemon(const std::vector<std::string> &argv, const std::string &logPath)

@@ -1,4 +1,5 @@
-// Runs a program to its end with given input and environment, for tests of the command-line hosts.
+// Runs a program to its end with given input and environment: the command-line hosts under test, and the
+// tools that prepare the test servers.
 #pragma once
 
 #include <chrono>

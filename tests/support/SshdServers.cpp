@@ -1,12 +1,13 @@
 // What differs between the harness's servers: programs, host keys, configuration, PAM stack and client keys.
 #include "support/Daemon.h"
+#include "support/Process.h"
 #include "support/SshdHarness.h"
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -132,8 +133,10 @@ std::string SshdHarness::openSshConfig() const
 
 std::string SshdHarness::oneTimeCode()
 {
-    return toolOutput(std::string(kOathTool) + " --hotp -c " + std::to_string(nextCounter_++) + " @" +
-                      directory_ + "/oath.key");
+    const std::string code = runProcess({kOathTool, "--hotp", "-c", std::to_string(nextCounter_++),
+                                         "@" + directory_ + "/oath.key"})
+                                 .out;
+    return code.substr(0, code.find('\n'));
 }
 
 std::string SshdHarness::makeClientKey(const std::string &name, const std::string &passphrase, bool authorize)

@@ -23,16 +23,11 @@
 
 namespace telvane::test {
 
-inline bool inCI()
-{
-    return std::string_view(std::getenv("CI") ? std::getenv("CI") : "") == "true";
-}
-
 /// Skips the test when @p available is false, naming @p why; fails instead under CI=true.
 #define TELVANE_REQUIRE_COMPONENT(available, why)                                                            \
     do {                                                                                                     \
         if (!(available)) {                                                                                  \
-            if (::telvane::test::inCI())                                                                     \
+            if (std::string_view(std::getenv("CI") ? std::getenv("CI") : "") == "true")                      \
                 FAIL() << "component unavailable under CI: " << (why);                                       \
             else                                                                                             \
                 GTEST_SKIP() << (why);                                                                       \
