@@ -98,19 +98,16 @@ void RecordingDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneF
     if (!drainOutput)
         return;
     std::thread([this, self = shared_from_this(), output] {
-        for (;;) {
-            std::string chunk = output->availableData();
+        for (std::string chunk; !(chunk = output->availableData()).empty();) {
             std::lock_guard lock(mutex_);
-            if (chunk.empty()) {
-                endBeforeEndOfFile_ = std::any_of(events_.begin(), events_.end(), [](const Event &e) {
-                    return e.kind == Event::Terminated || e.kind == Event::Failed;
-                });
-                outputEnded_ = true;
-                changed_.notify_all();
-                return;
-            }
             output_ += chunk;
         }
+        std::lock_guard lock(mutex_);
+        endBeforeEndOfFile_ = std::any_of(events_.begin(), events_.end(), [](const Event &e) {
+            return e.kind == Event::Terminated || e.kind == Event::Failed;
+        });
+        outputEnded_ = true;
+        changed_.notify_all();
     }).detach();
 }
 
@@ -159,25 +156,19 @@ void RecordingDelegate::sensorRunDidFinish(Telvane &, const TelvaneRunOutcome &o
 {
     std::lock_guard lock(mutex_);
     const auto pipe = pipes_[outcome.run].lock(); // a pipe that has gone has closed its ends
-    const bool pipeClosed = !pipe || pipe->fileHandleForWriting()->fileDescriptor() < 0;
-    const auto first = [&](Event::Kind kind) {
-        return std::find_if(events_.begin(), events_.end(), [&](const Event &e) { return e.kind == kind; });
-    };
-    const auto said = [&](Event::Kind kind) {
-        return first(kind) != events_.end();
-    };
-    using Kind = TelvaneRunOutcome::Kind;
-    if (!pipeClosed)
+    if (pipe && pipe->fileHandleForWriting()->fileDescriptor() >= 0)
         outcomeFaults_ += "told while the pipe was open; ";
     if (std::any_of(outcomes_.begin(), outcomes_.end(), [&](const auto &o) { return o.run == outcome.run; }))
         outcomeFaults_ += "told twice; ";
-    if (outcome.kind == Kind::Ended && !said(Event::Terminated))
+    const auto first = [&](Event::Kind kind) {
+        return std::find_if(events_.begin(), events_.end(), [&](const Event &e) { return e.kind == kind; });
+    };
+    using Kind = TelvaneRunOutcome::Kind;
+    if (outcome.kind == Kind::Ended && first(Event::Terminated) == events_.end())
         outcomeFaults_ += "ended without a termination report; ";
-    if (outcome.kind == Kind::Failed && !said(Event::Failed))
-        outcomeFaults_ += "failed without a failure report; ";
-    if (outcome.kind == Kind::Failed && said(Event::Failed) &&
-        outcome.failure.code != first(Event::Failed)->value)
-        outcomeFaults_ += "a failure code other than the one reported; ";
+    const auto failed = first(Event::Failed);
+    if (outcome.kind == Kind::Failed && (failed == events_.end() || failed->value != outcome.failure.code))
+        outcomeFaults_ += "failed without a failure report of its code; ";
     outcomes_.push_back(outcome);
     changed_.notify_all();
 }
