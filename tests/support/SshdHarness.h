@@ -38,7 +38,6 @@ public:
     /// The daemon's listener (the benchmarks read the CPU of the sessions it has reaped).
     pid_t pid() const { return pid_; }
     const std::string &reason() const { return reason_; }
-    Server server() const { return server_; }
 
     std::string host() const { return "127.0.0.1"; }
     int port() const { return port_; }
@@ -51,10 +50,9 @@ public:
     /// be refused when two logins fall into the same 30 seconds); empty when oathtool fails.
     std::string oneTimeCode();
     /// A new ed25519 key pair named @p name in the harness's directory, encrypted with @p passphrase when one
-    /// is given, and authorized for the account when @p authorize; returns the private key's path, empty when
-    /// ssh-keygen fails. Only a PublicKey server takes it.
-    std::string makeClientKey(const std::string &name, const std::string &passphrase = {},
-                              bool authorize = true);
+    /// is given, and authorized for the account; returns the private key's path, empty when ssh-keygen fails.
+    /// Only a PublicKey server takes it.
+    std::string makeClientKey(const std::string &name, const std::string &passphrase = {});
 
     /// A real ssh-agent of the harness's own, holding the unencrypted key at @p key; returns its socket (what
     /// $SSH_AUTH_SOCK names), empty when the agent or ssh-add fails.

@@ -139,7 +139,7 @@ std::string SshdHarness::oneTimeCode()
     return code.substr(0, code.find('\n'));
 }
 
-std::string SshdHarness::makeClientKey(const std::string &name, const std::string &passphrase, bool authorize)
+std::string SshdHarness::makeClientKey(const std::string &name, const std::string &passphrase)
 {
     const std::string path = directory_ + "/" + name;
     std::error_code ignored;
@@ -147,8 +147,7 @@ std::string SshdHarness::makeClientKey(const std::string &name, const std::strin
     // ssh-keygen takes a passphrase on its command line or a terminal only; this one guards a throwaway key.
     if (!runTool("/usr/bin/ssh-keygen -q -t ed25519 -C " + name + " -N '" + passphrase + "' -f " + path))
         return {};
-    if (authorize)
-        std::ofstream(directory_ + "/authorized_keys", std::ios::app) << readFile(path + ".pub");
+    std::ofstream(directory_ + "/authorized_keys", std::ios::app) << readFile(path + ".pub");
     return path;
 }
 
