@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <glob.h>
 #include <random>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,12 +25,11 @@ constexpr const char *kOathTool = "/usr/bin/oathtool";
 
 bool pamModuleInstalled(const std::string &module)
 {
-    for (const char *directory : {"/lib/x86_64-linux-gnu/security", "/usr/lib/x86_64-linux-gnu/security",
-                                  "/lib/aarch64-linux-gnu/security", "/usr/lib/aarch64-linux-gnu/security",
-                                  "/lib/security", "/usr/lib/security"})
-        if (::access((std::string(directory) + "/" + module).c_str(), R_OK) == 0)
-            return true;
-    return false;
+    glob_t found{};
+    const bool any =
+        ::glob(("/{usr/,}lib/{*/,}security/" + module).c_str(), GLOB_BRACE, nullptr, &found) == 0;
+    ::globfree(&found);
+    return any;
 }
 
 // A harness that was killed leaves its PAM stack behind; its name tells whose it was.
