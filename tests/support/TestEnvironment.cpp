@@ -178,7 +178,21 @@ std::optional<TelvaneOutputSink> RecordingDelegate::outputSinkForRun(Telvane &se
 {
     std::lock_guard lock(mutex_);
     pipes_[run] = sensor.pipe();
-    return std::nullopt;
+    if (!sink)
+        return std::nullopt;
+    TelvaneOutputSink bytes;
+    bytes.write = [this, self = shared_from_this()](const char *data, std::size_t size) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(sinkPause.load()));
+        std::lock_guard lock(mutex_);
+        const auto started = std::count_if(events_.begin(), events_.end(),
+                                           [](const Event &e) { return e.kind == Event::Started; });
+        if (started <= static_cast<long>(outcomes_.size()))
+            outcomeFaults_ += "a sink call before the start or after the outcome; ";
+        output_.append(data, size);
+        ++sinkCalls;
+        return true;
+    };
+    return bytes;
 }
 
 bool RecordingDelegate::waitForEnd(std::chrono::milliseconds timeout)

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -76,6 +77,11 @@ public:
     bool drainOutput = true;
     /// How long hearing the end takes: a reader that meets end of file before it has been heard shows then.
     std::chrono::milliseconds endDelay{0};
+    /// When set, the output goes to a sink (each call taking sinkPause milliseconds) and output() is what it
+    /// got.
+    bool sink = false;
+    std::atomic<int> sinkPause{0};
+    std::atomic<std::size_t> sinkCalls{0};
     /// Answers the login's questions (a one-time code, a passphrase); unset, nobody answers.
     std::function<std::optional<std::vector<std::string>>(const TelvaneLoginQuestion &)> answerQuestion;
 
@@ -94,7 +100,8 @@ public:
     /// The outcomes heard, in order.
     std::vector<TelvaneRunOutcome> outcomes() const { return read(&RecordingDelegate::outcomes_); }
     /// What is wrong with the outcomes heard so far: one per run, each the last report of its run and told
-    /// after its pipe's writing end was closed, agreeing with the end report; empty when nothing is.
+    /// after its pipe's writing end was closed, agreeing with the end report, and no sink call outside the
+    /// start and the outcome; empty when nothing is.
     std::string outcomeFaults() const { return read(&RecordingDelegate::outcomeFaults_); }
     std::string output() const { return read(&RecordingDelegate::output_); }
     /// The text of every prompt that the login put to the delegate, in order.
