@@ -45,14 +45,13 @@ TEST_P(Outcomes, EachRunTellsOneOutcomeOfItsKindWithTheTimeOfItsStages)
     LoopbackSocket other(row.peer == OutcomeCase::DeafPort ? 0 : -1);
     other.deafen();
     auto sensor = row.peer == OutcomeCase::Sshd ? makeSensor(30) : makeSensor(host(), other.port(), 30);
-    std::thread stopper([&] {
-        if (row.stop && !waitUntil([&] { return sensor->running(); }, 500ms))
-            sensor->stopScript(); // still connecting
-        else if (row.stop)
+    std::jthread stopper([&] {
+        if (row.stop) { // once running, or while the connect hangs
+            waitUntil([&] { return sensor->running(); }, 500ms);
             sensor->stopScript();
+        }
     });
     ASSERT_TRUE(runToEnd(*sensor, row.script)) << log.joined();
-    stopper.join();
     const TelvaneRunOutcome outcome = delegate->outcomes().at(0);
     EXPECT_LT(outcome.phases.connect, 5) << "a stop ends a hanging connect at once";
     EXPECT_EQ(row.kind, outcome.kind) << log.joined();
