@@ -11,7 +11,9 @@ namespace telvane::test {
 
 bool runTool(const std::string &command, const std::string &input)
 {
-    return runProcess({"/bin/sh", "-c", command}, {.input = input}).status == 0;
+    ProcessOptions options;
+    options.input = input;
+    return runProcess({"/bin/sh", "-c", command}, options).status == 0;
 }
 
 pid_t startDaemon(const std::vector<std::string> &argv, const std::string &logPath)
