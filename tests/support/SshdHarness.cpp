@@ -4,7 +4,6 @@
 #include "support/Loopback.h"
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -13,7 +12,6 @@
 #include <random>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 namespace telvane::test {
@@ -128,6 +126,7 @@ std::string SshdHarness::startAgent(const std::string &key)
 {
     killDaemon(agentPid_);
     const std::string socket = directory_ + "/agent.sock";
+    ::unlink(socket.c_str()); // a socket left by an earlier agent would pass for this one's
     agentPid_ = startDaemon({"/usr/bin/ssh-agent", "-D", "-a", socket}, directory_ + "/agent.log");
     struct stat status
     {
