@@ -1,12 +1,10 @@
 #include "FaultServer.h"
-#include "Files.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <poll.h>
 #include <spawn.h>
@@ -19,27 +17,21 @@ namespace telvane::test {
 
 FaultServer::FaultServer(Options options) : options_(std::move(options))
 {
-    const char *path = TELVANE_FAULTD_PATH;
-    if (access(path, X_OK) != 0) {
-        error_ = std::string("cannot run telvane-faultd at \"") + path + "\": " + std::strerror(errno);
-        return;
-    }
     int input[2], output[2];
     // Close-on-exec on our ends, so that no other child of this process keeps the lifeline open.
     if (directory_.empty() || pipe2(input, O_CLOEXEC) != 0 || pipe2(output, O_CLOEXEC) != 0) {
         error_ = std::string("cannot prepare telvane-faultd: ") + std::strerror(errno);
         return;
     }
-    std::string control = directory_ + "/fault";
-    char *argv[] = {const_cast<char *>(path), options_.user.data(), options_.password.data(), control.data(),
-                    nullptr};
+    std::string path = TELVANE_FAULTD_PATH, control = directory_ + "/fault";
+    char *argv[] = {path.data(), options_.user.data(), options_.password.data(), control.data(), nullptr};
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, (directory_ + "/faultd.log").c_str(),
                                      O_WRONLY | O_CREAT | O_APPEND, 0600);
-    const int spawned = posix_spawn(&pid_, path, &actions, nullptr, argv, environ);
+    const int spawned = posix_spawn(&pid_, argv[0], &actions, nullptr, argv, environ);
     posix_spawn_file_actions_destroy(&actions);
     close(input[0]);
     close(output[1]);
@@ -53,7 +45,9 @@ FaultServer::FaultServer(Options options) : options_(std::move(options))
     if (spawned != 0)
         pid_ = -1;
     if (port_ <= 0) {
-        error_ = "telvane-faultd did not start; its log:\n" + log();
+        error_ = "telvane-faultd (" + path +
+                 ") did not start: " + (spawned ? std::strerror(spawned) : "no port printed") +
+                 "; its log:\n" + log();
         stop();
     }
 }

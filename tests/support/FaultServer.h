@@ -33,14 +33,6 @@ public:
 
     std::string host() const { return "127.0.0.1"; }
     int port() const { return port_; }
-    const std::string &user() const { return options_.user; }
-
-    /// The username that picks @p fault for one connection: "tester+refuse-exec". Faults that strike before
-    /// the login (stall-banner, dribble-banner) cannot be picked this way; use setFault.
-    std::string userWithFault(std::string_view fault) const
-    {
-        return options_.user + "+" + std::string(fault);
-    }
 
     /// Sets the fault of the connections accepted from now on; "" for none.
     bool setFault(std::string_view fault);

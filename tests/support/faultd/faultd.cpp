@@ -1,6 +1,6 @@
 // telvane-faultd USER PASSWORD CONTROL-FILE: an SSH server for the tests that misbehaves on demand. It prints
 // its port on 127.0.0.1, serves each connection in a process of its own with the fault named on the first
-// line of CONTROL-FILE or by a login as USER+FAULT (FaultServer.h), and ends when its standard input closes.
+// line of CONTROL-FILE (FaultServer.h), and ends when its standard input closes.
 #include <libssh/libssh.h>
 #include <libssh/server.h>
 
@@ -193,16 +193,13 @@ void serveExec(const Connection &c, const std::string &command)
 
 bool acceptLogin(Connection &c, const std::string &user, const char *password, const char *const *account)
 {
-    const auto plus = user.find('+');
-    if (plus != std::string::npos)
-        c.fault = parseFault(user.substr(plus + 1));
     pauseIfSlow(c);
     if (c.fault.is("stall-auth")) {
         logLine("stall-auth: never answering the login of \"%s\"", user.c_str());
         drain(c.fd, -1);
         _exit(0);
     }
-    if (user.substr(0, plus) != account[0] || std::string(password ? password : "") != account[1] ||
+    if (user != account[0] || std::string(password ? password : "") != account[1] ||
         c.fault.is("refuse-password")) {
         logLine("login as \"%s\" refused, fault %s", user.c_str(), c.fault.name.c_str());
         return false;
