@@ -11,7 +11,6 @@
 #include <fstream>
 #include <sys/prctl.h>
 #include <thread>
-#include <vector>
 
 namespace telvane::test {
 
@@ -64,44 +63,47 @@ bool KeyringDaemon::fail(std::string why)
     return false;
 }
 
-// Starts @p argv with an environment of its own directory and no output. The child dies with this thread
-// (gtest runs tests on the main thread), so a crashed test leaves no daemon behind.
-GSubprocess *KeyringDaemon::spawn(const char *const *argv, int flags)
+// Starts @p argv (its program from the Debian package @p package) with its home in our directory and no
+// output. The child dies with this thread (gtest runs tests on the main thread), so a crashed test leaves no
+// daemon behind.
+GSubprocess *KeyringDaemon::spawn(const char *package, const char *const *argv, int flags)
 {
     GSubprocessLauncher *launcher =
         g_subprocess_launcher_new(static_cast<GSubprocessFlags>(flags | G_SUBPROCESS_FLAGS_STDERR_SILENCE));
-    const std::vector<std::string> env = {"PATH=/usr/bin:/bin",
-                                          "LANG=C",
-                                          "HOME=" + dir_ + "/home",
-                                          "XDG_DATA_HOME=" + dir_ + "/data",
-                                          "XDG_CONFIG_HOME=" + dir_ + "/config",
-                                          "XDG_CACHE_HOME=" + dir_ + "/cache",
-                                          "XDG_RUNTIME_DIR=" + dir_ + "/run",
-                                          "DBUS_SESSION_BUS_ADDRESS=" + address_};
-    std::vector<const char *> envp;
-    for (const auto &e : env)
-        envp.push_back(e.c_str());
-    envp.push_back(nullptr);
-    g_subprocess_launcher_set_environ(launcher, const_cast<gchar **>(envp.data()));
+    const std::string home = "HOME=" + dir_, run = "XDG_RUNTIME_DIR=" + dir_ + "/run",
+                      bus = "DBUS_SESSION_BUS_ADDRESS=" + address_;
+    const char *env[] = {"PATH=/usr/bin:/bin", "LANG=C", home.c_str(), run.c_str(), bus.c_str(), nullptr};
+    g_subprocess_launcher_set_environ(launcher, const_cast<gchar **>(env));
     g_subprocess_launcher_set_child_setup(
         launcher, [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
     GError *error = nullptr;
     GSubprocess *process = g_subprocess_launcher_spawnv(launcher, argv, &error);
     g_object_unref(launcher);
     if (!process)
-        fail(std::string("cannot start ") + argv[0] + ": " + message(error));
+        fail(std::string("cannot start ") + argv[0] + " (Debian package " + package + "): " + message(error));
     return process;
 }
 
 bool KeyringDaemon::start(With what)
 {
-    if (dir_.empty())
+    if (dir_.empty() || !std::filesystem::create_directory(dir_ + "/run"))
         return fail("cannot make a temporary directory");
-    for (const char *sub : {"/home", "/data", "/config", "/cache", "/run"})
-        std::filesystem::create_directory(dir_ + sub);
     std::filesystem::permissions(dir_ + "/run", std::filesystem::perms::owner_all);
-    if (!startBus())
+    // The bus prints its address once it listens: that line is the readiness signal.
+    std::ofstream(dir_ + "/bus.conf") << busConfig(dir_);
+    const std::string config = "--config-file=" + dir_ + "/bus.conf";
+    const char *bus[] = {"dbus-daemon", config.c_str(), "--print-address=1",
+                         "--nofork",    "--nopidfile",  nullptr};
+    if (!(bus_ = spawn("dbus", bus, G_SUBPROCESS_FLAGS_STDOUT_PIPE)))
         return false;
+    GDataInputStream *out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(bus_));
+    g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(out), FALSE);
+    gchar *line = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
+    g_object_unref(out);
+    if (!line)
+        return fail("dbus-daemon exited before it listened");
+    address_ = line;
+    g_free(line);
     ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
     // GLib makes one session connection per process and, by default, raises SIGTERM when its bus goes away.
     GError *error = nullptr;
@@ -112,41 +114,14 @@ bool KeyringDaemon::start(With what)
     return startMonitor() && (what == With::BusOnly || (startKeyring() && waitForDefaultCollection()));
 }
 
-bool KeyringDaemon::startBus()
-{
-    gchar *daemon = g_find_program_in_path("dbus-daemon");
-    if (!daemon)
-        return fail("dbus-daemon is not installed (Debian package dbus)");
-    std::ofstream(dir_ + "/bus.conf") << busConfig(dir_);
-    const std::string config = "--config-file=" + dir_ + "/bus.conf";
-    const char *argv[] = {daemon, config.c_str(), "--print-address=1", "--nofork", "--nopidfile", nullptr};
-    bus_ = spawn(argv, G_SUBPROCESS_FLAGS_STDOUT_PIPE);
-    g_free(daemon);
-    if (!bus_)
-        return false;
-    // The daemon prints its address once it listens: that line is the readiness signal.
-    GDataInputStream *out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(bus_));
-    g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(out), FALSE);
-    gchar *line = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
-    g_object_unref(out);
-    if (!line)
-        return fail("dbus-daemon exited before it listened");
-    address_ = line;
-    g_free(line);
-    return true;
-}
-
+// With --unlock the daemon reads the login password from standard input and creates the login keyring with
+// it, unlocked and aliased "default": no prompt is ever needed to store an item.
 bool KeyringDaemon::startKeyring()
 {
-    gchar *daemon = g_find_program_in_path("gnome-keyring-daemon");
-    if (!daemon)
-        return fail("gnome-keyring-daemon is not installed (Debian package gnome-keyring)");
-    // With --unlock the daemon reads the login password from standard input and creates the login keyring
-    // with it, unlocked and aliased "default": no prompt is ever needed to store an item.
-    const char *argv[] = {daemon, "--unlock", "--components=secrets", "--foreground", nullptr};
-    keyring_ = spawn(argv, G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_SILENCE);
-    g_free(daemon);
-    if (!keyring_)
+    const char *argv[] = {"gnome-keyring-daemon", "--unlock", "--components=secrets", "--foreground",
+                          nullptr};
+    if (!(keyring_ = spawn("gnome-keyring", argv,
+                           G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_SILENCE)))
         return false;
     GOutputStream *in = g_subprocess_get_stdin_pipe(keyring_);
     GError *error = nullptr;

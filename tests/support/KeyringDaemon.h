@@ -37,8 +37,7 @@ public:
 
 private:
     bool fail(std::string why);
-    GSubprocess *spawn(const char *const *argv, int flags);
-    bool startBus();
+    GSubprocess *spawn(const char *package, const char *const *argv, int flags);
     bool startKeyring();
     bool waitForDefaultCollection();
     bool startMonitor();

@@ -13,7 +13,6 @@
 #include <linux/sockios.h>
 #include <memory>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <string>
 #include <sys/ioctl.h>
@@ -26,9 +25,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kSlowDelay = 40ms;
 constexpr std::size_t kChunk = 32768;
-constexpr std::size_t kSlowPacket = 16; // even a short line crosses several packets
 
 struct Fault
 {
@@ -68,12 +65,6 @@ struct Connection
     ssh_channel channel = nullptr;
 };
 
-void pauseIfSlow(const Connection &c)
-{
-    if (c.fault.is("slow"))
-        std::this_thread::sleep_for(kSlowDelay);
-}
-
 bool peerGone(const Connection &c)
 {
     return ssh_is_connected(c.session) == 0 || ssh_channel_is_closed(c.channel) != 0;
@@ -82,19 +73,14 @@ bool peerGone(const Connection &c)
 // Writes all of @p data on standard output (@p stream 0) or error (1); false once the client is gone.
 bool writeAll(const Connection &c, int stream, const char *data, std::size_t length)
 {
-    const bool slow = c.fault.is("slow");
     while (length > 0) {
-        const auto piece = static_cast<std::uint32_t>(std::min(length, slow ? kSlowPacket : kChunk));
+        const auto piece = static_cast<std::uint32_t>(std::min(length, kChunk));
         const int written = stream == 0 ? ssh_channel_write(c.channel, data, piece)
                                         : ssh_channel_write_stderr(c.channel, data, piece);
         if (written < 0 || (written == 0 && peerGone(c)))
             return false;
         data += written;
         length -= static_cast<std::size_t>(written);
-        if (slow && length > 0) {
-            ssh_blocking_flush(c.session, -1);
-            std::this_thread::sleep_for(kSlowDelay / 10);
-        }
     }
     return true;
 }
@@ -132,7 +118,6 @@ void endChannel(const Connection &c, int status)
             ssh_channel_request_send_exit_status(c.channel, status);
         }
     } else {
-        pauseIfSlow(c);
         ssh_channel_request_send_exit_status(c.channel, status);
         ssh_channel_send_eof(c.channel);
     }
@@ -193,7 +178,6 @@ void serveExec(const Connection &c, const std::string &command)
 
 bool acceptLogin(Connection &c, const std::string &user, const char *password, const char *const *account)
 {
-    pauseIfSlow(c);
     if (c.fault.is("stall-auth")) {
         logLine("stall-auth: never answering the login of \"%s\"", user.c_str());
         drain(c.fd, -1);
@@ -227,10 +211,10 @@ void serveRequests(Connection &c, const char *const *account)
             ssh_message_auth_set_methods(m, SSH_AUTH_METHOD_PASSWORD);
             ssh_message_reply_default(m);
         } else if (type == SSH_REQUEST_CHANNEL_OPEN && subtype == SSH_CHANNEL_SESSION && authenticated &&
-                   !c.channel && (pauseIfSlow(c), !c.fault.is("refuse-channel"))) {
+                   !c.channel && !c.fault.is("refuse-channel")) {
             c.channel = ssh_message_channel_request_open_reply_accept(m);
         } else if (type == SSH_REQUEST_CHANNEL && subtype == SSH_CHANNEL_REQUEST_EXEC && c.channel &&
-                   (pauseIfSlow(c), !c.fault.is("refuse-exec"))) {
+                   !c.fault.is("refuse-exec")) {
             const std::string command = ssh_message_channel_request_command(m);
             ssh_message_channel_request_reply_success(m);
             logLine("exec, fault %s: %s", c.fault.name.c_str(), command.c_str());
@@ -260,11 +244,6 @@ void serveRequests(Connection &c, const char *const *account)
     if (c.fault.is("stall-banner") || c.fault.is("dribble-banner")) {
         drain(fd, -1);
         _exit(0);
-    }
-    if (c.fault.is("slow")) { // separate segments for the small packets, so the client's reads come short
-        const int on = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        std::this_thread::sleep_for(kSlowDelay);
     }
     c.session = ssh_new();
     if (ssh_bind_accept_fd(bind, c.session, fd) != SSH_OK || ssh_handle_key_exchange(c.session) != SSH_OK) {
