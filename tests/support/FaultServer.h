@@ -11,9 +11,8 @@ namespace telvane::test {
 
 /// One telvane-faultd on a loopback port the system picks, until this object or this process ends. Its
 /// faults: stall-banner, dribble-banner (never finished), stall-auth, refuse-password, refuse-channel,
-/// refuse-exec, drop-after=N and reset-after=N (a FIN or RST
-/// once N bytes of output are out, or at the command's end), flood-stderr=N, late-status (3 s after EOF) and
-/// no-status.
+/// refuse-exec, drop-after=N and reset-after=N (a FIN or RST once N bytes of output are out, or at the
+/// command's end), flood-stderr=N, late-status (3 s after EOF) and no-status.
 class FaultServer
 {
 public:
