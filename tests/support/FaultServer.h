@@ -9,7 +9,7 @@
 
 namespace telvane::test {
 
-/// One telvane-faultd on a loopback port the system picks, until this object or this process ends. Its
+/// One telvane-faultd on a loopback port the system picks, until this object or this thread ends. Its
 /// faults: stall-banner, dribble-banner (never finished), stall-auth, refuse-password, refuse-channel,
 /// refuse-exec, drop-after=N and reset-after=N (a FIN or RST once N bytes of output are out, or at the
 /// command's end), flood-stderr=N, late-status (3 s after EOF) and no-status.
@@ -47,7 +47,6 @@ private:
     std::string error_;
     pid_t pid_ = -1;
     int port_ = 0;
-    int lifeline_ = -1; // writing end of the server's standard input; closing it ends the server
 };
 
 } // namespace telvane::test

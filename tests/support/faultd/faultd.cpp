@@ -1,6 +1,6 @@
-// telvane-faultd USER PASSWORD CONTROL-FILE: an SSH server for the tests that misbehaves on demand. It prints
-// its port on 127.0.0.1, serves each connection in a process of its own with the fault named on the first
-// line of CONTROL-FILE (FaultServer.h), and ends when its standard input closes.
+// telvane-faultd USER PASSWORD CONTROL-FILE: an SSH server for the tests that misbehaves on demand. It logs
+// its port on 127.0.0.1 and serves each connection in a process of its own with the fault named on the first
+// line of CONTROL-FILE (FaultServer.h).
 #include <libssh/libssh.h>
 #include <libssh/server.h>
 
@@ -8,7 +8,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <fcntl.h>
 #include <fstream>
 #include <linux/sockios.h>
 #include <memory>
@@ -16,6 +15,7 @@
 #include <poll.h>
 #include <string>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
@@ -278,26 +278,16 @@ int main(int argc, char **argv)
         logLine("cannot set up a host key or listen on 127.0.0.1: %s", ssh_get_error(bind));
         return 1;
     }
-    std::printf("%d\n", ntohs(address.sin_port));
-    std::fflush(stdout);
+    logLine("listening on port %d", ntohs(address.sin_port));
     std::signal(SIGCHLD, SIG_IGN); // connection processes reap themselves
     for (;;) {
-        pollfd entries[2] = {{listener, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
-        if (poll(entries, 2, -1) < 0)
-            continue;
-        char byte;
-        if (entries[1].revents != 0 && read(STDIN_FILENO, &byte, 1) <= 0)
-            break;
-        const int fd = entries[0].revents != 0 ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd >= 0 && fork() == 0) {
-            std::signal(SIGCHLD, SIG_DFL);                // pclose waits for its command
-            const int null = open("/dev/null", O_RDONLY); // no command reads the lifeline
-            dup2(null, STDIN_FILENO);
+            prctl(PR_SET_PDEATHSIG, SIGKILL); // a connection ends with the server
+            std::signal(SIGCHLD, SIG_DFL);    // pclose waits for its command
             serveConnection(bind, fd, argv + 1, argv[3]);
         }
         if (fd >= 0)
             close(fd);
     }
-    logLine("standard input closed, ending");
-    kill(0, SIGKILL);
 }
