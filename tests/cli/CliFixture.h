@@ -74,13 +74,17 @@ protected:
         options.environment.merge(environment());
         return runProcess(args, options);
     }
-    // The command, the harness's port, account and password file, then @p args; "-H" before each of @p hosts.
-    std::vector<std::string> login(std::vector<std::string> args,
-                                   const std::vector<std::string> &hosts = {}) const
+    // @p args (the command first) with the account and @p file as its password file, then the hosts (one as
+    // an argument, several each after -H), then a script of @p text when there is one.
+    std::vector<std::string> login(const std::string &file, const std::vector<std::string> &hosts,
+                                   std::vector<std::string> args = {"run"},
+                                   const std::string &text = "") const
     {
-        args.insert(args.begin() + 1, {"-p", port, "-l", sshd().username(), "--password-file", passwordFile});
+        args.insert(args.end(), {"-l", sshd().username(), "--password-file", file});
         for (const auto &host : hosts)
-            args.insert(args.end() - 1, {"-H", host});
+            hosts.size() > 1 ? args.insert(args.end(), {"-H", host}) : args.insert(args.end(), host);
+        if (!text.empty())
+            args.push_back(script(text));
         return args;
     }
 
