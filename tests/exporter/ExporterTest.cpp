@@ -1,4 +1,4 @@
-// telvane-exporter against the loopback sshd: probes and refusals, the cap on probes in flight, bad
+// telvane-exporter against the loopback sshd: probes, refusals and the cap on probes in flight; bad
 // configurations, reloads, TLS and basic auth.
 #include "exporter/ExporterFixture.h"
 #include "support/Loopback.h"
@@ -45,7 +45,12 @@ TEST_F(ExporterTest, ProbesAnswerWithTheOutcomeAndRefuseWhatARequestMayNotAsk)
                                 "  keys:\n    script: " + write("keys.sh", "echo keyed 1\n") +
                                 "\n    user: " + keyServer.username() + "\n    identity_files: [" +
                                 keyServer.makeClientKey("probe-key") + "]\n    host_key_policy: accept-any\n";
-    Exporter exporter(dir, config(modules));
+    const std::string gate = dir + "/open";
+    Exporter exporter(
+        dir,
+        config(modules + module("gate", "while [ ! -e " + gate + " ]; do sleep 0.1; done\necho gate 1\n",
+                                "    timeout: 60s\n")),
+        {"--probe.max-in-flight=20"});
     ASSERT_NE(0, exporter.port) << exporter.log();
     const std::string port = std::to_string(sshd().port()), target = "&target=127.0.0.1:" + port;
     const struct
@@ -106,6 +111,23 @@ TEST_F(ExporterTest, ProbesAnswerWithTheOutcomeAndRefuseWhatARequestMayNotAsk)
         EXPECT_TRUE(row.status == 200 || sshd().log(logStart).find("Connection from") == std::string::npos)
             << row.query << " reached the host";
     }
+    // 200 probes at once against the cap of 20: 180 are answered 503 while the first 20 still run, which end
+    // well.
+    std::atomic<int> busy{0}, passed{0}, answered{0};
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 200; ++i)
+        clients.emplace_back([&] {
+            const auto [status, body] = exporter.get("/probe?module=gate" + target);
+            busy += status == 503;
+            passed += status == 200 && body.find("telvane_probe_success 1\n") != std::string::npos;
+            ++answered;
+        });
+    EXPECT_TRUE(waitUntil([&] { return answered >= 180; }, std::chrono::seconds(120)));
+    EXPECT_EQ(180, busy.load());
+    write("open", "");
+    for (auto &client : clients)
+        client.join();
+    EXPECT_EQ(20, passed.load()) << exporter.log();
     // The run cut at its deadline has ended its session all the same.
     EXPECT_TRUE(waitUntil([&] {
         return sshd().log(logStart_).find("Received disconnect") != std::string::npos;
@@ -118,33 +140,6 @@ TEST_F(ExporterTest, ProbesAnswerWithTheOutcomeAndRefuseWhatARequestMayNotAsk)
     EXPECT_NE(std::string::npos,
               metrics.find("telvane_exporter_probes_total{module=\"ok\",result=\"forbidden\"} 2"))
         << metrics;
-}
-
-// 200 probes at once against a cap of 20: 180 are answered 503 while the first 20 still run, which end well.
-TEST_F(ExporterTest, AnswersBusyBeyondTheCapAtOnce)
-{
-    const std::string gate = dir + "/open";
-    Exporter exporter(dir,
-                      config(module("gate", "while [ ! -e " + gate + " ]; do sleep 0.1; done\necho gate 1\n",
-                                    "    timeout: 60s\n")),
-                      {"--probe.max-in-flight=20"});
-    ASSERT_NE(0, exporter.port) << exporter.log();
-    std::atomic<int> busy{0}, passed{0}, answered{0};
-    std::vector<std::thread> clients;
-    for (int i = 0; i < 200; ++i)
-        clients.emplace_back([&] {
-            const auto [status, body] =
-                exporter.get("/probe?module=gate&target=127.0.0.1:" + std::to_string(sshd().port()));
-            busy += status == 503;
-            passed += status == 200 && body.find("telvane_probe_success 1\n") != std::string::npos;
-            ++answered;
-        });
-    EXPECT_TRUE(waitUntil([&] { return answered >= 180; }, std::chrono::seconds(120)));
-    EXPECT_EQ(180, busy.load());
-    write("open", "");
-    for (auto &client : clients)
-        client.join();
-    EXPECT_EQ(20, passed.load()) << exporter.log();
 }
 
 // A bad configuration is refused at start-up, naming the file, the line and the field.
