@@ -5,6 +5,7 @@
 #include "support/Process.h"
 
 #include <nlohmann/json.hpp>
+#include <regex>
 
 using namespace telvane::test;
 
@@ -19,13 +20,6 @@ std::string readmeYaml(const std::string &start, int skip = 0)
         if (skip-- == 0)
             return readme.substr(at + 8, readme.find("```", at + 8) - at - 8);
     return {};
-}
-
-std::string replaced(std::string text, const std::string &from, const std::string &to)
-{
-    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
-        text.replace(at, from.size(), to);
-    return text;
 }
 
 // The value of the one series that @p query gives, as Prometheus' HTTP API writes it; empty when none.
@@ -58,9 +52,11 @@ TEST_F(ExporterTest, PrometheusScrapesTheProbeWithTheReadmesConfiguration)
                                          "    arguments: {THRESHOLD: \"4\"}\n")));
     ASSERT_NE(0, exporter.port) << exporter.log();
     std::string prometheus = "global:\n  scrape_interval: 2s\n  scrape_timeout: 2s\n" + scrape;
-    prometheus = replaced(prometheus, "127.0.0.1:9815", "127.0.0.1:" + std::to_string(exporter.port));
-    prometheus = replaced(prometheus, R"(["sensor-1.example.org", "sensor-2.example.org:2222"])",
-                          "[\"127.0.0.1:" + std::to_string(sshd().port()) + "\"]");
+    prometheus = std::regex_replace(prometheus, std::regex("127\\.0\\.0\\.1:9815"),
+                                    "127.0.0.1:" + std::to_string(exporter.port));
+    prometheus =
+        std::regex_replace(prometheus, std::regex(R"(\["sensor-1\.example\.org", "sensor-2[^\]]*\])"),
+                           "[\"127.0.0.1:" + std::to_string(sshd().port()) + "\"]");
     const int port = LoopbackSocket().port();
     Daemon server({"/usr/bin/prometheus", "--config.file=" + write("prometheus.yml", prometheus),
                    "--storage.tsdb.path=" + dir + "/tsdb",
