@@ -11,13 +11,16 @@ const std::string kWrongPassword = "wrong#Pw-7d1f0c";
 
 // One host: its own status, or one line naming host, port and cause. Several (-H): 0, 1 or 3, each host's
 // lines whole after its label, and a summary. diagnose: the transcript; ssh's spellings of hosts and keys,
-// and keys tried first as ssh does (-i, an alias's IdentityFile, none with PubkeyAuthentication=no).
+// and keys tried first as ssh does (-i, an alias's IdentityFile, none with PubkeyAuthentication=no); given
+// and stored credentials.
 TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
 {
     telvane::test::SshdHarness keys(telvane::test::SshdHarness::Server::PublicKey);
     TELVANE_REQUIRE_COMPONENT(keys.start(), keys.reason());
     const std::string user = sshd().username(), refused = "nobody@127.0.0.1:" + port; // not in AllowUsers
     const std::string empty = write("empty", ""), wrong = write("wrong", kWrongPassword + "\n");
+    const std::string readable = write("readable", sshd().password() + "\n");
+    fs::permissions(readable, fs::perms::others_read, fs::perm_options::add);
     const std::string key = keys.makeClientKey("id"), keysAt = "127.0.0.1:" + std::to_string(keys.port());
     fs::create_directories(home / ".ssh");
     write(".ssh/config", "Host cellar\n  HostName 127.0.0.1\n  Port " + port + "\n  User " + user +
@@ -47,7 +50,11 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
          {"out"},
          {},
          "echo out; echo err >&2; exit 3"}, // its stderr is not ours
-        {login(wrong, {good[0]}), 253, {}, {"127.0.0.1 port " + port + ": authentication failed"}},
+        // A refused pair is not kept, --remember or not.
+        {login(wrong, {good[0]}, {"run", "--remember"}),
+         253,
+         {},
+         {"127.0.0.1 port " + port + ": authentication failed"}},
         {{"run", good[0]}, 254, {}, {"port " + port + ": no credentials"}},
         {login(passwordFile, {closed}), 255, {}, {"connection failed: ", "Connection refused"}},
         {login(empty, {good[0]}), 253, {}, {"the password file " + empty + " was empty"}},
@@ -110,11 +117,23 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
          253,
          {},
          {"authentication failed"}},
+        // A pair given whole comes before the stored one and never deletes it; --remember keeps it once the
+        // server took it; without it nothing is kept.
+        {login(passwordFile, {good[0]}, {"run", "--remember"}), 0, {"in"}, {}},
+        {login(wrong, {good[0]}), 253, {}, {"authentication failed"}},
+        {{"run", good[0]}, 0, {"in"}, {}},
+        {{"forget", "127.0.0.1"}, 0, {}, {}, ""},
+        {{"forget", "127.0.0.1"}, 1, {}, {"no stored credentials for 127.0.0.1"}, ""},
+        {login(passwordFile, {good[0]}), 0, {"in"}, {}},
+        {{"forget", "127.0.0.1"}, 1, {}, {"no stored credentials"}, ""},
+        // A password file that others can read still works, with a warning.
+        {login(readable, {good[0]}), 0, {"in"}, {"readable by others"}},
     };
     for (auto row : rows) {
-        row.args.push_back(script(row.script));
+        if (!row.script.empty())
+            row.args.push_back(script(row.script));
         const auto result = telvane(row.args);
-        EXPECT_EQ(row.status, result.status) << row.script << ": " << result.err;
+        EXPECT_EQ(row.status, result.status) << row.args[0] << " " << row.script << ": " << result.err;
         for (const auto &line : row.out)
             EXPECT_EQ(1u, occurrences(result.out, line + "\n")) << line << " in\n" << result.out;
         for (const auto &piece : row.err)
@@ -125,6 +144,16 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
         EXPECT_EQ(npos, (result.out + result.err).find(sshd().password()));
         EXPECT_EQ(npos, (result.out + result.err).find(kWrongPassword));
     }
+    EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write,
+              fs::status(home / "data" / "telvane" / "keyring").permissions());
+
+    // A keyring that cannot be written: the run keeps its status, and the user learns that nothing was kept.
+    const auto unkept = telvane(login(passwordFile, {good[0]}, {"run", "--remember"}, "echo in"),
+                                {.environment = {{"XDG_DATA_HOME", passwordFile + "/data"}}});
+    EXPECT_EQ(0, unkept.status) << unkept.err;
+    EXPECT_NE(npos, unkept.err.find("--remember: the credentials for " + good[0] +
+                                    " could not be kept in the file keyring: file keyring: cannot create"))
+        << unkept.err;
 }
 
 TEST_F(Cli, BadInputIsRefusedWithStatusTwoInOneLineAndNothingSent)
@@ -164,56 +193,6 @@ TEST_F(Cli, BadInputIsRefusedWithStatusTwoInOneLineAndNothingSent)
         EXPECT_EQ(1u, occurrences(result.err, "\n")) << "one line: " << result.err;
     }
     // (Status 2 is the proof that nothing was sent: these rows have no credentials, so a run would end 254.)
-    // A password file that others can read still works, with a warning.
-    fs::permissions(passwordFile, fs::perms::others_read, fs::perm_options::add);
-    const auto warned = telvane(login(passwordFile, {good[0]}, {"run"}, "echo in"));
-    EXPECT_EQ("in\n", warned.out) << warned.err;
-    EXPECT_NE(npos, warned.err.find("readable by others")) << warned.err;
-}
-
-// A pair given whole on the command line comes before the stored one and never deletes it; --remember keeps
-// it once the server took it, and says so when the keyring could not.
-TEST_F(Cli, GivenCredentialsComeFirstAndRememberKeepsThemAsTheKeyringSays)
-{
-    const std::string echo = script("echo in\n"), wrong = write("wrong", kWrongPassword + "\n");
-    const std::vector<std::string> stored = {"run", good[0], echo}, forget = {"forget", "127.0.0.1"};
-    const auto given = [&](const std::string &file, std::vector<std::string> args = {"run"}) {
-        args = login(file, {good[0]}, args);
-        args.push_back(echo);
-        return args;
-    };
-    const struct
-    {
-        std::vector<std::string> args;
-        int status;
-        std::string said = "";
-    } steps[] = {
-        {given(wrong, {"run", "--remember"}), 253},
-        {stored, 254, "no credentials"}, // nothing was kept
-        {given(passwordFile, {"run", "--remember"}), 0},
-        {given(wrong), 253}, // the given pair comes first...
-        {stored, 0},         // ...and has not deleted the stored one
-        {forget, 0},
-        {forget, 1, "no stored credentials for 127.0.0.1"},
-        {given(passwordFile), 0},
-        {forget, 1}, // not kept without --remember
-    };
-    for (const auto &step : steps) {
-        const auto result = telvane(step.args);
-        EXPECT_EQ(step.status, result.status)
-            << step.args[1] << " " << step.args.back() << ": " << result.err;
-        EXPECT_NE(npos, result.err.find(step.said)) << result.err;
-    }
-    EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write,
-              fs::status(home / "data" / "telvane" / "keyring").permissions());
-
-    // A keyring that cannot be written: the run keeps its status, and the user learns that nothing was kept.
-    const auto unkept = telvane(given(passwordFile, {"run", "--remember"}),
-                                {.environment = {{"XDG_DATA_HOME", passwordFile + "/data"}}});
-    EXPECT_EQ(0, unkept.status) << unkept.err;
-    EXPECT_NE(npos, unkept.err.find("--remember: the credentials for " + good[0] +
-                                    " could not be kept in the file keyring: file keyring: cannot create"))
-        << unkept.err;
 }
 
 TEST_F(Cli, HostsFileOutputDirectoryAndJsonRecords)
