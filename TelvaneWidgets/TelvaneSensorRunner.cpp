@@ -103,11 +103,13 @@ bool TelvaneSensorRunner::isRunning() const
     return d->link->running.load();
 }
 
+// The sensor is stopped before its questions are declined: a run woken by the refusal must already find
+// itself stopped, or it would end as one that was given no credentials.
 void TelvaneSensorRunner::stop()
 {
-    d->link->declineAll();
     if (d->sensor)
         d->sensor->stopScript();
+    d->link->declineAll();
 }
 
 void TelvaneSensorRunner::provideCredentials(const QString &username, const QString &password, bool persist)

@@ -9,11 +9,10 @@
 
 namespace telvane::test {
 
-/// One telvane-faultd on a loopback port the system picks, until this object or this process ends. Its
+/// One telvane-faultd on a loopback port the system picks, until this object or this thread ends. Its
 /// faults: stall-banner, dribble-banner (never finished), stall-auth, refuse-password, refuse-channel,
-/// refuse-exec, slow (40 ms a reply, output in 16-byte packets), drop-after=N and reset-after=N (a FIN or RST
-/// once N bytes of output are out, or at the command's end), flood-stderr=N, late-status (3 s after EOF) and
-/// no-status.
+/// refuse-exec, drop-after=N and reset-after=N (a FIN or RST once N bytes of output are out, or at the
+/// command's end), flood-stderr=N, late-status (3 s after EOF) and no-status.
 class FaultServer
 {
 public:
@@ -33,14 +32,6 @@ public:
 
     std::string host() const { return "127.0.0.1"; }
     int port() const { return port_; }
-    const std::string &user() const { return options_.user; }
-
-    /// The username that picks @p fault for one connection: "tester+refuse-exec". Faults that strike before
-    /// the login (stall-banner, dribble-banner) cannot be picked this way; use setFault.
-    std::string userWithFault(std::string_view fault) const
-    {
-        return options_.user + "+" + std::string(fault);
-    }
 
     /// Sets the fault of the connections accepted from now on; "" for none.
     bool setFault(std::string_view fault);
@@ -56,7 +47,6 @@ private:
     std::string error_;
     pid_t pid_ = -1;
     int port_ = 0;
-    int lifeline_ = -1; // writing end of the server's standard input; closing it ends the server
 };
 
 } // namespace telvane::test

@@ -1,4 +1,6 @@
 #include "support/KeyringDaemon.h"
+#include "support/Daemon.h"
+#include "support/TestEnvironment.h"
 
 #include <gio/gio.h>
 #include <libsecret/secret.h>
@@ -9,9 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sys/prctl.h>
 #include <thread>
-#include <vector>
 
 namespace telvane::test {
 
@@ -64,44 +64,40 @@ bool KeyringDaemon::fail(std::string why)
     return false;
 }
 
-// Starts @p argv with an environment of its own directory and no output. The child dies with this thread
-// (gtest runs tests on the main thread), so a crashed test leaves no daemon behind.
-GSubprocess *KeyringDaemon::spawn(const char *const *argv, int flags)
+// Starts @p command (its program found on a fixed PATH) with its home in our directory and its output in
+// the file @p log there. It dies with this thread (gtest runs tests on the main thread), so a crashed test
+// leaves no daemon behind.
+pid_t KeyringDaemon::spawn(const std::vector<std::string> &command, const std::string &log)
 {
-    GSubprocessLauncher *launcher =
-        g_subprocess_launcher_new(static_cast<GSubprocessFlags>(flags | G_SUBPROCESS_FLAGS_STDERR_SILENCE));
-    const std::vector<std::string> env = {"PATH=/usr/bin:/bin",
-                                          "LANG=C",
-                                          "HOME=" + dir_ + "/home",
-                                          "XDG_DATA_HOME=" + dir_ + "/data",
-                                          "XDG_CONFIG_HOME=" + dir_ + "/config",
-                                          "XDG_CACHE_HOME=" + dir_ + "/cache",
-                                          "XDG_RUNTIME_DIR=" + dir_ + "/run",
-                                          "DBUS_SESSION_BUS_ADDRESS=" + address_};
-    std::vector<const char *> envp;
-    for (const auto &e : env)
-        envp.push_back(e.c_str());
-    envp.push_back(nullptr);
-    g_subprocess_launcher_set_environ(launcher, const_cast<gchar **>(envp.data()));
-    g_subprocess_launcher_set_child_setup(
-        launcher, [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
-    GError *error = nullptr;
-    GSubprocess *process = g_subprocess_launcher_spawnv(launcher, argv, &error);
-    g_object_unref(launcher);
-    if (!process)
-        fail(std::string("cannot start ") + argv[0] + ": " + message(error));
-    return process;
+    std::vector<std::string> argv = {"/usr/bin/env",
+                                     "-i",
+                                     "PATH=/usr/bin:/bin",
+                                     "LANG=C",
+                                     "HOME=" + dir_,
+                                     "XDG_RUNTIME_DIR=" + dir_ + "/run",
+                                     "DBUS_SESSION_BUS_ADDRESS=" + address_};
+    argv.insert(argv.end(), command.begin(), command.end());
+    return startDaemon(argv, dir_ + "/" + log);
 }
 
 bool KeyringDaemon::start(With what)
 {
-    if (dir_.empty())
+    if (dir_.empty() || !std::filesystem::create_directory(dir_ + "/run"))
         return fail("cannot make a temporary directory");
-    for (const char *sub : {"/home", "/data", "/config", "/cache", "/run"})
-        std::filesystem::create_directory(dir_ + sub);
     std::filesystem::permissions(dir_ + "/run", std::filesystem::perms::owner_all);
-    if (!startBus())
-        return false;
+    // The bus prints its address once it listens: that line is the readiness signal.
+    std::ofstream(dir_ + "/bus.conf") << busConfig(dir_);
+    bus_ = spawn({"dbus-daemon", "--config-file=" + dir_ + "/bus.conf", "--print-address=1", "--nofork",
+                  "--nopidfile"},
+                 "bus.log");
+    const auto printed = [&] {
+        const std::string text = readFile(dir_ + "/bus.log");
+        const auto at = text.find("unix:"), end = text.find('\n', at);
+        return at == std::string::npos || end == std::string::npos ? std::string()
+                                                                   : text.substr(at, end - at);
+    };
+    if (bus_ <= 0 || !waitUntil([&] { return !(address_ = printed()).empty(); }, std::chrono::seconds(10)))
+        return fail("dbus-daemon (Debian package dbus) did not listen: " + readFile(dir_ + "/bus.log"));
     ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
     // GLib makes one session connection per process and, by default, raises SIGTERM when its bus goes away.
     GError *error = nullptr;
@@ -109,51 +105,18 @@ bool KeyringDaemon::start(With what)
     if (!sharedBus_)
         return fail("cannot connect to the test bus: " + message(error));
     g_dbus_connection_set_exit_on_close(sharedBus_, FALSE);
-    return startMonitor() && (what == With::BusOnly || (startKeyring() && waitForDefaultCollection()));
-}
-
-bool KeyringDaemon::startBus()
-{
-    gchar *daemon = g_find_program_in_path("dbus-daemon");
-    if (!daemon)
-        return fail("dbus-daemon is not installed (Debian package dbus)");
-    std::ofstream(dir_ + "/bus.conf") << busConfig(dir_);
-    const std::string config = "--config-file=" + dir_ + "/bus.conf";
-    const char *argv[] = {daemon, config.c_str(), "--print-address=1", "--nofork", "--nopidfile", nullptr};
-    bus_ = spawn(argv, G_SUBPROCESS_FLAGS_STDOUT_PIPE);
-    g_free(daemon);
-    if (!bus_)
+    if (!startMonitor())
         return false;
-    // The daemon prints its address once it listens: that line is the readiness signal.
-    GDataInputStream *out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(bus_));
-    g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(out), FALSE);
-    gchar *line = g_data_input_stream_read_line(out, nullptr, nullptr, nullptr);
-    g_object_unref(out);
-    if (!line)
-        return fail("dbus-daemon exited before it listened");
-    address_ = line;
-    g_free(line);
-    return true;
-}
-
-bool KeyringDaemon::startKeyring()
-{
-    gchar *daemon = g_find_program_in_path("gnome-keyring-daemon");
-    if (!daemon)
-        return fail("gnome-keyring-daemon is not installed (Debian package gnome-keyring)");
+    if (what == With::BusOnly)
+        return true;
     // With --unlock the daemon reads the login password from standard input and creates the login keyring
     // with it, unlocked and aliased "default": no prompt is ever needed to store an item.
-    const char *argv[] = {daemon, "--unlock", "--components=secrets", "--foreground", nullptr};
-    keyring_ = spawn(argv, G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_SILENCE);
-    g_free(daemon);
-    if (!keyring_)
-        return false;
-    GOutputStream *in = g_subprocess_get_stdin_pipe(keyring_);
-    GError *error = nullptr;
-    if (!g_output_stream_write_all(in, kPassword, std::strlen(kPassword), nullptr, nullptr, &error) ||
-        !g_output_stream_close(in, nullptr, &error))
-        return fail("cannot hand the login password to gnome-keyring-daemon: " + message(error));
-    return true;
+    std::ofstream(dir_ + "/login") << kPassword;
+    keyring_ =
+        spawn({"sh", "-c", "exec gnome-keyring-daemon --unlock --components=secrets --foreground <\"$0\"",
+               dir_ + "/login"},
+              "keyring.log");
+    return keyring_ > 0 && waitForDefaultCollection();
 }
 
 bool KeyringDaemon::waitForDefaultCollection()
@@ -179,7 +142,9 @@ bool KeyringDaemon::waitForDefaultCollection()
         if (ready)
             return true;
     }
-    return fail("no default collection within 20 s (last answer: " + why + ")");
+    return fail("no default collection within 20 s (last answer: " + why +
+                "; gnome-keyring-daemon, Debian package gnome-keyring, logged: " +
+                readFile(dir_ + "/keyring.log") + ")");
 }
 
 bool KeyringDaemon::startMonitor()
@@ -214,7 +179,7 @@ int KeyringDaemon::promptsSeen() const
 
 void KeyringDaemon::freeze()
 {
-    g_subprocess_send_signal(keyring_, SIGSTOP);
+    ::kill(keyring_, SIGSTOP);
 }
 
 bool KeyringDaemon::callService(const char *method)
@@ -237,12 +202,8 @@ KeyringDaemon::~KeyringDaemon()
 {
     if (monitor_)
         g_dbus_connection_close_sync(monitor_, nullptr, nullptr), g_object_unref(monitor_);
-    for (GSubprocess *process : {keyring_, bus_})
-        if (process) {
-            g_subprocess_force_exit(process);
-            g_subprocess_wait(process, nullptr, nullptr);
-            g_object_unref(process);
-        }
+    killDaemon(keyring_);
+    killDaemon(bus_);
 }
 
 } // namespace telvane::test

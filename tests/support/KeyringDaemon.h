@@ -5,9 +5,10 @@
 #include "support/Files.h"
 
 #include <string>
+#include <sys/types.h>
+#include <vector>
 
 typedef struct _GDBusConnection GDBusConnection;
-typedef struct _GSubprocess GSubprocess;
 
 namespace telvane::test {
 
@@ -37,9 +38,7 @@ public:
 
 private:
     bool fail(std::string why);
-    GSubprocess *spawn(const char *const *argv, int flags);
-    bool startBus();
-    bool startKeyring();
+    pid_t spawn(const std::vector<std::string> &command, const std::string &log);
     bool waitForDefaultCollection();
     bool startMonitor();
     bool callService(const char *method);
@@ -47,7 +46,7 @@ private:
     TemporaryDirectory scratch_{"telvane-secret-service"};
     const std::string dir_ = scratch_.path().string();
     std::string address_, error_;
-    GSubprocess *bus_ = nullptr, *keyring_ = nullptr;
+    pid_t bus_ = -1, keyring_ = -1;
     // This process's shared session connection, with exit-on-close off so that the bus may go first.
     GDBusConnection *sharedBus_ = nullptr;
     // A bus monitor that counts unlock calls and prompts (its filter runs on GDBus's worker thread).

@@ -7,7 +7,9 @@
 #include <filesystem>
 #include <fstream>
 #include <pwd.h>
+#include <random>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -37,9 +39,6 @@ TEST_F(FileKeychainTest, FileIsPrivateAndHoldsEverythingVerbatim)
     EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::status(file).permissions());
     EXPECT_EQ(fs::perms::owner_all, fs::status(file.parent_path()).permissions());
     EXPECT_EQ("p\tw\nd\\", makeFileKeychain(file.string())->passwordForService("svc (h)", "tab\tuser"));
-    // The keyring and its lock file, and no temporary file beside them.
-    const auto entries = fs::directory_iterator(file.parent_path());
-    EXPECT_EQ(2, std::distance(begin(entries), end(entries)));
 }
 
 TEST_F(FileKeychainTest, RefusesACorruptOrExposedFileAndNeverOverwritesIt)
@@ -77,6 +76,37 @@ TEST_F(FileKeychainTest, WritersAtOnceLoseNoPair)
     const auto accounts = backend->accountsForService("svc");
     ASSERT_TRUE(accounts);
     EXPECT_EQ(100u, accounts->size());
+}
+
+// A writer killed at any moment leaves a file that parses and holds either the pair from before the save or
+// the one from after it, with mode 0600; the next save sweeps up the temporary copy of a password it left.
+TEST_F(FileKeychainTest, AWriterKilledMidSaveLosesNeitherTheOldNorTheNewPair)
+{
+    const std::string before = "old#password-1111", after = "new#password-22222222"; // torn, neither
+    ASSERT_TRUE(backend->setPassword(before, "svc", "operator"));
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<int> lifetime(200, 20000); // microseconds: a save takes about that long
+    for (int round = 0; round < 60 && !HasFailure(); ++round) {
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) { // only the keyring's code runs here, and the child never returns into gtest
+            for (int i = 0; i < 100000; ++i)
+                backend->setPassword(i % 2 ? before : after, "svc", "operator");
+            ::_exit(0);
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(lifetime(random)));
+        ::kill(child, SIGKILL);
+        ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
+        const auto password = makeFileKeychain(file.string())->passwordForService("svc", "operator");
+        ASSERT_TRUE(password == before || password == after) << round << ": " << password.value_or("(none)");
+        EXPECT_EQ(std::vector<std::string>{"operator"}, accountNames(backend->accountsForService("svc")));
+        EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::status(file).permissions()) << round;
+    }
+    ASSERT_TRUE(backend->setPassword(before, "svc", "operator"));
+    EXPECT_EQ(2, std::distance(fs::directory_iterator(file.parent_path()), {}))
+        << "beside the keyring and its lock";
 }
 
 TEST(KeychainSelection, EnvironmentPicksTheBackendAndUnknownNamesStoreNothingOnDisk)

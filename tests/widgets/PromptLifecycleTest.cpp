@@ -21,10 +21,10 @@ namespace {
 
 void require(bool condition, const char *what)
 {
-    if (condition)
-        return;
-    std::fprintf(stderr, "FAIL: %s\n", what);
-    std::_Exit(1); // a worker may still wait in the prompt
+    if (!condition) {
+        std::fprintf(stderr, "FAIL: %s\n", what);
+        std::_Exit(1); // a worker may still wait in the prompt
+    }
 }
 
 /// Asks for credentials on a worker while @p meanwhile runs here; the worker must be let go soon after,
@@ -51,18 +51,16 @@ int main(int argc, char **argv)
         QTimer poll;
         QObject::connect(&poll, &QTimer::timeout, &app, [&] {
             if (QDialog *dialog = telvane::test::shownPrompt()) {
-                for (const char *name : {"messageLabel", "informativeLabel"})
-                    shown << dialog->findChild<QLabel *>(name)->text();
-                shown << dialog->findChild<QPushButton *>("cancelButton")->text();
+                shown << dialog->findChild<QLabel *>("messageLabel")->text()
+                      << dialog->findChild<QPushButton *>("cancelButton")->text();
                 QCoreApplication::quit(); // ends the prompt as a cancel
             }
         });
         poll.start(10);
         QTimer::singleShot(10000, &app, &QCoreApplication::quit);
         askFromWorker([] { QApplication::exec(); }, "a worker is let go when the application quits");
-        require(shown == QStringList{"Anmeldung erforderlich für Keller",
-                                     "Bitte geben Sie Benutzername und Passwort ein:", "Abbrechen"},
-                "the prompt shown, in German");
+        require(shown == QStringList{"Anmeldung erforderlich für Keller", "Abbrechen"},
+                "the prompt, in German");
     }
     // No event loop runs, so the request waits in the queue until the application object goes.
     auto app = std::make_unique<QApplication>(argc, argv);
@@ -72,5 +70,4 @@ int main(int argc, char **argv)
             app.reset();
         },
         "a worker is let go when the application object goes");
-    return 0;
 }

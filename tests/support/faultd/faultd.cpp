@@ -1,6 +1,6 @@
-// telvane-faultd USER PASSWORD CONTROL-FILE: an SSH server for the tests that misbehaves on demand. It prints
-// its port on 127.0.0.1, serves each connection in a process of its own with the fault named on the first
-// line of CONTROL-FILE or by a login as USER+FAULT (FaultServer.h), and ends when its standard input closes.
+// telvane-faultd USER PASSWORD CONTROL-FILE: an SSH server for the tests that misbehaves on demand. It logs
+// its port on 127.0.0.1 and serves each connection in a process of its own with the fault named on the first
+// line of CONTROL-FILE (FaultServer.h).
 #include <libssh/libssh.h>
 #include <libssh/server.h>
 
@@ -8,15 +8,14 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <fcntl.h>
 #include <fstream>
 #include <linux/sockios.h>
 #include <memory>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <string>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
@@ -26,9 +25,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kSlowDelay = 40ms;
 constexpr std::size_t kChunk = 32768;
-constexpr std::size_t kSlowPacket = 16; // even a short line crosses several packets
 
 struct Fault
 {
@@ -68,12 +65,6 @@ struct Connection
     ssh_channel channel = nullptr;
 };
 
-void pauseIfSlow(const Connection &c)
-{
-    if (c.fault.is("slow"))
-        std::this_thread::sleep_for(kSlowDelay);
-}
-
 bool peerGone(const Connection &c)
 {
     return ssh_is_connected(c.session) == 0 || ssh_channel_is_closed(c.channel) != 0;
@@ -82,19 +73,14 @@ bool peerGone(const Connection &c)
 // Writes all of @p data on standard output (@p stream 0) or error (1); false once the client is gone.
 bool writeAll(const Connection &c, int stream, const char *data, std::size_t length)
 {
-    const bool slow = c.fault.is("slow");
     while (length > 0) {
-        const auto piece = static_cast<std::uint32_t>(std::min(length, slow ? kSlowPacket : kChunk));
+        const auto piece = static_cast<std::uint32_t>(std::min(length, kChunk));
         const int written = stream == 0 ? ssh_channel_write(c.channel, data, piece)
                                         : ssh_channel_write_stderr(c.channel, data, piece);
         if (written < 0 || (written == 0 && peerGone(c)))
             return false;
         data += written;
         length -= static_cast<std::size_t>(written);
-        if (slow && length > 0) {
-            ssh_blocking_flush(c.session, -1);
-            std::this_thread::sleep_for(kSlowDelay / 10);
-        }
     }
     return true;
 }
@@ -132,7 +118,6 @@ void endChannel(const Connection &c, int status)
             ssh_channel_request_send_exit_status(c.channel, status);
         }
     } else {
-        pauseIfSlow(c);
         ssh_channel_request_send_exit_status(c.channel, status);
         ssh_channel_send_eof(c.channel);
     }
@@ -193,16 +178,12 @@ void serveExec(const Connection &c, const std::string &command)
 
 bool acceptLogin(Connection &c, const std::string &user, const char *password, const char *const *account)
 {
-    const auto plus = user.find('+');
-    if (plus != std::string::npos)
-        c.fault = parseFault(user.substr(plus + 1));
-    pauseIfSlow(c);
     if (c.fault.is("stall-auth")) {
         logLine("stall-auth: never answering the login of \"%s\"", user.c_str());
         drain(c.fd, -1);
         _exit(0);
     }
-    if (user.substr(0, plus) != account[0] || std::string(password ? password : "") != account[1] ||
+    if (user != account[0] || std::string(password ? password : "") != account[1] ||
         c.fault.is("refuse-password")) {
         logLine("login as \"%s\" refused, fault %s", user.c_str(), c.fault.name.c_str());
         return false;
@@ -230,10 +211,10 @@ void serveRequests(Connection &c, const char *const *account)
             ssh_message_auth_set_methods(m, SSH_AUTH_METHOD_PASSWORD);
             ssh_message_reply_default(m);
         } else if (type == SSH_REQUEST_CHANNEL_OPEN && subtype == SSH_CHANNEL_SESSION && authenticated &&
-                   !c.channel && (pauseIfSlow(c), !c.fault.is("refuse-channel"))) {
+                   !c.channel && !c.fault.is("refuse-channel")) {
             c.channel = ssh_message_channel_request_open_reply_accept(m);
         } else if (type == SSH_REQUEST_CHANNEL && subtype == SSH_CHANNEL_REQUEST_EXEC && c.channel &&
-                   (pauseIfSlow(c), !c.fault.is("refuse-exec"))) {
+                   !c.fault.is("refuse-exec")) {
             const std::string command = ssh_message_channel_request_command(m);
             ssh_message_channel_request_reply_success(m);
             logLine("exec, fault %s: %s", c.fault.name.c_str(), command.c_str());
@@ -263,11 +244,6 @@ void serveRequests(Connection &c, const char *const *account)
     if (c.fault.is("stall-banner") || c.fault.is("dribble-banner")) {
         drain(fd, -1);
         _exit(0);
-    }
-    if (c.fault.is("slow")) { // separate segments for the small packets, so the client's reads come short
-        const int on = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        std::this_thread::sleep_for(kSlowDelay);
     }
     c.session = ssh_new();
     if (ssh_bind_accept_fd(bind, c.session, fd) != SSH_OK || ssh_handle_key_exchange(c.session) != SSH_OK) {
@@ -302,26 +278,16 @@ int main(int argc, char **argv)
         logLine("cannot set up a host key or listen on 127.0.0.1: %s", ssh_get_error(bind));
         return 1;
     }
-    std::printf("%d\n", ntohs(address.sin_port));
-    std::fflush(stdout);
+    logLine("listening on port %d", ntohs(address.sin_port));
     std::signal(SIGCHLD, SIG_IGN); // connection processes reap themselves
     for (;;) {
-        pollfd entries[2] = {{listener, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
-        if (poll(entries, 2, -1) < 0)
-            continue;
-        char byte;
-        if (entries[1].revents != 0 && read(STDIN_FILENO, &byte, 1) <= 0)
-            break;
-        const int fd = entries[0].revents != 0 ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd >= 0 && fork() == 0) {
-            std::signal(SIGCHLD, SIG_DFL);                // pclose waits for its command
-            const int null = open("/dev/null", O_RDONLY); // no command reads the lifeline
-            dup2(null, STDIN_FILENO);
+            prctl(PR_SET_PDEATHSIG, SIGKILL); // a connection ends with the server
+            std::signal(SIGCHLD, SIG_DFL);    // pclose waits for its command
             serveConnection(bind, fd, argv + 1, argv[3]);
         }
         if (fd >= 0)
             close(fd);
     }
-    logLine("standard input closed, ending");
-    kill(0, SIGKILL);
 }
