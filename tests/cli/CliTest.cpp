@@ -133,7 +133,7 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
         if (!row.script.empty())
             row.args.push_back(script(row.script));
         const auto result = telvane(row.args);
-        EXPECT_EQ(row.status, result.status) << row.args[0] << " " << row.script << ": " << result.err;
+        EXPECT_EQ(row.status, result.status) << testing::PrintToString(row.args) << ": " << result.err;
         for (const auto &line : row.out)
             EXPECT_EQ(1u, occurrences(result.out, line + "\n")) << line << " in\n" << result.out;
         for (const auto &piece : row.err)
