@@ -74,24 +74,25 @@ protected:
         options.environment.merge(environment());
         return runProcess(args, options);
     }
-    // The command, the harness's port, account and password file, then @p args; "-H" before each of @p hosts.
-    std::vector<std::string> login(std::vector<std::string> args,
-                                   const std::vector<std::string> &hosts = {}) const
+    // @p args (the command first) with the account and @p file as its password file, then the hosts (one as
+    // an argument, several each after -H), then a script of @p text when there is one.
+    std::vector<std::string> login(const std::string &file, const std::vector<std::string> &hosts,
+                                   std::vector<std::string> args = {"run"},
+                                   const std::string &text = "") const
     {
-        args.insert(args.begin() + 1, {"-p", port, "-l", sshd().username(), "--password-file", passwordFile});
+        args.insert(args.end(), {"-l", sshd().username(), "--password-file", file});
         for (const auto &host : hosts)
-            args.insert(args.end() - 1, {"-H", host});
+            hosts.size() > 1 ? args.insert(args.end(), {"-H", host}) : args.insert(args.end(), host);
+        if (!text.empty())
+            args.push_back(script(text));
         return args;
     }
 
-    struct Exchange
-    {
-        std::string question;
-        std::string
-            answer; // "FINGERPRINT": the host key's fingerprint as the question showed it; "\x03": Ctrl-C
-    };
+    // A question and its answer; "FINGERPRINT": the host key's fingerprint as the question showed it; "\x03":
+    // a Ctrl-C.
+    using Exchange = std::pair<std::string, std::string>;
     // telvane on a terminal of its own, answering each question once it shows, in whatever order they come.
-    // The terminal's text goes to `out`; `err` counts the questions answered.
+    // The terminal's text goes to `out`; `err` counts the questions never asked.
     ProcessResult onTerminal(std::vector<std::string> args, std::vector<Exchange> exchanges) const
     {
         args.insert(args.begin(), TELVANE_CLI_PATH);
@@ -108,7 +109,7 @@ protected:
             _exit(127);
         }
         ProcessResult result;
-        std::size_t answered = 0, seen = 0;
+        std::size_t seen = 0;
         for (char buffer[4096];;) {
             pollfd fd{terminal, POLLIN, 0};
             const ssize_t n = poll(&fd, 1, 10000) > 0 ? read(terminal, buffer, sizeof buffer) : 0;
@@ -116,16 +117,15 @@ protected:
                 break; // the end (EIO once telvane has gone), or a question nobody expected
             result.out.append(buffer, static_cast<std::size_t>(n));
             for (auto it = exchanges.begin(); it != exchanges.end(); ++it) {
-                const auto at = result.out.find(it->question, seen);
+                const auto at = result.out.find(it->first, seen);
                 if (at == npos)
                     continue;
-                seen = at + it->question.size();
+                seen = at + it->first.size();
                 const auto from = result.out.find("SHA256:");
-                std::string answer = it->answer == "FINGERPRINT"
+                std::string answer = it->second == "FINGERPRINT"
                                          ? result.out.substr(from, result.out.find('.', from) - from)
-                                         : it->answer;
+                                         : it->second;
                 answer += answer == "\x03" ? "" : "\n"; // a Ctrl-C is typed alone
-                ++answered;
                 exchanges.erase(it);
                 [[maybe_unused]] const auto written = ::write(terminal, answer.data(), answer.size());
                 break;
@@ -136,7 +136,7 @@ protected:
         waitpid(pid, &status, 0);
         close(terminal);
         result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        result.err = std::to_string(answered);
+        result.err = std::to_string(exchanges.size());
         return result;
     }
 

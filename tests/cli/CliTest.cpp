@@ -1,6 +1,7 @@
 // `telvane`, one host or several, as a user runs it: the real binary against the real loopback sshd, reached
 // as 127.0.0.1, ::1 and localhost, beside a closed port and an account that sshd refuses.
 #include "cli/CliFixture.h"
+#include "support/Daemon.h"
 
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -9,24 +10,26 @@
 const std::string kWrongPassword = "wrong#Pw-7d1f0c";
 
 // One host: its own status, or one line naming host, port and cause. Several (-H): 0, 1 or 3, each host's
-// lines whole after its label, and a summary. diagnose: the transcript; ssh's spellings of hosts and keys.
+// lines whole after its label, and a summary. diagnose: the transcript; ssh's spellings of hosts and keys,
+// and keys tried first as ssh does (-i, an alias's IdentityFile, none with PubkeyAuthentication=no); given
+// and stored credentials.
 TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
 {
+    telvane::test::SshdHarness keys(telvane::test::SshdHarness::Server::PublicKey);
+    TELVANE_REQUIRE_COMPONENT(keys.start(), keys.reason());
     const std::string user = sshd().username(), refused = "nobody@127.0.0.1:" + port; // not in AllowUsers
     const std::string empty = write("empty", ""), wrong = write("wrong", kWrongPassword + "\n");
+    const std::string readable = write("readable", sshd().password() + "\n");
+    fs::permissions(readable, fs::perms::others_read, fs::perm_options::add);
+    const std::string key = keys.makeClientKey("id"), keysAt = "127.0.0.1:" + std::to_string(keys.port());
     fs::create_directories(home / ".ssh");
-    write(".ssh/config", "Host cellar\n  HostName 127.0.0.1\n  Port " + port + "\n  User " + user + "\n");
+    write(".ssh/config", "Host cellar\n  HostName 127.0.0.1\n  Port " + port + "\n  User " + user +
+                             "\nHost vault\n  HostName 127.0.0.1\n  Port " + std::to_string(keys.port()) +
+                             "\n  IdentityFile " + key + "\n");
     const std::string changed =
         "UserKnownHostsFile=" + write("changed", "[127.0.0.1]:" + port +
                                                      " ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIL98rV3YlPQ7"
                                                      "pBBYFvr4PWI8gs5M7zXeSgbjOPz+RB3d\n");
-    const auto as = [&](const std::string &file, const std::vector<std::string> &hosts,
-                        std::vector<std::string> args = {"run"}) {
-        args.insert(args.end(), {"-l", user, "--password-file", file});
-        for (const auto &host : hosts)
-            hosts.size() > 1 ? args.insert(args.end(), {"-H", host}) : args.insert(args.end(), host);
-        return args;
-    };
     const std::string diagnose = "Connecting over SSH to 127.0.0.1 on port " + port + ": ";
     const struct
     {
@@ -36,52 +39,56 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
         std::string script = "echo in";
     } rows[] = {
         // Arguments in order; removed lines named once; verbose, yet never the password.
-        {as(passwordFile, {good[0]}, {"run", "-v", "-a", "WHO=__X__", "-a", "X=world"}),
+        {login(passwordFile, {good[0]}, {"run", "-v", "-a", "WHO=__X__", "-a", "X=world"}),
          0,
          {"hello world"},
          {"CRLF line ends", " line 3 holds \"#\"", " line 6 holds \"#\""},
          "#!/bin/sh\r\necho hello __WHO__\r\necho gone # why\r\n# a comment\r\n  # more\r\nx=${#y}\r\n\r# "
          "cr\r\ntrue\r\n"},
-        {as(passwordFile, {good[0]}),
+        {login(passwordFile, {good[0]}),
          3,
          {"out"},
          {},
          "echo out; echo err >&2; exit 3"}, // its stderr is not ours
-        {as(wrong, {good[0]}), 253, {}, {"127.0.0.1 port " + port + ": authentication failed"}},
+        // A refused pair is not kept, --remember or not.
+        {login(wrong, {good[0]}, {"run", "--remember"}),
+         253,
+         {},
+         {"127.0.0.1 port " + port + ": authentication failed"}},
         {{"run", good[0]}, 254, {}, {"port " + port + ": no credentials"}},
-        {as(passwordFile, {closed}), 255, {}, {"connection failed: ", "Connection refused"}},
-        {as(empty, {good[0]}), 253, {}, {"the password file " + empty + " was empty"}},
-        {as(passwordFile, good),
+        {login(passwordFile, {closed}), 255, {}, {"connection failed: ", "Connection refused"}},
+        {login(empty, {good[0]}), 253, {}, {"the password file " + empty + " was empty"}},
+        {login(passwordFile, good),
          0,
          {good[0] + ": one", good[1] + ": two", good[2] + ": one"},
          {"telvane: " + good[1] + ": exited 0 (", "3 hosts: 3 succeeded, 0 script(s) failed"},
          "echo one; printf two"},
-        {as(passwordFile, {good[0], good[1]}),
+        {login(passwordFile, {good[0], good[1]}),
          1,
          {good[0] + ": x"},
          {good[1] + ": exited 5", "2 script(s) failed"},
          "echo x; exit 5"},
-        {as(passwordFile, {good[0], closed, refused}),
+        {login(passwordFile, {good[0], closed, refused}),
          3,
          {good[0] + ": in"},
          {closed + ": connection failed: connect to 127.0.0.1 port " + std::to_string(closedPort.port()),
           refused + ": authentication failed: the server refused", "2 not reached or refused"}},
         // Without colour a finding keeps its asterisks; the closing line starts a line of its own.
-        {as(passwordFile, {good[0]}, {"diagnose"}),
+        {login(passwordFile, {good[0]}, {"diagnose"}),
          2,
          {diagnose + "OK", "*hot*", "tail", "Diagnostics terminated with error: 2"},
          {},
          "echo '*hot*'; printf tail; exit 2"},
-        {as(passwordFile, {good[0]}, {"diagnose", "--color=always"}),
+        {login(passwordFile, {good[0]}, {"diagnose", "--color=always"}),
          0,
          {diagnose + "OK", "\033[31mhot\n\033[0mDiagnostics completed."},
          {},
          "echo '*hot*'"},
-        {as(wrong, {good[0]}, {"diagnose"}),
+        {login(wrong, {good[0]}, {"diagnose"}),
          253,
          {diagnose + "*invalid credentials*", "Diagnostics completed."},
          {"authentication failed"}},
-        {as(passwordFile, {good[0], closed}, {"diagnose"}),
+        {login(passwordFile, {good[0], closed}, {"diagnose"}),
          3,
          {good[0] + ": " + diagnose + "OK", good[0] + ": *hot*", good[0] + ": Diagnostics completed.",
           closed + ": Connecting over SSH to 127.0.0.1 on port " + std::to_string(closedPort.port()) +
@@ -94,21 +101,39 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
          {"in"},
          {}},
         {{"run", "--password-file", passwordFile, "cellar"}, 0, {"in"}, {}},
-        {as(passwordFile, {good[0]},
-            {"run", "-o", "StrictHostKeyChecking=yes", "-o", "UserKnownHostsFile=/dev/null"}),
+        {login(passwordFile, {good[0]},
+               {"run", "-o", "StrictHostKeyChecking=yes", "-o", "UserKnownHostsFile=/dev/null"}),
          255,
          {},
          {"Host key verification failed"}},
-        {as(passwordFile, {good[0]}, {"run", "-o", changed}), 255, {}, {"has changed"}},
-        {as(passwordFile, {good[0]}, {"run", "-o", changed, "-o", "StrictHostKeyChecking=no"}),
+        {login(passwordFile, {good[0]}, {"run", "-o", changed}), 255, {}, {"has changed"}},
+        {login(passwordFile, {good[0]}, {"run", "-o", changed, "-o", "StrictHostKeyChecking=no"}),
          0,
          {"in"},
          {}},
+        {{"run", "-l", user, "-i", key, keysAt}, 0, {"in"}, {}},
+        {{"run", "-l", user, "vault"}, 0, {"in"}, {}},
+        {{"run", "-l", user, "-i", key, "-o", "PubkeyAuthentication=no", keysAt},
+         253,
+         {},
+         {"authentication failed"}},
+        // A pair given whole comes before the stored one and never deletes it; --remember keeps it once the
+        // server took it; without it nothing is kept.
+        {login(passwordFile, {good[0]}, {"run", "--remember"}), 0, {"in"}, {}},
+        {login(wrong, {good[0]}), 253, {}, {"authentication failed"}},
+        {{"run", good[0]}, 0, {"in"}, {}},
+        {{"forget", "127.0.0.1"}, 0, {}, {}, ""},
+        {{"forget", "127.0.0.1"}, 1, {}, {"no stored credentials for 127.0.0.1"}, ""},
+        {login(passwordFile, {good[0]}), 0, {"in"}, {}},
+        {{"forget", "127.0.0.1"}, 1, {}, {"no stored credentials"}, ""},
+        // A password file that others can read still works, with a warning.
+        {login(readable, {good[0]}), 0, {"in"}, {"readable by others"}},
     };
     for (auto row : rows) {
-        row.args.push_back(script(row.script));
+        if (!row.script.empty())
+            row.args.push_back(script(row.script));
         const auto result = telvane(row.args);
-        EXPECT_EQ(row.status, result.status) << row.script << ": " << result.err;
+        EXPECT_EQ(row.status, result.status) << testing::PrintToString(row.args) << ": " << result.err;
         for (const auto &line : row.out)
             EXPECT_EQ(1u, occurrences(result.out, line + "\n")) << line << " in\n" << result.out;
         for (const auto &piece : row.err)
@@ -119,6 +144,16 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
         EXPECT_EQ(npos, (result.out + result.err).find(sshd().password()));
         EXPECT_EQ(npos, (result.out + result.err).find(kWrongPassword));
     }
+    EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write,
+              fs::status(home / "data" / "telvane" / "keyring").permissions());
+
+    // A keyring that cannot be written: the run keeps its status, and the user learns that nothing was kept.
+    const auto unkept = telvane(login(passwordFile, {good[0]}, {"run", "--remember"}, "echo in"),
+                                {.environment = {{"XDG_DATA_HOME", passwordFile + "/data"}}});
+    EXPECT_EQ(0, unkept.status) << unkept.err;
+    EXPECT_NE(npos, unkept.err.find("--remember: the credentials for " + good[0] +
+                                    " could not be kept in the file keyring: file keyring: cannot create"))
+        << unkept.err;
 }
 
 TEST_F(Cli, BadInputIsRefusedWithStatusTwoInOneLineAndNothingSent)
@@ -136,30 +171,20 @@ TEST_F(Cli, BadInputIsRefusedWithStatusTwoInOneLineAndNothingSent)
     } rows[] = {
         {{"run", "--bogus", host, touch}, "--bogus"},
         {{"run"}, "HOST is required"},
-        {{"frobnicate", host}, "unknown command frobnicate"},
         {{"run", host, latin1}, "not UTF-8 text or holds a NUL byte (line 1); nothing was sent"},
         {{"run", "-o", "Compression=yes", host, touch}, "-o Compression=yes: unsupported option"},
         {{"run", "-o", "StrictHostKeyChecking=maybe", host, touch}, "expected accept-new, yes, no or ask"},
-        {{"run", "@" + host, touch}, "has an empty username"},
         {{"run", "-a", "NOEQUALS", host, touch}, "--arg NOEQUALS: expected KEY=VALUE"},
-        {{"run", "-p", "70000", host, touch}, "70000"},
-        {{"run", "-t", "-1", host, touch}, "-1"},
-        {{"run", "-t", "abc", host, touch}, "--timeout: expected a positive number of seconds, got 'abc'"},
         {{"run", "--password-file", "/nonexistent/pw", host, touch}, "/nonexistent/pw"},
         {{"run", host, home}, "the script " + home + " is a directory"},
-        {{"run", "", touch}, "the host is empty"},
         {{"run", host, comments}, "has nothing to run: every line is blank or holds \"#\""},
         {{"run", "-a", "C=#ff0000", host, touch}, "--arg C: the value holds \"#\""},
         {{"run", host, touch},
          "TELVANE_KEYRING: unknown keyring 'fiel' (use secret-service, file or memory)",
          {{"TELVANE_KEYRING", "fiel"}}},
-        {{"diagnose", "--color=sometimes", host, touch}, "sometimes"},
-        {{"run", "-H", "[::1", touch}, "[IPV6]"},
         {{"run", "-H", "host:0", touch}, "bad port \"0\""},
         {{"run", "--hosts", "/nonexistent/hosts", touch}, "cannot read the hosts file /nonexistent/hosts"},
-        {{"run", "--hosts", "/dev/null", touch}, "no hosts"},
         {{"run", "-H", "a", "--json", "--output-dir", "/tmp", touch}, "excludes"},
-        {{"run", "-H", "a", "--parallel", "0", touch}, "--parallel"},
     };
     for (const auto &row : rows) {
         const auto result = telvane(row.args, {.environment = row.environment});
@@ -168,46 +193,6 @@ TEST_F(Cli, BadInputIsRefusedWithStatusTwoInOneLineAndNothingSent)
         EXPECT_EQ(1u, occurrences(result.err, "\n")) << "one line: " << result.err;
     }
     // (Status 2 is the proof that nothing was sent: these rows have no credentials, so a run would end 254.)
-    // A password file that others can read still works, with a warning.
-    fs::permissions(passwordFile, fs::perms::others_read, fs::perm_options::add);
-    const auto warned = telvane(login({"run", host, touch}));
-    EXPECT_EQ("in\n", warned.out) << warned.err;
-    EXPECT_NE(npos, warned.err.find("readable by others")) << warned.err;
-}
-
-// A pair given whole on the command line comes before the stored one and never deletes it; --remember keeps
-// it once the server took it, and says so when the keyring could not.
-TEST_F(Cli, GivenCredentialsComeFirstAndRememberKeepsThemAsTheKeyringSays)
-{
-    const std::string echo = script("echo in\n"), wrong = write("wrong", kWrongPassword + "\n");
-    const auto given = [&](const std::string &file, std::vector<std::string> more = {}) {
-        more.insert(more.begin(), {"run", "-p", port, "-l", sshd().username(), "--password-file", file});
-        more.insert(more.end(), {sshd().host(), echo});
-        return telvane(more).status;
-    };
-    EXPECT_EQ(253, given(wrong, {"--remember"}));
-    EXPECT_EQ(254, telvane({"run", "-p", port, sshd().host(), echo}).status) << "nothing was kept";
-    EXPECT_EQ(0, given(passwordFile, {"--remember"}));
-    const fs::path keyring = home / "data" / "telvane" / "keyring";
-    EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::status(keyring).permissions());
-    EXPECT_EQ(253, given(wrong)) << "the given pair comes first";
-    const auto stored = telvane({"run", "-p", port, sshd().host(), echo});
-    EXPECT_EQ(0, stored.status) << "the refused given pair deleted the stored one: " << stored.err;
-    EXPECT_EQ("in\n", stored.out);
-    EXPECT_EQ(0, telvane({"forget", sshd().host()}).status);
-    const auto again = telvane({"forget", sshd().host()});
-    EXPECT_EQ(1, again.status);
-    EXPECT_NE(npos, again.err.find("no stored credentials for 127.0.0.1"));
-    EXPECT_EQ(0, given(passwordFile));
-    EXPECT_EQ(1, telvane({"forget", sshd().host()}).status) << "kept without --remember";
-
-    // A keyring that cannot be written: the run keeps its status, and the user learns that nothing was kept.
-    const auto unkept = telvane(login({"run", "--remember", sshd().host(), echo}),
-                                {.environment = {{"XDG_DATA_HOME", passwordFile + "/data"}}});
-    EXPECT_EQ(0, unkept.status) << unkept.err;
-    EXPECT_NE(npos, unkept.err.find("--remember: the credentials for 127.0.0.1 could not be kept in the file "
-                                    "keyring: file keyring: cannot create"))
-        << unkept.err;
 }
 
 TEST_F(Cli, HostsFileOutputDirectoryAndJsonRecords)
@@ -217,9 +202,9 @@ TEST_F(Cli, HostsFileOutputDirectoryAndJsonRecords)
     const fs::path dir = home / "out";
     fs::create_directories(dir);
     fs::create_symlink("/dev/full", dir / good[2]); // a full disk for one host
-    const auto files = telvane(
-        login({"run", "--hosts", hosts, "--output-dir", dir, script("echo $SSH_CONNECTION | cut -d' ' -f3")},
-              {good[2]}));
+    const auto files =
+        telvane(login(passwordFile, {}, {"run", "--hosts", hosts, "--output-dir", dir, "-H", good[2]},
+                      "echo $SSH_CONNECTION | cut -d' ' -f3"));
     EXPECT_EQ(3, files.status) << files.err;
     EXPECT_NE(npos, files.err.find(good[2] + ": cannot write " + (dir / good[2]).string() +
                                    ": No space left on device"))
@@ -229,8 +214,9 @@ TEST_F(Cli, HostsFileOutputDirectoryAndJsonRecords)
     EXPECT_EQ("::1\n", telvane::test::readFile(dir / good[1]));
 
     // Valid UTF-8 stays text; anything else is base64.
-    const auto json = telvane(
-        login({"run", "--hosts", hosts, "--json", script("printf 'gr\\303\\274n\\n'")}, {good[0], good[2]}));
+    const auto json =
+        telvane(login(passwordFile, {}, {"run", "--hosts", hosts, "--json", "-H", good[0], "-H", good[2]},
+                      "printf 'gr\\303\\274n\\n'"));
     EXPECT_EQ(3, json.status) << json.err;
     std::map<std::string, nlohmann::json> records;
     std::istringstream lines(json.out);
@@ -251,7 +237,8 @@ TEST_F(Cli, HostsFileOutputDirectoryAndJsonRecords)
     EXPECT_EQ(R"({"code":1,"name":"connection")", records.at(closed)["error"].dump().substr(0, 29));
 
     // One host, too: its record, and its own status.
-    const auto binary = telvane(login({"run", "--json", sshd().host(), script("printf 'a\\377b'; exit 4")}));
+    const auto binary =
+        telvane(login(passwordFile, {good[0]}, {"run", "--json"}, "printf 'a\\377b'; exit 4"));
     EXPECT_EQ(4, binary.status);
     const auto record = nlohmann::json::parse(binary.out);
     EXPECT_EQ("base64", record["encoding"]);
@@ -260,46 +247,37 @@ TEST_F(Cli, HostsFileOutputDirectoryAndJsonRecords)
 
 TEST_F(Cli, StandardOutputErrorsAreRetriedOrReportedNeverLost)
 {
-    std::string one = TELVANE_CLI_PATH, several = TELVANE_CLI_PATH;
-    for (const auto &arg : login({"run", sshd().host(), "-"}))
-        one += " '" + arg + "'";
-    for (const auto &arg : login({"run", "-"}, {good[0], good[1]}))
-        several += " '" + arg + "'";
-    std::string numbers;
-    for (int i = 1; i <= 200000; ++i)
-        numbers += std::to_string(i) + "\n";
+    const auto command = [&](const std::vector<std::string> &hosts) {
+        std::string line = TELVANE_CLI_PATH;
+        for (const auto &arg : login(passwordFile, hosts))
+            line += " '" + arg + "'";
+        return line + " -";
+    };
+    const std::string one = command({good[0]}), several = command({good[0], good[1]});
+    const std::string numbers = telvane::test::toolOutput("seq 1 200000") + "\n";
     const struct
     {
-        const char *name;
         std::string command; // for bash
         ProcessOptions options;
         int status;
         std::string out, err;
     } rows[] = {
-        {"a full disk",
-         one + " >/dev/full",
+        {one + " >/dev/full",
          {.input = "echo hi\n"},
          252,
          "",
          "telvane: cannot write to standard output: No space left on device\n"},
         // As a program killed by SIGPIPE: status 141, and nothing said.
-        {"a reader that closes the pipe",
-         one + " | head -1; exit ${PIPESTATUS[0]}",
-         {.input = "seq 1 5000000\n"},
-         141,
-         "1\n",
-         ""},
-        // Every run ends, also that of a host that writes nothing more (the summary is not what this is
-        // about).
-        {"a reader that closes the pipe on several hosts",
-         several + " 2>/dev/null | head -3 >/dev/null; exit ${PIPESTATUS[0]}",
+        {one + " | head -1; exit ${PIPESTATUS[0]}", {.input = "seq 1 5000000\n"}, 141, "1\n", ""},
+        // Every run ends, also that of a host that writes nothing more.
+        {several + " 2>/dev/null | head -3 >/dev/null; exit ${PIPESTATUS[0]}",
          {.input = "echo $SSH_CONNECTION | grep -q '^::1' && exec sleep 30; exec yes\n",
           .timeout = std::chrono::seconds(20)},
          141,
          "",
          ""},
-        {"a non-blocking pipe read late",
-         one,
+        // A non-blocking pipe read late.
+        {one,
          {.input = "seq 1 200000\n", .nonBlockingOutput = true, .readDelay = std::chrono::milliseconds(700)},
          0,
          numbers,
@@ -308,9 +286,9 @@ TEST_F(Cli, StandardOutputErrorsAreRetriedOrReportedNeverLost)
     for (auto row : rows) {
         row.options.environment.emplace("TELVANE_KEYRING", "memory");
         const auto result = runProcess({"/bin/bash", "-c", row.command}, row.options);
-        EXPECT_EQ(row.status, result.status) << row.name << ": " << result.err;
-        EXPECT_TRUE(row.out == result.out) << row.name << ": " << result.out.size() << " bytes";
-        EXPECT_EQ(row.err, result.err) << row.name;
+        EXPECT_EQ(row.status, result.status) << row.command << ": " << result.err;
+        EXPECT_TRUE(row.out == result.out) << row.command << ": " << result.out.size() << " bytes";
+        EXPECT_EQ(row.err, result.err) << row.command;
     }
 }
 
@@ -332,7 +310,6 @@ TEST_F(Cli, InterruptEndsEveryRunInEveryStateAndTheRemoteScripts)
         std::string said; // on standard error
     } rows[] = {
         {{silentHost}, streaming, SIGINT, {}, "telvane: interrupted\n"},
-        {{good[0]}, streaming, SIGINT, {}, "telvane: interrupted\n"},
         {{good[0]}, flooding, SIGTERM, std::chrono::seconds(30), "telvane: interrupted\n"},
         {{good[0], good[1], silentHost}, streaming, SIGINT, {}, good[1] + ": stopped ("},
         // At most two at once: the third never starts.
@@ -340,15 +317,12 @@ TEST_F(Cli, InterruptEndsEveryRunInEveryStateAndTheRemoteScripts)
     };
     for (const auto &row : rows) {
         fs::remove(pids);
-        std::vector<std::string> args = {
-            "run", "-t", "30", "--parallel", "2", "-l", sshd().username(), "--password-file", passwordFile};
-        for (const auto &host : row.hosts)
-            args.insert(args.end(), {row.hosts.size() > 1 ? "-H" : "--", host});
-        args.push_back(script(row.script));
-        const auto result = telvane(args, {.timeout = std::chrono::seconds(15),
-                                           .interruptAfter = std::chrono::milliseconds(1500),
-                                           .interruptSignal = row.signal,
-                                           .readDelay = row.readDelay});
+        const auto result =
+            telvane(login(passwordFile, row.hosts, {"run", "-t", "30", "--parallel", "2"}, row.script),
+                    {.timeout = std::chrono::seconds(15),
+                     .interruptAfter = std::chrono::milliseconds(1500),
+                     .interruptSignal = row.signal,
+                     .readDelay = row.readDelay});
         EXPECT_EQ(128 + row.signal, result.status) << row.script << result.err;
         EXPECT_NE(npos, result.err.find(row.said)) << result.err;
         std::ifstream in(pids);
@@ -358,9 +332,13 @@ TEST_F(Cli, InterruptEndsEveryRunInEveryStateAndTheRemoteScripts)
     }
 }
 
+// As ssh: the host key, the password again when refused, once for all hosts, and a server's other questions
+// (a one-time code), never echoed; a Ctrl-C at a question ends the run.
 TEST_F(Cli, OnATerminalAsksAsSshDoesAndOnceForEveryHost)
 {
-    const std::string echo = script("echo in\n");
+    telvane::test::SshdHarness codes(telvane::test::SshdHarness::Server::OneTimeCode);
+    TELVANE_REQUIRE_COMPONENT(codes.start(), codes.reason());
+    const std::string echo = script("echo in\n"), code = codes.oneTimeCode();
     const std::string keyQuestion = "Are you sure you want to continue connecting (yes/no/[fingerprint])? ";
     const std::string passwordQuestion = sshd().username() + "@" + sshd().host() + "'s password: ";
     const auto typed = std::vector<std::string>{
@@ -377,10 +355,9 @@ TEST_F(Cli, OnATerminalAsksAsSshDoesAndOnceForEveryHost)
     } rows[] = {
         {"yes", {}, {{keyQuestion, "yes"}}, 0, 1},
         {"no", {}, {{keyQuestion, "no"}}, 255, 0},
-        {"fingerprint", {}, {{keyQuestion, "FINGERPRINT"}}, 0, 1},
-        {"another word, then yes",
+        {"another word, then the fingerprint",
          {},
-         {{keyQuestion, "sure"}, {"Please type 'yes', 'no' or the fingerprint: ", "yes"}},
+         {{keyQuestion, "sure"}, {"Please type 'yes', 'no' or the fingerprint: ", "FINGERPRINT"}},
          0,
          1},
         {"wrong, then right password",
@@ -400,19 +377,25 @@ TEST_F(Cli, OnATerminalAsksAsSshDoesAndOnceForEveryHost)
          {{"Username (for every host", sshd().username()}, {"Password of", sshd().password()}},
          0,
          3},
+        {"a one-time code",
+         login(passwordFile, {"127.0.0.1:" + std::to_string(codes.port())}, {"run"}, "echo in"),
+         {{"One-time password", code}},
+         0,
+         1},
     };
     for (const auto &row : rows) {
         const std::string knownHosts = (home / ("known_hosts_" + row.name)).string();
-        const auto result =
-            onTerminal(!row.args.empty() ? row.args
-                                         : login({"run", "-o", "StrictHostKeyChecking=ask", "-o",
-                                                  "UserKnownHostsFile=" + knownHosts, sshd().host(), echo}),
-                       row.exchanges);
-        EXPECT_EQ(std::to_string(row.exchanges.size()), result.err) << row.name << ": answers given\n"
-                                                                    << result.out;
+        const auto result = onTerminal(!row.args.empty() ? row.args
+                                                         : login(passwordFile, {good[0]},
+                                                                 {"run", "-o", "StrictHostKeyChecking=ask",
+                                                                  "-o", "UserKnownHostsFile=" + knownHosts},
+                                                                 "echo in"),
+                                       row.exchanges);
+        EXPECT_EQ("0", result.err) << row.name << ": questions never asked\n" << result.out;
         EXPECT_EQ(row.status, result.status) << row.name << ":\n" << result.out;
         EXPECT_EQ(row.ran, occurrences(result.out, "in\r\n")) << row.name << result.out;
         EXPECT_EQ(npos, result.out.find(sshd().password())) << row.name << ": the password echoed";
+        EXPECT_EQ(npos, result.out.find(code)) << row.name << ": the code echoed";
         // As ssh: a key accepted on the terminal is remembered, one refused is not.
         EXPECT_EQ(row.args.empty() && row.status == 0,
                   fs::exists(knownHosts) && fs::file_size(knownHosts) > 0)
@@ -421,36 +404,4 @@ TEST_F(Cli, OnATerminalAsksAsSshDoesAndOnceForEveryHost)
     // Each host's pair was kept under its own name: no user, no password, no terminal, and all succeed.
     several.erase(several.begin() + 1);
     EXPECT_EQ(0, telvane(several).status);
-}
-
-// Keys first, as ssh does: -i, an alias's IdentityFile, or none with PubkeyAuthentication=no; and a second
-// factor asked on the terminal, not echoed.
-TEST_F(Cli, LogsInByKeyAndAsksTheServersOtherQuestionsOnTheTerminal)
-{
-    using Server = telvane::test::SshdHarness::Server;
-    telvane::test::SshdHarness keys(Server::PublicKey), codes(Server::OneTimeCode);
-    TELVANE_REQUIRE_COMPONENT(keys.start() && codes.start(), keys.reason() + codes.reason());
-    const std::string key = keys.makeClientKey("id"), echo = script("echo in\n"), user = sshd().username();
-    const std::string keysAt = "127.0.0.1:" + std::to_string(keys.port());
-    fs::create_directories(home / ".ssh");
-    write(".ssh/config", "Host vault\n  HostName 127.0.0.1\n  Port " + std::to_string(keys.port()) +
-                             "\n  IdentityFile " + key + "\n");
-    const std::pair<std::vector<std::string>, int> rows[] = {
-        {{"run", "-l", user, "-i", key, keysAt, echo}, 0},
-        {{"run", "-l", user, "vault", echo}, 0},
-        {{"run", "-l", user, "-i", key, "-o", "PubkeyAuthentication=no", keysAt, echo}, 253},
-    };
-    for (const auto &[args, status] : rows) {
-        const auto result = telvane(args);
-        EXPECT_EQ(status, result.status) << args[args.size() - 2] << ": " << result.err;
-        EXPECT_EQ(status == 0 ? "in\n" : "", result.out);
-    }
-    const std::string code = codes.oneTimeCode();
-    const auto coded = onTerminal({"run", "-l", user, "--password-file", passwordFile,
-                                   "127.0.0.1:" + std::to_string(codes.port()), echo},
-                                  {{"One-time password", code}});
-    EXPECT_EQ("1", coded.err) << coded.out;
-    EXPECT_EQ(0, coded.status) << coded.out;
-    EXPECT_NE(npos, coded.out.find("in\r\n")) << coded.out;
-    EXPECT_EQ(npos, coded.out.find(code)) << "the code echoed";
 }

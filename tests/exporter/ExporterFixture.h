@@ -7,98 +7,87 @@
 #include <httplib.h>
 
 #include <csignal>
-#include <map>
-#include <memory>
 #include <sys/wait.h>
 
 namespace telvane::test {
 
-/// A program that runs beside the test (the exporter, Prometheus), its output in a file, killed at the end.
+/// A program beside the test (the exporter, Prometheus), its output in a fresh log, killed at the end.
 class Daemon
 {
 public:
     Daemon(const std::vector<std::string> &argv, std::string logPath) : logPath_(std::move(logPath))
     {
-        std::ofstream(logPath_, std::ios::trunc); // a fresh log: an earlier run's lines must not be found
+        std::ofstream(logPath_, std::ios::trunc); // an earlier run's lines must not be found
         pid_ = startDaemon(argv, logPath_);
     }
-    ~Daemon() { signal(SIGKILL), wait(); }
+    ~Daemon() { killDaemon(pid_); }
     std::string log() const { return readFile(logPath_); }
     void signal(int number) const { pid_ > 0 && ::kill(pid_, number); }
-    /// Waits for @p text in the output; false when the program ended first or took more than a minute.
-    bool waitForLog(const std::string &text)
+    /// Waits a minute at most for @p text in the output; false when the program ended first.
+    bool waitForLog(const std::string &text) const
     {
-        for (int i = 0; i < 6000; ++i) {
-            if (log().find(text) != std::string::npos)
-                return true;
-            if (ended())
-                return false;
-            ::usleep(10000);
-        }
-        return false;
+        siginfo_t ended{};
+        const auto logged = [&] {
+            return log().find(text) != std::string::npos;
+        };
+        waitUntil(
+            [&] {
+                return logged() || ::waitid(P_PID, pid_, &ended, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+                       ended.si_pid != 0;
+            },
+            std::chrono::seconds(60));
+        return logged();
     }
-    /// The exit status once it has ended, or -1.
-    int wait()
+    /// Ends it with the signal @p number; its exit status.
+    int stop(int number)
     {
         int status = 0;
-        if (pid_ > 0 && ::waitpid(pid_, &status, 0) == pid_)
-            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), pid_ = -1;
-        return status_;
+        signal(number);
+        ::waitpid(std::exchange(pid_, -1), &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
 private:
-    bool ended()
-    {
-        int status = 0;
-        if (::waitpid(pid_, &status, WNOHANG) != pid_)
-            return false;
-        status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), pid_ = -1;
-        return true;
-    }
     std::string logPath_;
     pid_t pid_ = -1;
-    int status_ = -1;
 };
 
-/// telvane-exporter with a configuration file, on a free loopback port.
-class Exporter
+/// telvane-exporter with a configuration file, on a free loopback port (0: it did not start).
+class Exporter : public Daemon
 {
 public:
     Exporter(const std::string &directory, const std::string &config, std::vector<std::string> flags = {})
+        : Daemon(arguments(config, std::move(flags)), directory + "/exporter.log")
     {
-        flags.insert(flags.begin(),
-                     {TELVANE_EXPORTER_PATH, "--config.file=" + config, "--web.listen-address=127.0.0.1:0"});
-        ::setenv("TELVANE_KEYRING", "memory",
-                 1); // the exporter inherits it: nothing of the machine's keyring
-        daemon = std::make_unique<Daemon>(flags, directory + "/exporter.log");
-        if (daemon->waitForLog("listening on ")) {
-            const std::string log = daemon->log();
-            port = std::stoi(log.substr(log.find("127.0.0.1:", log.find("listening on ")) + 10));
+        if (waitForLog("listening on ")) {
+            const std::string text = log();
+            port = std::stoi(text.substr(text.find("127.0.0.1:", text.find("listening on ")) + 10));
         }
     }
-    /// Stops it as the service manager does: it must end cleanly, which is also when the sanitizers report.
-    ~Exporter()
-    {
-        if (port == 0)
-            return;
-        daemon->signal(SIGTERM);
-        EXPECT_EQ(0, daemon->wait()) << daemon->log();
-    }
+    /// Stopped as the service manager does: it must end cleanly, which is also when the sanitizers report.
+    ~Exporter() { EXPECT_EQ(0, port != 0 ? stop(SIGTERM) : 0) << log(); }
     /// GET @p path; the status and the body (status 0 when there was no answer).
     std::pair<int, std::string> get(const std::string &path, const httplib::Headers &headers = {}) const
     {
         httplib::Client client("127.0.0.1", port);
         client.set_read_timeout(std::chrono::seconds(120));
-        const auto result = client.Get(path.c_str(), headers);
+        const auto result = client.Get(path, headers);
         return result ? std::pair{result->status, result->body} : std::pair{0, std::string()};
     }
     int post(const std::string &path) const
     {
-        const auto result = httplib::Client("127.0.0.1", port).Post(path.c_str());
+        const auto result = httplib::Client("127.0.0.1", port).Post(path);
         return result ? result->status : 0;
     }
-    std::unique_ptr<Daemon> daemon;
     int port = 0;
+
+private:
+    static std::vector<std::string> arguments(const std::string &config, std::vector<std::string> flags)
+    {
+        flags.insert(flags.begin(),
+                     {TELVANE_EXPORTER_PATH, "--config.file=" + config, "--web.listen-address=127.0.0.1:0"});
+        return flags;
+    }
 };
 
 /// The loopback sshd, a directory for the test's files, and a known-hosts file that holds the daemon's keys.
@@ -110,6 +99,8 @@ protected:
         SshdTest::SetUp();
         if (HasFatalFailure() || IsSkipped())
             return;
+        ::setenv("TELVANE_KEYRING", "memory",
+                 1); // the exporter inherits it: nothing of the machine's keyring
         const std::string password = write("password", sshd().password() + "\n");
         dir = password.substr(0, password.rfind('/'));
         std::string knownHosts;
@@ -133,9 +124,9 @@ protected:
                "\n" + extra;
     }
     /// A configuration file with @p modules, which allows the loopback addresses.
-    std::string config(const std::string &modules, const std::string &name = "exporter.yml") const
+    std::string config(const std::string &modules) const
     {
-        return write(name, "modules:\n" + modules + "targets: [\"127.0.0.1\", \"::1\"]\n");
+        return write("exporter.yml", "modules:\n" + modules + "targets: [\"127.0.0.1\", \"::1\"]\n");
     }
     std::string dir;
 };

@@ -5,28 +5,21 @@
 #include "support/Process.h"
 
 #include <nlohmann/json.hpp>
+#include <regex>
 
 using namespace telvane::test;
 
 namespace {
 
-/// The README's YAML examples, in order.
-std::vector<std::string> readmeYaml()
+/// The README's @p skip + 1st YAML example that starts with @p start; empty when there is none.
+std::string readmeYaml(const std::string &start, int skip = 0)
 {
     const std::string readme = readFile(TELVANE_SOURCE_DIR "/README.md");
-    std::vector<std::string> blocks;
-    for (auto at = readme.find("```yaml\n"); at != std::string::npos; at = readme.find("```yaml\n", at)) {
-        at += 8;
-        blocks.push_back(readme.substr(at, readme.find("```", at) - at));
-    }
-    return blocks;
-}
-
-std::string replaced(std::string text, const std::string &from, const std::string &to)
-{
-    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
-        text.replace(at, from.size(), to);
-    return text;
+    for (auto at = readme.find("```yaml\n" + start); at != std::string::npos;
+         at = readme.find("```yaml\n" + start, at + 1))
+        if (skip-- == 0)
+            return readme.substr(at + 8, readme.find("```", at + 8) - at - 8);
+    return {};
 }
 
 // The value of the one series that @p query gives, as Prometheus' HTTP API writes it; empty when none.
@@ -46,15 +39,8 @@ TEST_F(ExporterTest, PrometheusScrapesTheProbeWithTheReadmesConfiguration)
 {
     TELVANE_REQUIRE_COMPONENT(::access("/usr/bin/prometheus", X_OK) == 0,
                               "no prometheus (Debian's prometheus)");
-    const auto blocks = readmeYaml();
-    const auto find = [&](const std::string &start, int skip = 0) {
-        for (const auto &block : blocks)
-            if (block.rfind(start, 0) == 0 && skip-- == 0)
-                return block;
-        return std::string();
-    };
-    const std::string scrape = find("scrape_configs:"), sharded = find("scrape_configs:", 1),
-                      rules = find("groups:");
+    const std::string scrape = readmeYaml("scrape_configs:"), sharded = readmeYaml("scrape_configs:", 1),
+                      rules = readmeYaml("groups:");
     ASSERT_FALSE(scrape.empty() || sharded.empty() || rules.empty()) << "the README lost an example";
     for (const auto &[what, file] :
          {std::pair{"rules", write("rules.yml", rules)}, {"config", write("sharded.yml", sharded)}}) {
@@ -64,11 +50,13 @@ TEST_F(ExporterTest, PrometheusScrapesTheProbeWithTheReadmesConfiguration)
 
     Exporter exporter(dir, config(module("uptime", readFile(TELVANE_SOURCE_DIR "/examples/uptime.sh"),
                                          "    arguments: {THRESHOLD: \"4\"}\n")));
-    ASSERT_NE(0, exporter.port) << exporter.daemon->log();
+    ASSERT_NE(0, exporter.port) << exporter.log();
     std::string prometheus = "global:\n  scrape_interval: 2s\n  scrape_timeout: 2s\n" + scrape;
-    prometheus = replaced(prometheus, "127.0.0.1:9815", "127.0.0.1:" + std::to_string(exporter.port));
-    prometheus = replaced(prometheus, R"(["sensor-1.example.org", "sensor-2.example.org:2222"])",
-                          "[\"127.0.0.1:" + std::to_string(sshd().port()) + "\"]");
+    prometheus = std::regex_replace(prometheus, std::regex("127\\.0\\.0\\.1:9815"),
+                                    "127.0.0.1:" + std::to_string(exporter.port));
+    prometheus =
+        std::regex_replace(prometheus, std::regex(R"(\["sensor-1\.example\.org", "sensor-2[^\]]*\])"),
+                           "[\"127.0.0.1:" + std::to_string(sshd().port()) + "\"]");
     const int port = LoopbackSocket().port();
     Daemon server({"/usr/bin/prometheus", "--config.file=" + write("prometheus.yml", prometheus),
                    "--storage.tsdb.path=" + dir + "/tsdb",
@@ -80,7 +68,7 @@ TEST_F(ExporterTest, PrometheusScrapesTheProbeWithTheReadmesConfiguration)
         "{instance=\"127.0.0.1:" + std::to_string(sshd().port()) + "\",job=\"telvane\"}";
     EXPECT_TRUE(waitUntil([&] { return queryValue(port, "telvane_probe_success" + instance) == "1"; },
                           std::chrono::seconds(60)))
-        << exporter.daemon->log() << server.log();
+        << exporter.log() << server.log();
     EXPECT_EQ("4", queryValue(port, "sensor_load_threshold" + instance));
     // The exporter's own metrics, from the second job.
     EXPECT_TRUE(waitUntil([&] { return queryValue(port, "telvane_exporter_build_info") == "1"; },
