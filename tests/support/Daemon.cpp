@@ -16,6 +16,16 @@ bool runTool(const std::string &command, const std::string &input)
     return runProcess({"/bin/sh", "-c", command}, options).status == 0;
 }
 
+std::string toolOutput(const std::string &command)
+{
+    ProcessResult run = runProcess({"/bin/sh", "-c", command});
+    if (run.status != 0)
+        return {};
+    if (!run.out.empty() && run.out.back() == '\n')
+        run.out.pop_back();
+    return run.out;
+}
+
 pid_t startDaemon(const std::vector<std::string> &argv, const std::string &logPath)
 {
     // Everything the child needs is made before fork: after it only async-signal-safe calls are allowed.

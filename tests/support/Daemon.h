@@ -12,6 +12,9 @@ namespace telvane::test {
 /// be a password); true when it exits with 0.
 bool runTool(const std::string &command, const std::string &input = {});
 
+/// The standard output of the shell command @p command, without its last line break; empty when it fails.
+std::string toolOutput(const std::string &command);
+
 /// Starts @p argv (an absolute path first) with standard output and error appended to @p logPath, in the
 /// foreground of a process of its own that dies with the calling thread. -1 when it cannot be started.
 pid_t startDaemon(const std::vector<std::string> &argv, const std::string &logPath);

@@ -1,6 +1,5 @@
 // What differs between the harness's servers: programs, host keys, configuration, PAM stack and client keys.
 #include "support/Daemon.h"
-#include "support/Process.h"
 #include "support/SshdHarness.h"
 
 #include <atomic>
@@ -133,10 +132,8 @@ std::string SshdHarness::openSshConfig() const
 
 std::string SshdHarness::oneTimeCode()
 {
-    const std::string code = runProcess({kOathTool, "--hotp", "-c", std::to_string(nextCounter_++),
-                                         "@" + directory_ + "/oath.key"})
-                                 .out;
-    return code.substr(0, code.find('\n'));
+    return toolOutput(std::string(kOathTool) + " --hotp -c " + std::to_string(nextCounter_++) + " @" +
+                      directory_ + "/oath.key");
 }
 
 std::string SshdHarness::makeClientKey(const std::string &name, const std::string &passphrase)
