@@ -65,8 +65,9 @@ TEST_P(HostKeys, FollowThePolicyAndTheDelegate)
 {
     const auto &row = GetParam();
     file = sshd().writeFile("known_hosts", "");
-    if (row.known == Known::RightKey)
+    if (row.known == Known::RightKey) {
         ASSERT_EQ(0, runWith(TelvaneHostKeyPolicy::AcceptNew)->terminationStatus()) << log.joined();
+    }
     if (row.known == Known::OtherKey) // a key that no harness ever has
         std::ofstream(file) << "# an older key\n"
                             << entry << " ssh-ed25519 "
@@ -75,8 +76,9 @@ TEST_P(HostKeys, FollowThePolicyAndTheDelegate)
     const auto asking = runWith(row.policy, row.delegateAnswer, row.closeWhenAsked);
 
     EXPECT_EQ(row.runs, asking->terminationStatus() == 0) << log.joined();
-    if (!row.runs)
+    if (!row.runs) {
         EXPECT_EQ(1, asking->failureCode());
+    }
     EXPECT_EQ(1, asking->count(RecordingDelegate::Event::Failed) +
                      asking->count(RecordingDelegate::Event::Started));
     const bool asked = row.policy != TelvaneHostKeyPolicy::AcceptAny && row.known != Known::RightKey;

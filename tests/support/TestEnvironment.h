@@ -159,8 +159,7 @@ protected:
     }
     void TearDown() override
     {
-        if (delegate)
-            EXPECT_EQ("", delegate->outcomeFaults());
+        EXPECT_EQ("", delegate ? delegate->outcomeFaults() : "");
         const std::string sent = delegate && delegate->answer ? delegate->answer->password : "";
         for (const auto &line : log.lines())
             for (const auto &secret : {account().password, sent})
