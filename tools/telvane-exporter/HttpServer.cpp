@@ -1,6 +1,6 @@
 #include "HttpServer.h"
 
-#include "HostSpec.h"
+#include "HostAddress.h"
 #include "Log.h"
 
 #include <httplib.h>
@@ -125,11 +125,11 @@ void ExporterServer::handleProbe(const httplib::Request &request, httplib::Respo
         return answer(response, 400, "unknown module \"" + moduleName + "\"");
     const std::string target = request.get_param_value("target");
     std::string error;
-    const auto spec = parseHostSpec(target, module->second.port, error);
-    if (!spec || spec->user || !isHostName(spec->host))
+    const auto address = parseHostAddress(target, module->second.port, error);
+    if (!address || address->user || !isHostName(address->host))
         return answer(response, 400,
                       "bad target \"" + target + "\": expected HOST, HOST:PORT or [IPV6]:PORT");
-    if (!config->targets.allows(spec->host)) {
+    if (!config->targets.allows(address->host)) {
         metrics_.countProbe(moduleName, "forbidden");
         logLine("refused a probe of " + target + ": not in the allowed targets");
         return answer(response, 403, "the target " + target + " is not in the allowed targets");
@@ -140,7 +140,7 @@ void ExporterServer::handleProbe(const httplib::Request &request, httplib::Respo
         return answer(response, 503, "too many probes in flight");
     }
     const double seconds = probeSeconds(request, module->second.timeout, settings_.timeoutOffset);
-    answerProbe(module->second, target, spec->host, spec->port, seconds, response);
+    answerProbe(module->second, target, address->host, address->port, seconds, response);
     inFlight_.fetch_sub(1);
 }
 

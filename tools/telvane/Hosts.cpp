@@ -1,6 +1,6 @@
 #include "Hosts.h"
 
-#include "HostSpec.h"
+#include "HostAddress.h"
 #include "SshStyle.h"
 
 #include <cerrno>
@@ -67,15 +67,15 @@ std::optional<std::vector<WrittenHost>> writtenHosts(const HostRequest &request,
     return hosts;
 }
 
-HostSettings settle(HostSpec spec, const HostRequest &request, const SshOptions &options)
+HostSettings settle(HostAddress address, const HostRequest &request, const SshOptions &options)
 {
-    const SshConfigEntry alias = lookUpSshConfig(spec.host);
+    const SshConfigEntry alias = lookUpSshConfig(address.host);
     HostSettings host;
-    host.label = std::move(spec.label);
-    host.host = std::move(spec.host);
+    host.label = std::move(address.label);
+    host.host = std::move(address.host);
     host.connectHost = alias.hostName;
-    host.port = spec.port != 0 ? spec.port : request.port.value_or(alias.port != 0 ? alias.port : 22);
-    host.user = spec.user ? spec.user : request.user ? request.user : alias.user;
+    host.port = address.port != 0 ? address.port : request.port.value_or(alias.port != 0 ? alias.port : 22);
+    host.user = address.user ? address.user : request.user ? request.user : alias.user;
     host.knownHostsFile = options.knownHostsFile;
     host.policy = hostKeyPolicyFor(options.mode);
     host.askAboutKeys = options.mode == "ask";
@@ -99,15 +99,15 @@ std::optional<std::vector<HostSettings>> settleHosts(const HostRequest &request,
     std::vector<HostSettings> hosts;
     std::unordered_map<std::string, int> seen;
     for (const auto &[text, origin] : *written) {
-        auto spec =
-            checkHost(text, error) ? parseHostSpec(text, 0, error) : std::nullopt; // 0: no port written
-        if (!spec) {
+        auto address =
+            checkHost(text, error) ? parseHostAddress(text, 0, error) : std::nullopt; // 0: no port written
+        if (!address) {
             error = origin + error;
             return std::nullopt;
         }
-        if (const int repeat = ++seen[spec->label]; repeat > 1)
-            spec->label.append(1, '#').append(std::to_string(repeat));
-        hosts.push_back(settle(std::move(*spec), request, options));
+        if (const int repeat = ++seen[address->label]; repeat > 1)
+            address->label.append(1, '#').append(std::to_string(repeat));
+        hosts.push_back(settle(std::move(*address), request, options));
     }
     return hosts;
 }

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-struct HostSpec
+struct HostAddress
 {
     std::string label; ///< the host exactly as written
     std::string host;  ///< a name or an address, without brackets
@@ -14,4 +14,4 @@ struct HostSpec
 
 /// Reads one host written as HOST, USER@HOST, HOST:PORT or [IPV6]:PORT (a bare IPv6 address takes
 /// @p defaultPort). Nothing, with @p error saying why, when it is not one of those.
-std::optional<HostSpec> parseHostSpec(const std::string &text, long defaultPort, std::string &error);
+std::optional<HostAddress> parseHostAddress(const std::string &text, long defaultPort, std::string &error);

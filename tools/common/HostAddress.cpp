@@ -1,4 +1,4 @@
-#include "HostSpec.h"
+#include "HostAddress.h"
 
 #include <charconv>
 
@@ -15,9 +15,9 @@ std::optional<long> parsePort(std::string_view text)
 
 } // namespace
 
-std::optional<HostSpec> parseHostSpec(const std::string &text, long defaultPort, std::string &error)
+std::optional<HostAddress> parseHostAddress(const std::string &text, long defaultPort, std::string &error)
 {
-    HostSpec host;
+    HostAddress host;
     host.label = text;
     host.port = defaultPort;
     std::string rest = text;
