@@ -77,10 +77,12 @@ INSTANTIATE_TEST_SUITE_P(
 // gets every byte in order, none before the start nor after the outcome, and the pipe carries only its end.
 TEST_F(SensorRunTest, AStartToldLateStillComesBeforeTheEndAndTheFirstByte)
 {
-    std::string expected;
-    for (int i = 1; i <= 100000; ++i)
-        expected += std::to_string(i) + '\n';
     for (const bool sink : {false, true}) {
+        // Through the pipe the output must fit in it, or the pump could not end before the reader starts.
+        const int lines = sink ? 100000 : 1000;
+        std::string expected;
+        for (int i = 1; i <= lines; ++i)
+            expected += std::to_string(i) + '\n';
         freshDelegate();
         delegate->sink = sink;
         auto sensor = makeSensor();
@@ -88,7 +90,7 @@ TEST_F(SensorRunTest, AStartToldLateStillComesBeforeTheEndAndTheFirstByte)
             std::this_thread::sleep_for(300ms);
         };
         const int threads = threadCount(); // the first run started what lives on (libssh's, a sanitizer's)
-        ASSERT_TRUE(runToEnd(*sensor, "seq 1 100000")) << log.joined();
+        ASSERT_TRUE(runToEnd(*sensor, "seq 1 " + std::to_string(lines))) << log.joined();
         // Once the pump and the reader have returned, a late sink call would have come.
         ASSERT_TRUE(!sink || waitUntil([&] { return threadCount() <= threads; }))
             << "a pump or reader runs on";
