@@ -3,6 +3,7 @@
 #include "Run_p.h"
 
 #include "LogTexts_p.h"
+#include "Platform/SshLibrary_p.h"
 #include "Telvane_p.h"
 #include <Telvane/TelvaneLog.h>
 
@@ -68,8 +69,14 @@ bool Run::startPump()
     d_.running = true;
     state_ = State::Running;
     try {
-        // The pump keeps the sensor and its run alive for as long as it runs.
-        std::thread([sensor = q_.shared_from_this(), run = shared_from_this()] { run->pump(); }).detach();
+        // The pump keeps the sensor and its run alive for as long as it runs; both go before the thread
+        // tells a waiting exit that it is done.
+        std::thread([sensor = q_.shared_from_this(), run = shared_from_this()]() mutable {
+            run->pump();
+            run.reset();
+            sensor.reset();
+            pumpThreadDone();
+        }).detach();
     } catch (const std::system_error &e) {
         return failSaying(TelvaneErrorConnection, std::string("cannot start the output pump: ") + e.what());
     }
@@ -180,6 +187,7 @@ void Run::reportReadFailure(int last)
 // reader sees end of file only after the report), and last the outcome.
 void Run::endPump(int last, Clock::time_point begun)
 {
+    pumpEndBegun();
     phases_.output = std::chrono::duration<double>(Clock::now() - begun).count();
     State end = State::Stopped;
     long status = 0;
