@@ -164,21 +164,6 @@ void serveExec(const Connection &c, const std::string &command)
     endChannel(c, WIFEXITED(status) ? WEXITSTATUS(status) : 255);
 }
 
-bool acceptLogin(Connection &c, const std::string &user, const char *password, const char *const *account)
-{
-    if (c.fault.is("stall-auth")) {
-        logLine("stall-auth: never answering the login of \"%s\"", user.c_str());
-        drain(c.fd, -1);
-        _exit(0);
-    }
-    if (user != account[0] || std::string(password ? password : "") != account[1] ||
-        c.fault.is("refuse-password")) {
-        logLine("login as \"%s\" refused, fault %s", user.c_str(), c.fault.name.c_str());
-        return false;
-    }
-    return true;
-}
-
 // Answers the client's requests after the key exchange until its exec request has been served.
 void serveRequests(Connection &c, const char *const *account)
 {
@@ -191,11 +176,20 @@ void serveRequests(Connection &c, const char *const *account)
         ssh_message m = message.get();
         const int type = ssh_message_type(m);
         const int subtype = ssh_message_subtype(m);
-        if (type == SSH_REQUEST_AUTH && subtype == SSH_AUTH_METHOD_PASSWORD && !authenticated &&
-            acceptLogin(c, ssh_message_auth_user(m), ssh_message_auth_password(m), account)) {
+        if (type == SSH_REQUEST_AUTH && c.fault.is("stall-auth")) {
+            logLine("stall-auth: never answering the login of \"%s\"", ssh_message_auth_user(m));
+            drain(c.fd, -1);
+            _exit(0);
+        }
+        const bool password = type == SSH_REQUEST_AUTH && subtype == SSH_AUTH_METHOD_PASSWORD;
+        if (password && !authenticated && !c.fault.is("refuse-password") &&
+            ssh_message_auth_user(m) == std::string(account[0]) &&
+            ssh_message_auth_password(m) == std::string(account[1])) {
             authenticated = true;
             ssh_message_auth_reply_success(m, 0);
         } else if (type == SSH_REQUEST_AUTH) {
+            if (password)
+                logLine("login as \"%s\" refused, fault %s", ssh_message_auth_user(m), c.fault.name.c_str());
             ssh_message_auth_set_methods(m, SSH_AUTH_METHOD_PASSWORD);
             ssh_message_reply_default(m);
         } else if (type == SSH_REQUEST_CHANNEL_OPEN && subtype == SSH_CHANNEL_SESSION && authenticated &&
