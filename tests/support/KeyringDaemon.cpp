@@ -27,8 +27,12 @@ std::string message(GError *error)
 // nothing (a second keyring, a prompter) is ever started behind the test's back.
 std::string busConfig(const std::string &dir)
 {
-    return "<busconfig><type>session</type><listen>unix:path=" + dir +
-           "/bus</listen><policy context=\"default\"><allow send_destination=\"*\"/><allow own=\"*\"/>"
+    return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+           " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+           "<busconfig><type>session</type><listen>unix:path=" +
+           dir +
+           "/bus</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+           "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/>"
            "</policy></busconfig>\n";
 }
 
@@ -73,13 +77,18 @@ bool KeyringDaemon::start(With what)
     if (dir_.empty() || !std::filesystem::create_directory(dir_ + "/run"))
         return fail("cannot make a temporary directory");
     std::filesystem::permissions(dir_ + "/run", std::filesystem::perms::owner_all);
-    // The bus's socket appears once it listens.
+    // The bus prints its address once it listens: that line is the readiness signal.
     std::ofstream(dir_ + "/bus.conf") << busConfig(dir_);
-    address_ = "unix:path=" + dir_ + "/bus";
-    bus_ =
-        spawn({"dbus-daemon", "--config-file=" + dir_ + "/bus.conf", "--nofork", "--nopidfile"}, "bus.log");
-    if (bus_ <= 0 ||
-        !waitUntil([&] { return std::filesystem::exists(dir_ + "/bus"); }, std::chrono::seconds(10)))
+    bus_ = spawn({"dbus-daemon", "--config-file=" + dir_ + "/bus.conf", "--print-address=1", "--nofork",
+                  "--nopidfile"},
+                 "bus.log");
+    const auto printed = [&] {
+        const std::string text = readFile(dir_ + "/bus.log");
+        const auto at = text.find("unix:"), end = text.find('\n', at);
+        return at == std::string::npos || end == std::string::npos ? std::string()
+                                                                   : text.substr(at, end - at);
+    };
+    if (bus_ <= 0 || !waitUntil([&] { return !(address_ = printed()).empty(); }, std::chrono::seconds(10)))
         return fail("dbus-daemon (Debian package dbus) did not listen: " + readFile(dir_ + "/bus.log"));
     ::setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
     // GLib makes one session connection per process and, by default, raises SIGTERM when its bus goes away.
