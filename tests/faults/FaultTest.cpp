@@ -37,7 +37,7 @@ protected:
     void SetUp() override
     {
         SensorTest::SetUp();
-        server_.emplace(options_);
+        server_.emplace(account_.username, account_.password);
         TELVANE_REQUIRE_COMPONENT(server_->started(), server_->error());
         takeBaseline();
         logStart_ = server_->log().size();
@@ -56,7 +56,7 @@ protected:
                       << server_->log();
     }
 
-    TelvaneCredentialsDictionary account() const override { return {options_.user, options_.password}; }
+    TelvaneCredentialsDictionary account() const override { return account_; }
     std::string host() const override { return server_->host(); }
     long port() const override { return server_->port(); }
     FaultServer &server() { return *server_; }
@@ -67,12 +67,13 @@ protected:
     {
         EXPECT_TRUE(server().setFault(fault));
         auto sensor = SensorTest::makeSensor(host(), port ? port : this->port(), timeout);
-        EXPECT_TRUE(TelvaneKeychain::setPassword(kPassword, sensor->serviceNameForSensor(), options_.user));
+        EXPECT_TRUE(
+            TelvaneKeychain::setPassword(kPassword, sensor->serviceNameForSensor(), account_.username));
         return sensor;
     }
 
-    FaultServer::Options options_{"tester", kPassword}; // the server's one account
-    std::size_t logStart_ = 0;                          // the server's log after the warm run
+    TelvaneCredentialsDictionary account_{"tester", kPassword}; // the server's one account
+    std::size_t logStart_ = 0;                                  // the server's log after the warm run
 
 private:
     std::optional<FaultServer> server_;
@@ -140,7 +141,7 @@ TEST_P(Fails, OnceWithItsCodeLineAndReasonWithinItsBound)
     // The server's refusals keep the library's own words beside the reason; only a refused login makes the
     // stored pair worthless.
     EXPECT_EQ(row.fault.rfind("refuse-", 0) == 0, !failure->detail.empty()) << failure->detail;
-    const auto kept = TelvaneKeychain::passwordForService(sensor->serviceNameForSensor(), options_.user);
+    const auto kept = TelvaneKeychain::passwordForService(sensor->serviceNameForSensor(), account_.username);
     EXPECT_EQ(row.code == TelvaneErrorAuthentication ? std::nullopt : std::optional(std::string(kPassword)),
               kept);
     EXPECT_EQ(std::string::npos, server().log().find("exec, fault", logStart_));
@@ -275,7 +276,7 @@ INSTANTIATE_TEST_SUITE_P(
 class Utf8Login : public FaultTest
 {
 public:
-    Utf8Login() { options_ = {"jörg", "pässwörd-日本"}; }
+    Utf8Login() { account_ = {"jörg", "pässwörd-日本"}; }
 };
 
 TEST_F(Utf8Login, SendsTheCredentialsUnchanged)

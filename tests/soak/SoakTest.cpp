@@ -2,7 +2,6 @@
 // stay flat), and sixty-four sensors at once, most of them stopped from other threads at random moments.
 #include "support/SshdFixture.h"
 
-#include <atomic>
 #include <fstream>
 #include <random>
 #include <thread>
@@ -67,11 +66,11 @@ TEST_F(Soak, RunsInARowLeaveDescriptorsAndMemoryFlat)
         << "resident memory grew from " << rssAfterWarmUp << " KiB after 100 runs to " << residentKiB();
 }
 
-// Every fourth sensor runs to its end; the others are stopped (some twice) before, during or after their
-// logins, while output flows or the script sleeps. Each ends in a way a stop allows.
+// Every fourth sensor runs to its end; the others are stopped (some twice) from threads of their own, before,
+// during or after their logins, while output flows or the script sleeps. Each ends in a way a stop allows. A
+// hung runScript or stopScript ends the case at its time-out.
 TEST_F(Soak, SixtyFourSensorsStoppedAtRandomMomentsEndCleanly)
 {
-    constexpr int kSensors = 64;
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
@@ -83,38 +82,27 @@ TEST_F(Soak, SixtyFourSensorsStoppedAtRandomMomentsEndCleanly)
     std::vector<std::shared_ptr<Telvane>> sensors;
     std::vector<std::shared_ptr<RecordingDelegate>> delegates;
     std::vector<int> stopAfterMs;
-    // The threads hold what they use strongly, so that a hung one can be left behind without dangling.
-    auto finished = std::make_shared<std::atomic<int>>(0);
     std::vector<std::thread> workers;
-    for (int i = 0; i < kSensors; ++i) {
-        sensors.push_back(
-            Telvane::create("s" + std::to_string(i), "Sensor", sshd().host(), sshd().port(), 20.0));
+    for (int i = 0; i < 64; ++i) {
+        sensors.push_back(Telvane::create("s" + std::to_string(i), "S", sshd().host(), sshd().port(), 20.0));
         delegates.push_back(accountDelegate());
         sensors[i]->setDelegate(delegates[i]);
         stopAfterMs.push_back(i % 4 == 0 ? -1 : delay(random));
-        workers.emplace_back([sensor = sensors[i], finished] {
-            sensor->runScript("seq 1 3000\nsleep 1\necho done\nexit 7", std::nullopt);
-            ++*finished;
+        workers.emplace_back([&sensor = *sensors[i]] {
+            sensor.runScript("seq 1 3000\nsleep 1\necho done\nexit 7", std::nullopt);
         });
         if (stopAfterMs[i] >= 0)
-            workers.emplace_back([sensor = sensors[i], finished, ms = stopAfterMs[i]] {
+            workers.emplace_back([&sensor = *sensors[i], ms = stopAfterMs[i]] {
                 std::this_thread::sleep_for(std::chrono::milliseconds(ms));
                 for (int n = 0; n <= ms % 2; ++n)
-                    sensor->stopScript();
-                ++*finished;
+                    sensor.stopScript();
             });
-    }
-    if (!waitUntil([&] { return finished->load() == static_cast<int>(workers.size()); }, 120s)) {
-        for (auto &worker : workers)
-            worker.detach();
-        FAIL() << finished->load() << " of " << workers.size()
-               << " runScript/stopScript calls returned in 120 s";
     }
     for (auto &worker : workers)
         worker.join();
     // Every pump and reader thread ends by itself once its run has ended.
     ASSERT_TRUE(waitUntil([&] { return threadCount() == threads_; }, 60s)) << threadCount() << " threads";
-    for (int i = 0; i < kSensors; ++i) {
+    for (int i = 0; i < 64; ++i) {
         SCOPED_TRACE("sensor " + std::to_string(i) + ", stopped after " + std::to_string(stopAfterMs[i]) +
                      " ms");
         const RecordingDelegate &d = *delegates[i];
@@ -126,14 +114,10 @@ TEST_F(Soak, SixtyFourSensorsStoppedAtRandomMomentsEndCleanly)
         // stands in for a status that never came).
         EXPECT_TRUE(started ? !d.failureCode()
                             : d.failureCode() == TelvaneErrorConnection && !d.terminationStatus());
-        if (stopAfterMs[i] < 0) {
-            EXPECT_EQ(std::optional<long>(7), d.terminationStatus());
-            EXPECT_EQ(full, d.output());
-        } else {
-            EXPECT_TRUE(!d.terminationStatus() || *d.terminationStatus() == 7 || *d.terminationStatus() == 0);
-            EXPECT_EQ(0, full.compare(0, d.output().size(), d.output()))
-                << "not a prefix of the whole output";
-        }
+        const auto status = d.terminationStatus().value_or(0);
+        EXPECT_TRUE(stopAfterMs[i] < 0 ? status == 7 && d.output() == full
+                                       : (status == 7 || status == 0) && full.rfind(d.output(), 0) == 0)
+            << status << " after output of " << d.output().size() << " bytes";
     }
     if (HasFailure())
         std::cerr << log.joined();

@@ -12,10 +12,10 @@ namespace {
 constexpr std::string_view kListening = "listening on port ";
 }
 
-FaultServer::FaultServer(Options options) : options_(std::move(options))
+FaultServer::FaultServer(const std::string &user, const std::string &password)
 {
     if (!directory_.empty())
-        pid_ = startDaemon({TELVANE_FAULTD_PATH, options_.user, options_.password, directory_ + "/fault"},
+        pid_ = startDaemon({TELVANE_FAULTD_PATH, user, password, directory_ + "/fault"},
                            directory_ + "/faultd.log");
     // Generous patience, for sanitizer builds on a busy machine.
     if (pid_ > 0 &&

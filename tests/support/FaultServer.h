@@ -16,13 +16,8 @@ namespace telvane::test {
 class FaultServer
 {
 public:
-    struct Options
-    {
-        std::string user = "tester";
-        std::string password = "faultd-password";
-    };
-
-    explicit FaultServer(Options options);
+    /// The server's one account is @p user with @p password.
+    FaultServer(const std::string &user, const std::string &password);
     ~FaultServer();
     FaultServer(const FaultServer &) = delete;
     FaultServer &operator=(const FaultServer &) = delete;
@@ -41,7 +36,6 @@ public:
     void stop();
 
 private:
-    Options options_;
     TemporaryDirectory scratch_{"telvane-faultd"};
     const std::string directory_ = scratch_.path().string(); // log and control file
     std::string error_;

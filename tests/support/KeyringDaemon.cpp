@@ -3,15 +3,11 @@
 #include "support/TestEnvironment.h"
 
 #include <gio/gio.h>
-#include <libsecret/secret.h>
 
 #include <atomic>
 #include <chrono>
-#include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 namespace telvane::test {
 
@@ -69,13 +65,9 @@ bool KeyringDaemon::fail(std::string why)
 // leaves no daemon behind.
 pid_t KeyringDaemon::spawn(const std::vector<std::string> &command, const std::string &log)
 {
-    std::vector<std::string> argv = {"/usr/bin/env",
-                                     "-i",
-                                     "PATH=/usr/bin:/bin",
-                                     "LANG=C",
-                                     "HOME=" + dir_,
-                                     "XDG_RUNTIME_DIR=" + dir_ + "/run",
-                                     "DBUS_SESSION_BUS_ADDRESS=" + address_};
+    std::vector<std::string> argv = {"/usr/bin/env", "-i", "PATH=/usr/bin:/bin", "LANG=C", "HOME=" + dir_};
+    argv.push_back("XDG_RUNTIME_DIR=" + dir_ + "/run");
+    argv.push_back("DBUS_SESSION_BUS_ADDRESS=" + address_);
     argv.insert(argv.end(), command.begin(), command.end());
     return startDaemon(argv, dir_ + "/" + log);
 }
@@ -122,27 +114,22 @@ bool KeyringDaemon::start(With what)
 bool KeyringDaemon::waitForDefaultCollection()
 {
     std::string why;
-    for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-         std::chrono::steady_clock::now() < deadline;
-         std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+    const auto hasDefault = [&] {
         GError *error = nullptr;
         GVariant *reply = g_dbus_connection_call_sync(
             sharedBus_, "org.freedesktop.secrets", "/org/freedesktop/secrets",
             "org.freedesktop.Secret.Service", "ReadAlias", g_variant_new("(s)", "default"),
             G_VARIANT_TYPE("(o)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, 2000, nullptr, &error);
-        if (!reply) {
-            why = message(error);
-            continue;
-        }
+        if (!reply)
+            return why = message(error), false;
         const char *path = nullptr;
         g_variant_get(reply, "(&o)", &path);
         why = std::string("default alias is ") + path;
-        const bool ready = why != "default alias is /";
         g_variant_unref(reply);
-        if (ready)
-            return true;
-    }
-    return fail("no default collection within 20 s (last answer: " + why +
+        return why != "default alias is /";
+    };
+    return waitUntil(hasDefault, std::chrono::seconds(20)) ||
+           fail("no default collection within 20 s (last answer: " + why +
                 "; gnome-keyring-daemon, Debian package gnome-keyring, logged: " +
                 readFile(dir_ + "/keyring.log") + ")");
 }
@@ -175,11 +162,6 @@ bool KeyringDaemon::startMonitor()
 int KeyringDaemon::promptsSeen() const
 {
     return promptsSeenInProcess.load();
-}
-
-void KeyringDaemon::freeze()
-{
-    ::kill(keyring_, SIGSTOP);
 }
 
 bool KeyringDaemon::callService(const char *method)

@@ -27,20 +27,13 @@ using namespace std::chrono_literals;
 
 constexpr std::size_t kChunk = 32768;
 
+// "NAME" or "NAME=BYTES" (FaultServer.h lists them); "normal" is none.
 struct Fault
 {
     std::string name = "normal";
     std::uint64_t bytes = 0;
     bool is(const char *other) const { return name == other; }
 };
-
-Fault parseFault(const std::string &text)
-{
-    const auto equals = text.find('=');
-    if (text.empty())
-        return {};
-    return {text.substr(0, equals), equals == std::string::npos ? 0 : std::stoull(text.substr(equals + 1))};
-}
 
 // Connections run in processes of their own and share the log: one write per line keeps lines whole.
 template <class... Values> void logLine(const char *format, Values... values)
@@ -110,36 +103,31 @@ bool writeAll(const Connection &c, int stream, const char *data, std::size_t len
 // Status, EOF and close in the order a server that breaks this way sends them; then the client closes first.
 void endChannel(const Connection &c, int status)
 {
-    if (c.fault.is("late-status") || c.fault.is("no-status")) {
-        ssh_channel_send_eof(c.channel);
-        ssh_blocking_flush(c.session, 5000);
-        if (c.fault.is("late-status")) {
-            std::this_thread::sleep_for(3s);
-            ssh_channel_request_send_exit_status(c.channel, status);
-        }
-    } else {
+    const bool late = c.fault.is("late-status");
+    if (!late && !c.fault.is("no-status"))
         ssh_channel_request_send_exit_status(c.channel, status);
-        ssh_channel_send_eof(c.channel);
+    ssh_channel_send_eof(c.channel);
+    ssh_blocking_flush(c.session, 5000);
+    if (late) {
+        std::this_thread::sleep_for(3s);
+        ssh_channel_request_send_exit_status(c.channel, status);
     }
     ssh_channel_close(c.channel);
     ssh_blocking_flush(c.session, 5000);
     drain(c.fd, 10000);
 }
 
-void flood(const Connection &c)
-{
-    const std::string junk(c.fault.bytes, 'x');
-    if (writeAll(c, 0, "begin\n", 6) && writeAll(c, 1, junk.data(), junk.size()) &&
-        writeAll(c, 0, "end\n", 4))
-        endChannel(c, 0);
-}
-
 // Runs @p command with sh (its standard error goes to the log) and relays its output under the fault.
 void serveExec(const Connection &c, const std::string &command)
 {
     const bool cuts = c.fault.is("drop-after") || c.fault.is("reset-after");
-    if (c.fault.is("flood-stderr"))
-        return flood(c);
+    if (c.fault.is("flood-stderr")) {
+        const std::string junk(c.fault.bytes, 'x');
+        if (writeAll(c, 0, "begin\n", 6) && writeAll(c, 1, junk.data(), junk.size()) &&
+            writeAll(c, 0, "end\n", 4))
+            endChannel(c, 0);
+        return;
+    }
     if (cuts && c.fault.bytes == 0)
         cutConnection(c, 0);
     FILE *shell = popen(command.c_str(), "r");
@@ -176,21 +164,6 @@ void serveExec(const Connection &c, const std::string &command)
     endChannel(c, WIFEXITED(status) ? WEXITSTATUS(status) : 255);
 }
 
-bool acceptLogin(Connection &c, const std::string &user, const char *password, const char *const *account)
-{
-    if (c.fault.is("stall-auth")) {
-        logLine("stall-auth: never answering the login of \"%s\"", user.c_str());
-        drain(c.fd, -1);
-        _exit(0);
-    }
-    if (user != account[0] || std::string(password ? password : "") != account[1] ||
-        c.fault.is("refuse-password")) {
-        logLine("login as \"%s\" refused, fault %s", user.c_str(), c.fault.name.c_str());
-        return false;
-    }
-    return true;
-}
-
 // Answers the client's requests after the key exchange until its exec request has been served.
 void serveRequests(Connection &c, const char *const *account)
 {
@@ -203,11 +176,20 @@ void serveRequests(Connection &c, const char *const *account)
         ssh_message m = message.get();
         const int type = ssh_message_type(m);
         const int subtype = ssh_message_subtype(m);
-        if (type == SSH_REQUEST_AUTH && subtype == SSH_AUTH_METHOD_PASSWORD && !authenticated &&
-            acceptLogin(c, ssh_message_auth_user(m), ssh_message_auth_password(m), account)) {
+        if (type == SSH_REQUEST_AUTH && c.fault.is("stall-auth")) {
+            logLine("stall-auth: never answering the login of \"%s\"", ssh_message_auth_user(m));
+            drain(c.fd, -1);
+            _exit(0);
+        }
+        const bool password = type == SSH_REQUEST_AUTH && subtype == SSH_AUTH_METHOD_PASSWORD;
+        if (password && !authenticated && !c.fault.is("refuse-password") &&
+            ssh_message_auth_user(m) == std::string(account[0]) &&
+            ssh_message_auth_password(m) == std::string(account[1])) {
             authenticated = true;
             ssh_message_auth_reply_success(m, 0);
         } else if (type == SSH_REQUEST_AUTH) {
+            if (password)
+                logLine("login as \"%s\" refused, fault %s", ssh_message_auth_user(m), c.fault.name.c_str());
             ssh_message_auth_set_methods(m, SSH_AUTH_METHOD_PASSWORD);
             ssh_message_reply_default(m);
         } else if (type == SSH_REQUEST_CHANNEL_OPEN && subtype == SSH_CHANNEL_SESSION && authenticated &&
@@ -232,7 +214,10 @@ void serveRequests(Connection &c, const char *const *account)
     std::ifstream control(controlFile);
     std::string line;
     std::getline(control, line);
-    Connection c{parseFault(line), fd};
+    const auto equals = line.find('=');
+    Connection c{{line.empty() ? "normal" : line.substr(0, equals),
+                  equals == std::string::npos ? 0 : std::stoull(line.substr(equals + 1))},
+                 fd};
     logLine("connection accepted, fault %s", c.fault.name.c_str());
     if (c.fault.is("dribble-banner")) { // a banner line that never ends: the client never gets past it
         for (const char byte : std::string("SSH-2.0-") + std::string(242, 'x')) {
