@@ -37,9 +37,7 @@ private:
     static inline std::unique_ptr<SshdHarness> harness_;
 };
 
-class SshdTest : public WithSshd<::testing::Test>
-{
-};
+using SshdTest = WithSshd<::testing::Test>;
 
 /// SensorTest against the suite's daemon, a @p server, and its account.
 template <SshdHarness::Server server> class SensorRunTestOn : public WithSshd<SensorTest, server>
@@ -53,8 +51,6 @@ protected:
     long port() const override { return sshd().port(); }
 };
 
-class SensorRunTest : public SensorRunTestOn<SshdHarness::Server::Password>
-{
-};
+using SensorRunTest = SensorRunTestOn<SshdHarness::Server::Password>;
 
 } // namespace telvane::test
