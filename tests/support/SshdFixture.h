@@ -37,7 +37,9 @@ private:
     static inline std::unique_ptr<SshdHarness> harness_;
 };
 
-using SshdTest = WithSshd<::testing::Test>;
+class SshdTest : public WithSshd<::testing::Test>
+{
+};
 
 /// SensorTest against the suite's daemon, a @p server, and its account.
 template <SshdHarness::Server server> class SensorRunTestOn : public WithSshd<SensorTest, server>
