@@ -51,14 +51,6 @@ protected:
     {
         return write("script" + std::to_string(scripts++), text);
     }
-    // A file the test account may write, so that a remote script can leave a mark.
-    std::string drop(const std::string &name) const
-    {
-        fs::create_directories(home / "drop");
-        fs::permissions(home, fs::perms::others_exec, fs::perm_options::add);
-        fs::permissions(home / "drop", fs::perms::all);
-        return (home / "drop" / name).string();
-    }
     std::map<std::string, std::string> environment() const
     {
         return {{"TELVANE_KEYRING", "file"},

@@ -298,7 +298,11 @@ TEST_F(Cli, StandardOutputErrorsAreRetriedOrReportedNeverLost)
 TEST_F(Cli, InterruptEndsEveryRunInEveryStateAndTheRemoteScripts)
 {
     telvane::test::LoopbackSocket silent(4); // accepts and never says a word: the handshake waits
-    const std::string silentHost = "127.0.0.1:" + std::to_string(silent.port()), pids = drop("pids");
+    fs::create_directories(home / "drop");   // where the test account's scripts leave their process ids
+    fs::permissions(home, fs::perms::others_exec, fs::perm_options::add);
+    fs::permissions(home / "drop", fs::perms::all);
+    const std::string silentHost = "127.0.0.1:" + std::to_string(silent.port()),
+                      pids = home / "drop" / "pids";
     const std::string streaming = "echo $$ >> " + pids + "; while :; do echo x; sleep 0.05; done\n";
     const std::string flooding = "echo $$ >> " + pids + "; exec yes flood\n";
     const struct

@@ -56,23 +56,6 @@ bool busy(const TelvaneDiagnosticsView &panel)
     return panel.progressIndicator()->maximum() == 0 && panel.progressIndicator()->isVisibleTo(&panel);
 }
 
-/// The panel's inset, size and font, which script output laid out in columns needs.
-void checkLayout(TelvaneDiagnosticsView &panel)
-{
-    const QTextFrameFormat inset = panel.textView()->document()->rootFrame()->frameFormat();
-    QCOMPARE((QList<qreal>{inset.leftMargin(), inset.rightMargin(), inset.topMargin(), inset.bottomMargin()}),
-             (QList<qreal>{3, 3, 10, 10}));
-    panel.resize(611, 333);
-    QCOMPARE(panel.sizeHint(), QSize(611, 333));
-    const QFontMetricsF metrics(panel.textView()->font());
-    QCOMPARE(metrics.horizontalAdvance('i'), metrics.horizontalAdvance('M'));
-}
-
-QString connecting(long port)
-{
-    return QString("Connecting over SSH to 127.0.0.1 on port %1: ").arg(port);
-}
-
 /// Answers every prompt named @p name that shows while it lives, and counts them: with @p typed in its first
 /// field and OK, or, when @p typed is null, by cancelling it.
 struct PromptAnswerer
@@ -209,13 +192,21 @@ private Q_SLOTS:
         panel.show();
         QCOMPARE(panel.label()->text(), QString(translation.german ? "Diagnose auf Cellar ausführen:"
                                                                    : "Run diagnostics on Cellar:"));
-        const QString start = connecting(server.port());
+        const QString start = QString("Connecting over SSH to 127.0.0.1 on port %1: ").arg(server.port());
         if (action.startsWith("unsent")) {
             QTRY_VERIFY(sensor.use_count() == 2); // no run's thread holds it
             QTest::qWait(100);
             QCOMPARE(panel.textView()->toPlainText(), start);
             QVERIFY(panel.running() && busy(panel));
-            checkLayout(panel);
+            // The inset, size and font that script output laid out in columns needs.
+            const QTextFrameFormat inset = panel.textView()->document()->rootFrame()->frameFormat();
+            QCOMPARE((QList<qreal>{inset.leftMargin(), inset.rightMargin(), inset.topMargin(),
+                                   inset.bottomMargin()}),
+                     (QList<qreal>{3, 3, 10, 10}));
+            panel.resize(611, 333);
+            QCOMPARE(panel.sizeHint(), QSize(611, 333));
+            const QFontMetricsF metrics(panel.textView()->font());
+            QCOMPARE(metrics.horizontalAdvance('i'), metrics.horizontalAdvance('M'));
             if (action == "unsent output")
                 panel.appendOutput(argument);
             else if (action == "unsent end") {

@@ -23,27 +23,18 @@ public:
     ~Daemon() { killDaemon(pid_); }
     std::string log() const { return readFile(logPath_); }
     void signal(int number) const { pid_ > 0 && ::kill(pid_, number); }
-    /// Waits a minute at most for @p text in the output; false when the program ended first.
-    bool waitForLog(const std::string &text) const
+    /// Waits (15 seconds at most) for @p text in the output; false when the program ended first.
+    bool waitForLog(const std::string &text)
     {
-        siginfo_t ended{};
-        const auto logged = [&] {
-            return log().find(text) != std::string::npos;
-        };
-        waitUntil(
-            [&] {
-                return logged() || ::waitid(P_PID, pid_, &ended, WEXITED | WNOHANG | WNOWAIT) != 0 ||
-                       ended.si_pid != 0;
-            },
-            std::chrono::seconds(60));
-        return logged();
+        return awaitDaemon(pid_, [&] { return log().find(text) != std::string::npos; });
     }
-    /// Ends it with the signal @p number; its exit status.
+    /// Ends it with the signal @p number; its exit status (-1 when it had already ended).
     int stop(int number)
     {
         int status = 0;
         signal(number);
-        ::waitpid(std::exchange(pid_, -1), &status, 0);
+        if (pid_ <= 0 || ::waitpid(std::exchange(pid_, -1), &status, 0) <= 0)
+            return -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
@@ -99,8 +90,7 @@ protected:
         SshdTest::SetUp();
         if (HasFatalFailure() || IsSkipped())
             return;
-        ::setenv("TELVANE_KEYRING", "memory",
-                 1); // the exporter inherits it: nothing of the machine's keyring
+        ::setenv("TELVANE_KEYRING", "memory", 1); // inherited: nothing of the machine's keyring
         const std::string password = write("password", sshd().password() + "\n");
         dir = password.substr(0, password.rfind('/'));
         std::string knownHosts;

@@ -1,5 +1,6 @@
 // The credentials, host-key and login-question prompts with real widgets on the offscreen platform, driven by
-// real key and mouse events, asked on the GUI thread or, as a sensor's login thread asks, from a worker.
+// real key and mouse events, asked on the GUI thread or, as a sensor's login thread asks, from a worker; and,
+// before the suite's own application object, the prompt's life across application objects.
 #include "TelvaneCredentialsPrompt.h"
 #include "TelvaneHostKeyPrompt.h"
 #include "TelvaneLoginQuestionPrompt.h"
@@ -13,9 +14,13 @@
 #include <QtWidgets/QAbstractButton>
 #include <QtWidgets/QLabel>
 #include <QtWidgets/QLineEdit>
+#include <QtWidgets/QPushButton>
 
 #include <chrono>
+#include <cstdio>
 #include <future>
+#include <memory>
+#include <thread>
 
 using namespace std::chrono_literals;
 
@@ -86,11 +91,71 @@ QString answerOf(const QStringList &kind, bool persistBefore)
     return answers ? typed.join('|') : "none";
 }
 
+void require(bool condition, const char *what)
+{
+    if (!condition) {
+        std::fprintf(stderr, "FAIL: %s\n", what);
+        std::_Exit(1); // a worker may still wait in the prompt
+    }
+}
+
+/// Asks for credentials on a worker while @p meanwhile runs here; the worker must be let go soon after,
+/// without credentials and with the persist flag untouched.
+void askFromWorker(const std::function<void()> &meanwhile, const char *what)
+{
+    auto answered = std::async(std::launch::async, [sensor = Telvane::create("id", "Keller", "host")] {
+        bool persist = true;
+        return TelvaneCredentials::promptForCredentials(*sensor, &persist).has_value() || !persist;
+    });
+    meanwhile();
+    require(answered.wait_for(std::chrono::seconds(10)) == std::future_status::ready, what);
+    require(!answered.get(), "no credentials, the persist flag untouched");
+}
+
+/// What only application objects of the test's own can show: the translation that QLocale() asks for,
+/// installed by the first prompt of each application object; a second application object after the first
+/// has gone; and a worker asking while the application quits or goes away. Stops at the first check that
+/// fails.
+void applicationLifecycle()
+{
+    int argc = 1;
+    char name[] = "telvane_credentials_prompt_test", *argv[] = {name, nullptr};
+    QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
+    for (int application = 0; application < 2; ++application) {
+        QApplication app(argc, argv);
+        QStringList shown;
+        QTimer poll;
+        QObject::connect(&poll, &QTimer::timeout, &app, [&] {
+            if (QDialog *dialog = telvane::test::shownPrompt()) {
+                shown << dialog->findChild<QLabel *>("messageLabel")->text()
+                      << dialog->findChild<QPushButton *>("cancelButton")->text();
+                QCoreApplication::quit(); // ends the prompt as a cancel
+            }
+        });
+        poll.start(10);
+        QTimer::singleShot(10000, &app, &QCoreApplication::quit);
+        askFromWorker([] { QApplication::exec(); }, "a worker is let go when the application quits");
+        require(shown == QStringList{"Anmeldung erforderlich für Keller", "Abbrechen"},
+                "the prompt, in German");
+    }
+    // No event loop runs, so the request waits in the queue until the application object goes.
+    auto app = std::make_unique<QApplication>(argc, argv);
+    askFromWorker(
+        [&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            app.reset();
+        },
+        "a worker is let go when the application object goes");
+}
+
 } // namespace
 
 class CredentialsPromptTest : public QObject
 {
     Q_OBJECT
+
+public:
+    static void initMain() { applicationLifecycle(); }
 
 private slots:
     void initTestCase() { QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates)); }
