@@ -2,11 +2,11 @@
 // its end however late the start is told, a failure ends its own run only, and a sink takes the output
 // instead of the pipe.
 #include "Telvane_p.h"
+#include "support/Files.h"
 #include "support/Loopback.h"
 #include "support/SshdFixture.h"
 
 #include <atomic>
-#include <fstream>
 #include <future>
 #include <thread>
 
@@ -19,11 +19,8 @@ namespace {
 
 long residentKilobytes()
 {
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stol(line.substr(6));
-    return 0;
+    const std::string status = readFile("/proc/self/status");
+    return std::stol(status.substr(status.find("VmRSS:") + 6));
 }
 
 struct OutcomeCase

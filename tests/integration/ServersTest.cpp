@@ -65,10 +65,7 @@ struct FactorCase
     std::string reason; // empty: the script runs
     bool pairKept;
 };
-class SecondFactor : public SensorRunTestOn<Server::OneTimeCode>,
-                     public ::testing::WithParamInterface<FactorCase>
-{
-};
+using SecondFactor = WithRows<SensorRunTestOn<Server::OneTimeCode>, FactorCase>;
 } // namespace
 
 // The stored password answers its own prompt, the delegate the code's. The pair goes only when the password
@@ -112,8 +109,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto &info) { return std::string(info.param.name); });
 
 namespace {
-enum class KeyWay { Agent, File, EncryptedFile, DefaultFile, KeysOff };
-class KeyLogin : public SensorRunTestOn<Server::PublicKey>, public ::testing::WithParamInterface<KeyWay>
+class KeyLogin : public WithRows<SensorRunTestOn<Server::PublicKey>, std::string>
 {
 protected:
     void TearDown() override
@@ -134,35 +130,35 @@ protected:
 // A login by key asks for no password, only for an encrypted key's passphrase.
 TEST_P(KeyLogin, LogsInWithoutAPassword)
 {
-    const KeyWay way = GetParam();
+    const std::string &way = GetParam();
     ::unsetenv("SSH_AUTH_SOCK");
     auto sensor = makeSensor();
     // The username comes from the preset pair, or from the stored one (whose password is never tried).
     const TelvaneCredentialsDictionary unusable{sshd().username(), "not-" + sshd().password()};
-    if (way == KeyWay::File)
+    if (way == "File")
         TelvaneCredentials::credentialsAccepted(sensor->hostname(), unusable, true);
     else
         sensor->setPresetCredentials(TelvaneCredentialsDictionary{sshd().username(), ""});
-    sensor->setPublicKeyAuthentication(way != KeyWay::KeysOff);
-    const std::string key = sshd().makeClientKey("key", way == KeyWay::EncryptedFile ? "open sesame" : "");
+    sensor->setPublicKeyAuthentication(way != "KeysOff");
+    const std::string key = sshd().makeClientKey("key", way == "EncryptedFile" ? "open sesame" : "");
     ASSERT_FALSE(key.empty());
-    if (way == KeyWay::Agent) {
+    if (way == "Agent") {
         const std::string agent = sshd().startAgent(key);
         TELVANE_REQUIRE_COMPONENT(!agent.empty(), "ssh-agent or ssh-add failed");
         ::setenv("SSH_AUTH_SOCK", agent.c_str(), 1);
     }
-    if (way == KeyWay::DefaultFile) {
+    if (way == "DefaultFile") {
         std::filesystem::create_directories(defaultKey().parent_path());
         std::filesystem::copy_file(key, defaultKey(), std::filesystem::copy_options::overwrite_existing);
     }
-    if (way == KeyWay::File || way == KeyWay::EncryptedFile || way == KeyWay::KeysOff)
+    if (way == "File" || way == "EncryptedFile" || way == "KeysOff")
         sensor->setIdentityFiles({key});
     delegate->answerQuestion = [](const TelvaneLoginQuestion &) {
         return std::vector<std::string>{"open sesame"};
     };
     ASSERT_TRUE(runToEnd(*sensor, "echo in"));
     EXPECT_EQ(0, delegate->count(Event::AskedCredentials));
-    if (way == KeyWay::KeysOff) {
+    if (way == "KeysOff") {
         EXPECT_EQ(std::optional<long>(TelvaneErrorAuthentication), delegate->failureCode());
         EXPECT_NE(std::string::npos, delegate->reportedFailure()
                                          .value_or(TelvaneFailure{})
@@ -170,19 +166,11 @@ TEST_P(KeyLogin, LogsInWithoutAPassword)
         return;
     }
     EXPECT_EQ("in\n", delegate->output()) << log.joined() << sshd().log(logStart_);
-    EXPECT_EQ(way == KeyWay::File, TelvaneCredentials::storedCredentials(sensor->hostname()).has_value());
+    EXPECT_EQ(way == "File", TelvaneCredentials::storedCredentials(sensor->hostname()).has_value());
     const std::vector<std::string> passphrase{"Enter passphrase for key '" + key + "': "};
-    EXPECT_EQ(way == KeyWay::EncryptedFile ? passphrase : std::vector<std::string>(),
-              delegate->promptsAsked());
-}
-
-std::string keyWayName(const ::testing::TestParamInfo<KeyWay> &info)
-{
-    static const char *const names[] = {"Agent", "File", "EncryptedFile", "DefaultFile", "KeysOff"};
-    return names[static_cast<int>(info.param)];
+    EXPECT_EQ(way == "EncryptedFile" ? passphrase : std::vector<std::string>(), delegate->promptsAsked());
 }
 
 INSTANTIATE_TEST_SUITE_P(Ways, KeyLogin,
-                         ::testing::Values(KeyWay::Agent, KeyWay::File, KeyWay::EncryptedFile,
-                                           KeyWay::DefaultFile, KeyWay::KeysOff),
-                         keyWayName);
+                         ::testing::Values("Agent", "File", "EncryptedFile", "DefaultFile", "KeysOff"),
+                         [](const auto &info) { return info.param; });

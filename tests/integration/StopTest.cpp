@@ -26,9 +26,7 @@ protected:
         return delegate->count(Event::Started) == before + 1 ? delegate->handle() : nullptr;
     }
 };
-} // namespace
 
-namespace {
 struct StopCase
 {
     const char *name;

@@ -36,7 +36,7 @@ public:
     }
 };
 
-class HostKeys : public SensorRunTest, public ::testing::WithParamInterface<PolicyCase>
+class HostKeys : public WithRows<SensorRunTest, PolicyCase>
 {
 protected:
     std::string file; // made by the test, once the daemon is known to run

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <unistd.h>
 
@@ -14,11 +14,8 @@ namespace telvane::test {
 inline std::string readFile(const std::string &path, std::size_t from = 0)
 {
     std::ifstream file(path, std::ios::binary);
-    if (!file || !file.seekg(static_cast<std::streamoff>(from)))
-        return {};
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
+    file.seekg(static_cast<std::streamoff>(from));
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 /// A directory of the test's own under the system's temporary one, removed with all it holds when it goes.

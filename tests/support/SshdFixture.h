@@ -53,8 +53,6 @@ protected:
     long port() const override { return sshd().port(); }
 };
 
-class SensorRunTest : public SensorRunTestOn<SshdHarness::Server::Password>
-{
-};
+using SensorRunTest = SensorRunTestOn<SshdHarness::Server::Password>;
 
 } // namespace telvane::test

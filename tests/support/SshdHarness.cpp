@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <pwd.h>
 #include <random>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -73,13 +72,12 @@ bool SshdHarness::prepareAccount()
             return fail("cannot write " + passwordPath);
     }
     // A bash login shell, as most accounts have: scripts may use its syntax however they are sent.
-    if (!::getpwnam(kAccount) && !runTool(std::string("/usr/sbin/useradd -m -s /bin/bash ") + kAccount))
-        return fail(std::string("useradd ") + kAccount + " failed");
-    if (std::string(::getpwnam(kAccount)->pw_shell) != "/bin/bash" &&
-        !runTool(std::string("/usr/sbin/usermod -s /bin/bash ") + kAccount))
-        return fail(std::string("usermod ") + kAccount + " failed");
+    const std::string account = kAccount;
+    if (!runTool("id " + account + " || /usr/sbin/useradd -m " + account +
+                 "; /usr/sbin/usermod -s /bin/bash " + account))
+        return fail("cannot make the account " + account + " with a bash shell");
     // Reset every time: the stored password is the one everybody uses.
-    if (!runTool("/usr/sbin/chpasswd", std::string(kAccount) + ":" + password_ + "\n"))
+    if (!runTool("/usr/sbin/chpasswd", account + ":" + password_ + "\n"))
         return fail("chpasswd failed");
     return true;
 }

@@ -59,7 +59,6 @@ public:
     std::string startAgent(const std::string &key);
     /// Lines put first in sshd's configuration (before start()); "%PORT%" stands for port().
     void setExtraConfig(std::string lines) { extraConfig_ = std::move(lines); }
-    /// Writes @p text to a file named @p name in the harness's directory; returns its path.
     std::string writeFile(const std::string &name, const std::string &text) const;
     /// The daemon's log (sshd's LogLevel VERBOSE) from byte @p from on.
     std::string log(std::size_t from = 0) const;

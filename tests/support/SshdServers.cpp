@@ -9,8 +9,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <glob.h>
-#include <random>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,15 +19,6 @@ namespace {
 // in lower case only).
 constexpr const char *kPamServicePrefix = "telvane-otp-";
 constexpr const char *kOathTool = "/usr/bin/oathtool";
-
-bool pamModuleInstalled(const std::string &module)
-{
-    glob_t found{};
-    const bool any =
-        ::glob(("/{usr/,}lib/{*/,}security/" + module).c_str(), GLOB_BRACE, nullptr, &found) == 0;
-    ::globfree(&found);
-    return any;
-}
 
 // A harness that was killed leaves its PAM stack behind; its name tells whose it was.
 void removeStalePamServices(const std::string &pamDirectory)
@@ -43,15 +32,6 @@ void removeStalePamServices(const std::string &pamDirectory)
         if (owner > 0 && ::kill(static_cast<pid_t>(owner), 0) != 0 && errno == ESRCH)
             std::filesystem::remove(entry.path(), error);
     }
-}
-
-std::string randomHex(int bytes)
-{
-    std::random_device random;
-    std::string hex;
-    for (int i = 0; i < bytes; ++i)
-        hex += "0123456789abcdef"[random() % 16], hex += "0123456789abcdef"[random() % 16];
-    return hex;
 }
 
 } // namespace
@@ -78,7 +58,8 @@ bool SshdHarness::prepareServer()
 // common-auth makes it in effect: a wrong password ends the login before the code is asked for.
 bool SshdHarness::prepareOneTimeCode()
 {
-    if (::access(kOathTool, X_OK) != 0 || !pamModuleInstalled("pam_oath.so"))
+    if (::access(kOathTool, X_OK) != 0 ||
+        !runTool("ls /usr/lib/*/security/pam_oath.so /lib/*/security/pam_oath.so 2>/dev/null | grep -q ."))
         return fail("pam_oath is missing (install libpam-oath and oathtool)");
     removeStalePamServices(kPamDirectory);
     // sshd names its PAM service after the name it was started under: a link of our own reads a stack of our
@@ -87,7 +68,7 @@ bool SshdHarness::prepareOneTimeCode()
     pamService_ = kPamServicePrefix + std::to_string(::getpid()) + "-" + std::to_string(++made);
     if (::symlink(kSshd, sshdProgram().c_str()) != 0)
         return fail("cannot link " + sshdProgram());
-    const std::string key = randomHex(20);
+    const std::string key = toolOutput("od -An -N20 -tx1 /dev/urandom | tr -d ' \\n'");
     ::chmod(writeFile("oath.key", key + "\n").c_str(), 0600);
     const std::string users = writeFile("users.oath", std::string("HOTP ") + kAccount + " - " + key + "\n");
     ::chmod(users.c_str(), 0600);

@@ -35,7 +35,6 @@ namespace telvane::test {
         }                                                                                                    \
     } while (0)
 
-/// The fixture @p Base with data rows of type @p Row, for TEST_P.
 template <class Base, class Row> class WithRows : public Base, public ::testing::WithParamInterface<Row>
 {
 };
@@ -56,7 +55,6 @@ private:
 
 bool waitUntil(const std::function<bool()> &condition,
                std::chrono::milliseconds timeout = std::chrono::seconds(10));
-/// Reads @p output to end of file into @p data; false when the end has not come within @p limit.
 bool readToEnd(TelvaneFileHandle &output, std::chrono::milliseconds limit, std::string *data = nullptr);
 int threadCount();
 int openDescriptorCount();
@@ -97,14 +95,12 @@ public:
     std::vector<Event> events() const { return read(&RecordingDelegate::events_); }
     /// Waits until the run has told its outcome and, when draining, its output has reached end of file.
     bool waitForEnd(std::chrono::milliseconds timeout = std::chrono::seconds(30));
-    /// The outcomes heard, in order.
     std::vector<TelvaneRunOutcome> outcomes() const { return read(&RecordingDelegate::outcomes_); }
     /// What is wrong with the outcomes heard so far: one per run, each the last report of its run and told
     /// after its pipe's writing end was closed, agreeing with the end report, and no sink call outside the
     /// start and the outcome; empty when nothing is.
     std::string outcomeFaults() const { return read(&RecordingDelegate::outcomeFaults_); }
     std::string output() const { return read(&RecordingDelegate::output_); }
-    /// The text of every prompt that the login put to the delegate, in order.
     std::vector<std::string> promptsAsked() const { return read(&RecordingDelegate::promptsAsked_); }
     std::shared_ptr<TelvaneFileHandle> handle() const { return read(&RecordingDelegate::handle_); }
     int count(Event::Kind kind) const;
@@ -173,7 +169,6 @@ protected:
         delegate->answer = account();
         return delegate;
     }
-    /// A new account delegate; the sensors made from now on get it.
     void freshDelegate() { delegate = accountDelegate(); }
 
     std::shared_ptr<Telvane> makeSensor(double timeout = 10.0) { return makeSensor(host(), port(), timeout); }
