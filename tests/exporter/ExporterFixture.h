@@ -23,7 +23,7 @@ public:
     ~Daemon() { killDaemon(pid_); }
     std::string log() const { return readFile(logPath_); }
     void signal(int number) const { pid_ > 0 && ::kill(pid_, number); }
-    /// Waits (15 seconds at most) for @p text in the output; false when the program ended first.
+    /// Waits (a minute at most) for @p text in the output; false when the program ended first.
     bool waitForLog(const std::string &text)
     {
         return awaitDaemon(pid_, [&] { return log().find(text) != std::string::npos; });

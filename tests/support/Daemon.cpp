@@ -63,7 +63,7 @@ void killDaemon(pid_t &pid)
 
 bool awaitDaemon(pid_t &pid, const std::function<bool()> &ready)
 {
-    for (int i = 0; i < 1500 && pid > 0; ++i) {
+    for (int i = 0; i < 6000 && pid > 0; ++i) { // a minute: Prometheus on a loaded machine is slow to start
         if (ready())
             return true;
         if (::waitpid(pid, nullptr, WNOHANG) == pid)

@@ -22,7 +22,7 @@ pid_t startDaemon(const std::vector<std::string> &argv, const std::string &logPa
 /// Kills and reaps @p pid (when positive), and sets it to -1.
 void killDaemon(pid_t &pid);
 
-/// Polls @p ready for up to 15 seconds while @p pid runs; false (with @p pid reaped and set to -1 when it has
+/// Polls @p ready for up to a minute while @p pid runs; false (with @p pid reaped and set to -1 when it has
 /// exited) when it never became ready.
 bool awaitDaemon(pid_t &pid, const std::function<bool()> &ready);
 
