@@ -1,6 +1,7 @@
 // telvane-bench: starts one loopback sshd and measures, in one run against it, the library's host against
 // OpenSSH's ssh (and against a bare libssh loop): throughput, time to the first byte, client CPU per GiB,
 // many sensors at once, a stalled server and a silent script. Prints a Markdown table and writes it as JSON.
+#include "../common/ReportText.h"
 #include "Clients.h"
 #include "Report.h"
 #include "Throughput.h"
@@ -31,13 +32,6 @@ std::string machine()
             break;
         }
     return std::to_string(::sysconf(_SC_NPROCESSORS_ONLN)) + " × " + model;
-}
-
-std::string loadAverage()
-{
-    std::string load;
-    std::getline(std::ifstream("/proc/loadavg"), load);
-    return load.substr(0, load.find(' ', load.find(' ', load.find(' ') + 1) + 1));
 }
 
 // Keeps the sshd up for measuring by hand (perf, strace, one client at a time) until standard input ends

@@ -3,6 +3,7 @@
 // concurrency. The exporter's CPU is read from /proc/PID/stat around the load; telvane run's from wait4.
 //
 //   telvane-bench-exporter TELVANE TELVANE-EXPORTER RESULTS-DIR [PROBES]
+#include "../common/ReportText.h"
 #include "support/SshdHarness.h"
 
 #include <httplib.h>
@@ -134,14 +135,11 @@ Load runProbes(pid_t exporter, int port, const std::string &path, int probes)
     return load;
 }
 
-std::string fixed(double value, int digits)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%.*f", digits, value);
-    return text;
-}
-
 } // namespace
+
+using telvane::bench::fixed;
+using telvane::bench::loadAverage;
+using telvane::bench::utcNow;
 
 int main(int argc, char **argv)
 {
@@ -151,11 +149,7 @@ int main(int argc, char **argv)
     }
     const std::string telvane = argv[1], exporterPath = argv[2], results = argv[3];
     const int probes = argc > 4 ? std::max(kConcurrency, std::atoi(argv[4])) : 400;
-    std::string loadBefore;
-    std::getline(std::ifstream("/proc/loadavg"), loadBefore);
-    const std::time_t now = std::time(nullptr);
-    char when[32];
-    std::strftime(when, sizeof when, "%d %b %Y %H:%M UTC", std::gmtime(&now));
+    const std::string loadBefore = loadAverage(), when = utcNow();
 
     telvane::test::SshdHarness sshd;
     if (!sshd.start()) {

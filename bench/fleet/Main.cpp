@@ -6,6 +6,7 @@
 //
 //   telvane-bench-fleet TELVANE RESULTS-DIR [ROUNDS]
 #include "../common/ProcessCpu.h"
+#include "../common/ReportText.h"
 #include "support/SshdHarness.h"
 
 #include <algorithm>
@@ -103,14 +104,11 @@ double median(std::vector<double> v)
     return v[v.size() / 2];
 }
 
-std::string fixed(double value, int digits)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%.*f", digits, value);
-    return text;
-}
-
 } // namespace
+
+using telvane::bench::fixed;
+using telvane::bench::loadAverage;
+using telvane::bench::utcNow;
 
 int main(int argc, char **argv)
 {
@@ -118,11 +116,7 @@ int main(int argc, char **argv)
         std::cerr << "usage: telvane-bench-fleet TELVANE RESULTS-DIR [ROUNDS]\n";
         return 2;
     }
-    std::string loadBefore;
-    std::getline(std::ifstream("/proc/loadavg"), loadBefore);
-    const std::time_t now = std::time(nullptr);
-    char when[32];
-    std::strftime(when, sizeof when, "%d %b %Y %H:%M UTC", std::gmtime(&now));
+    const std::string loadBefore = loadAverage(), when = utcNow();
     const std::string telvane = argv[1];
     const std::string results = argv[2];
     const int rounds = argc > 3 ? std::max(1, std::atoi(argv[3])) : 3;
