@@ -249,10 +249,9 @@ private slots:
         });
         const bool persistBefore = !steps.contains("rememberPasswordButton");
         // Asked on a worker while this thread runs its events, or here, as the GUI thread itself asks.
-        auto answered =
-            std::async(QByteArray(QTest::currentDataTag()).endsWith("worker") ? std::launch::async
-                                                                              : std::launch::deferred,
-                       [&] { return answerOf(kind, persistBefore); });
+        const bool worker = QByteArray(QTest::currentDataTag()).endsWith("worker");
+        auto answered = std::async(worker ? std::launch::async : std::launch::deferred,
+                                   [&] { return answerOf(kind, persistBefore); });
         const bool inTime =
             QTest::qWaitFor([&] { return answered.wait_for(0s) != std::future_status::timeout; }, 20000);
         if (!inTime && QApplication::activeModalWidget())
