@@ -50,19 +50,18 @@ bool busy(const TelvaneDiagnosticsView &panel)
 
 /// Answers every prompt that shows while it lives, and counts them: a login question with @p code and OK,
 /// any other prompt by cancelling it.
-struct PromptAnswerer
+struct PromptAnswerer : telvane::test::PromptWatch
 {
     explicit PromptAnswerer(const QString &code = {})
-        : poll(telvane::test::watchPrompts(nullptr, [this, code](QDialog *dialog) {
+        : PromptWatch(nullptr, [this, code](QDialog *dialog) {
               auto *field = dialog->findChild<QLineEdit *>("answerField0");
               if (++count && !field)
                   return dialog->reject();
               QTest::keyClicks(field, code);
               dialog->findChild<QPushButton *>("okButton")->click();
-          }))
+          })
     {}
     int count = 0;
-    const std::unique_ptr<QTimer> poll;
 };
 
 } // namespace
@@ -140,8 +139,7 @@ private Q_SLOTS:
         panel.setUsername(preset(row[1], server.username()));
         panel.setPassword(preset(row[2], server.password()));
         QSignalSpy runningChanged(&panel, &TelvaneDiagnosticsView::runningChanged);
-        const PromptAnswerer prompts(action == "code" ? QString::fromStdString(otp.oneTimeCode())
-                                                      : QString());
+        PromptAnswerer prompts(action == "code" ? QString::fromStdString(otp.oneTimeCode()) : QString());
         panel.resize(400, 150);
         panel.show();
         QCOMPARE(panel.label()->text(), QString(translation.german ? "Diagnose auf Cellar ausführen:"
@@ -240,7 +238,7 @@ private Q_SLOTS:
         connect(runner.get(), &TelvaneSensorRunner::failed, this, [&](long code, const QString &reason) {
             events += QString("failed:%1:%2").arg(code).arg(reason), ended = true;
         });
-        const PromptAnswerer prompts;
+        PromptAnswerer prompts;
         if (answer != "prompt") {
             connect(runner.get(), &TelvaneSensorRunner::credentialsRequested, this, [&] {
                 if (answer == "destroy")

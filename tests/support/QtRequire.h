@@ -11,7 +11,6 @@
 #include <QtWidgets/QDialog>
 
 #include <functional>
-#include <memory>
 
 #define TELVANE_QREQUIRE(condition, why)                                                                     \
     do {                                                                                                     \
@@ -24,19 +23,19 @@
 
 namespace telvane::test {
 
-/// Hands @p act each modal prompt (only those named @p name, unless null) as it shows, for as long as the
-/// returned timer lives.
-inline std::unique_ptr<QTimer> watchPrompts(const char *name, std::function<void(QDialog *)> act)
+/// Hands @p act each modal prompt (only those named @p name, unless null) as it shows, while it lives.
+struct PromptWatch : QTimer
 {
-    auto poll = std::make_unique<QTimer>();
-    QObject::connect(poll.get(), &QTimer::timeout, [name, act = std::move(act)] {
-        auto *dialog = qobject_cast<QDialog *>(QApplication::activeModalWidget());
-        if (dialog && (!name || dialog->objectName() == QLatin1String(name)))
-            act(dialog);
-    });
-    poll->start(10);
-    return poll;
-}
+    PromptWatch(const char *name, std::function<void(QDialog *)> act)
+    {
+        connect(this, &QTimer::timeout, [name, act = std::move(act)] {
+            auto *dialog = qobject_cast<QDialog *>(QApplication::activeModalWidget());
+            if (dialog && (!name || dialog->objectName() == QLatin1String(name)))
+                act(dialog);
+        });
+        start(10);
+    }
+};
 
 /// For a row whose tag starts with "German", the library's German translation, installed while it lives. A
 /// text of the "Localizable" table that German has no entry for comes out marked all the same, so that any

@@ -26,14 +26,15 @@ namespace {
 
 const QString fingerprint = "SHA256:uNiVztksCsDhcc0u9e8BujQXVUpKZIDTMczCvj3tD2s";
 
-/// What @p dialog shows: its title, the named texts that are visible (the message only where it is not the
-/// title; a long explanation only as being there), then each field's label and whether it hides the typing.
+/// What @p dialog shows: its title, the named buttons and texts that are visible (the message only where it
+/// is not the title; a long explanation only as being there), then each field's label and whether it hides
+/// the typing.
 QStringList shownBy(QDialog *dialog)
 {
     QStringList shown{dialog->windowTitle()};
-    for (const char *name : {"messageLabel", "informativeLabel", "instructionLabel", "sensorLabel",
-                             "fingerprintLabel", "knownEntryLabel", "resetCommandLabel", "okButton",
-                             "acceptButton", "refuseButton", "cancelButton"}) {
+    for (const char *name :
+         {"okButton", "acceptButton", "refuseButton", "cancelButton", "messageLabel", "informativeLabel",
+          "instructionLabel", "sensorLabel", "fingerprintLabel", "knownEntryLabel", "resetCommandLabel"}) {
         const QWidget *widget = dialog->findChild<QWidget *>(name);
         const QString text = widget && widget->isVisible() ? widget->property("text").toString() : "";
         if (!text.isEmpty() && text != shown[0])
@@ -119,7 +120,7 @@ void applicationLifecycle()
     for (int application = 0; application < 2; ++application) {
         QApplication app(argc, argv);
         QStringList shown;
-        const auto poll = telvane::test::watchPrompts("TelvaneCredentialsDialog", [&](QDialog *dialog) {
+        const telvane::test::PromptWatch poll("TelvaneCredentialsDialog", [&](QDialog *dialog) {
             shown << dialog->findChild<QLabel *>("messageLabel")->text()
                   << dialog->findChild<QPushButton *>("cancelButton")->text();
             QCoreApplication::quit(); // ends the prompt as a cancel
@@ -160,15 +161,11 @@ private slots:
         QTest::addColumn<QStringList>("steps");
         QTest::addColumn<QStringList>("shown");
         QTest::addColumn<QString>("answer");
-        const QStringList fields{"Please enter the username and password:",
-                                 "OK",
-                                 "Cancel",
-                                 "&Username:",
-                                 "shown",
-                                 "&Password:",
-                                 "hidden"};
+        const QStringList fields{"&Username:", "shown", "&Password:", "hidden"};
         const auto credentials = [&](const QString &name) {
-            return QStringList{"Authentication required for " + name} + fields;
+            return QStringList{"Authentication required for " + name, "OK", "Cancel",
+                               "Please enter the username and password:"} +
+                   fields;
         };
         // Tab goes round, selecting the field's text; Return moves on from the username and confirms in the
         // password.
@@ -191,8 +188,7 @@ private slots:
         const QString changed = "WARNING: The host key of [kitchen.local]:2222 has changed!";
         const auto key = [](const QString &message, const QStringList &entry, const QString &accept,
                             const QString &refuse = "Don't Connect") {
-            return QStringList{message, "(long)", "Kitchen sensor", fingerprint} + entry +
-                   QStringList{accept, refuse};
+            return QStringList{message, accept, refuse, "(long)", "Kitchen sensor", fingerprint} + entry;
         };
         QTest::newRow("unknown key, connect") << QStringList{"key", "-1"} << QStringList{"acceptButton"}
                                               << key(unknown, {}, "Connect and Remember Key") << "accepted";
@@ -212,17 +208,15 @@ private slots:
 
         // One field per prompt, hidden unless the prompt echoes; the server's texts shown only when it gave
         // them.
-        const QStringList question{"Authentication required for Kitchen sensor",
+        const QStringList question{"Authentication required for Kitchen sensor", "OK", "Cancel",
                                    "Please answer the server's question:"};
         QTest::newRow("question, a code")
             << QStringList{"question", "", "One-time password: "} << QStringList{"=123456", "okButton"}
-            << question + QStringList{"OK", "Cancel", "One-time password:", "hidden"} << "123456";
+            << question + QStringList{"One-time password:", "hidden"} << "123456";
         QTest::newRow("question, token and code, Return, worker")
             << QStringList{"question", "Touch the token.", "Token serial:*", "Code:"}
             << QStringList{"=abc", "Tab", "=42", "Return"}
-            << question +
-                   QStringList{
-                       "Touch the token.", "OK", "Cancel", "Token serial:", "shown", "Code:", "hidden"}
+            << question + QStringList{"Touch the token.", "Token serial:", "shown", "Code:", "hidden"}
             << "abc|42";
         QTest::newRow("question, cancel") << QStringList{"question", "", "Code:"}
                                           << QStringList{"=1", "cancelButton"} << QStringList() << "none";
@@ -237,7 +231,7 @@ private slots:
         const telvane::test::RowTranslation translation;
         QStringList seen;
         bool asked = false, active = false;
-        const auto poll = telvane::test::watchPrompts(nullptr, [&](QDialog *dialog) {
+        const telvane::test::PromptWatch poll(nullptr, [&](QDialog *dialog) {
             if (std::exchange(asked, true)) // acts once, as soon as the prompt is up and active
                 return;
             active = QTest::qWaitForWindowActive(dialog); // else key events reach nothing
