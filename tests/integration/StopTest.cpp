@@ -103,32 +103,3 @@ TEST_F(Stop, TwoRunsOfOneSensorEndEachOnItsOwnAndCloseEndsBothWithTheApplication
     EXPECT_TRUE(waitUntil([&] { return sshd().log(beforeClose).find(disconnect) != std::string::npos; }, 5s))
         << sshd().log(beforeClose);
 }
-
-// The delegate is asked without the sensor's lock: a close() meanwhile returns at once (a host program's
-// window may close while its prompt is up) and the run ends as stopped once the delegate answers.
-TEST_F(Stop, ACloseWhileTheDelegateIsAskedReturnsAtOnce)
-{
-    struct SlowToAnswer : RecordingDelegate
-    {
-        std::atomic<bool> asked{false};
-        std::optional<TelvaneCredentialsDictionary> credentialsForSensor(Telvane &sensor,
-                                                                         bool *persist) override
-        {
-            asked = true;
-            std::this_thread::sleep_for(1s);
-            return RecordingDelegate::credentialsForSensor(sensor, persist);
-        }
-    };
-    auto slow = std::make_shared<SlowToAnswer>();
-    slow->answer = delegate->answer;
-    delegate = slow;
-    auto sensor = makeSensor();
-    std::thread run([&] { sensor->runScript("echo never", std::nullopt); });
-    ASSERT_TRUE(waitUntil([&] { return slow->asked.load(); }, 10s));
-    const auto before = std::chrono::steady_clock::now();
-    sensor->close();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 500ms) << "close() waited for the delegate";
-    run.join();
-    EXPECT_EQ(std::optional<long>(TelvaneErrorConnection), slow->failureCode()) << log.joined();
-    EXPECT_EQ(0, slow->count(Event::Started));
-}
