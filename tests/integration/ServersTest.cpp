@@ -87,7 +87,7 @@ TEST_P(SecondFactor, ThePasswordAnswersItsPromptAndTheDelegateTheCode)
         EXPECT_EQ("in\n", delegate->output()) << log.joined() << sshd().log(logStart_);
     } else {
         EXPECT_EQ(std::optional<long>(TelvaneErrorAuthentication), delegate->failureCode()) << log.joined();
-        const std::string reason = delegate->reportedFailure().value_or(TelvaneFailure{}).reason;
+        const std::string reason = delegate->outcomes().at(0).failure.reason;
         EXPECT_NE(std::string::npos, reason.find(row.reason)) << reason;
     }
     EXPECT_EQ(row.pairKept, TelvaneCredentials::storedCredentials(sensor->hostname()).has_value());
@@ -160,9 +160,8 @@ TEST_P(KeyLogin, LogsInWithoutAPassword)
     EXPECT_EQ(0, delegate->count(Event::AskedCredentials));
     if (way == "KeysOff") {
         EXPECT_EQ(std::optional<long>(TelvaneErrorAuthentication), delegate->failureCode());
-        EXPECT_NE(std::string::npos, delegate->reportedFailure()
-                                         .value_or(TelvaneFailure{})
-                                         .reason.find("takes only public-key logins, and they are off"));
+        EXPECT_NE(std::string::npos, delegate->outcomes().at(0).failure.reason.find(
+                                         "takes only public-key logins, and they are off"));
         return;
     }
     EXPECT_EQ("in\n", delegate->output()) << log.joined() << sshd().log(logStart_);

@@ -92,7 +92,7 @@ TEST_P(HostKeys, FollowThePolicyAndTheDelegate)
     EXPECT_EQ(row.runs && asked && row.known == Known::Nothing, readFile(file) != before) << readFile(file);
     // The reason alone (what a user sees without the verbose log) is enough to decide.
     if (row.known == Known::OtherKey && !row.runs) {
-        const std::string reason = asking->reportedFailure().value_or(TelvaneFailure{}).reason;
+        const std::string reason = asking->outcomes().at(0).failure.reason;
         for (const std::string &part :
              {"the " + asking->asked[0].keyType + " key it sent is " + asking->asked[0].fingerprint,
               "the old one is at " + file + ":2", "ssh-keygen -f '" + file + "' -R '" + entry + "'"})

@@ -103,9 +103,10 @@ void RecordingDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneF
             output_ += chunk;
         }
         std::lock_guard lock(mutex_);
-        endBeforeEndOfFile_ = std::any_of(events_.begin(), events_.end(), [](const Event &e) {
-            return e.kind == Event::Terminated || e.kind == Event::Failed;
-        });
+        if (endDelay.count() && std::none_of(events_.begin(), events_.end(), [](const Event &e) {
+                return e.kind == Event::Terminated || e.kind == Event::Failed;
+            }))
+            outcomeFaults_ += "end of file before the end was heard; ";
         outputEnded_ = true;
         changed_.notify_all();
     }).detach();
@@ -137,7 +138,6 @@ void RecordingDelegate::sensorDidFailWithError(Telvane &sensor, long code)
     {
         std::lock_guard lock(mutex_);
         closedBeforeReport_ = closed;
-        reportedFailure_ = sensor.lastFailure();
     }
     record({Event::Failed, code});
 }
@@ -182,14 +182,13 @@ std::optional<TelvaneOutputSink> RecordingDelegate::outputSinkForRun(Telvane &se
         return std::nullopt;
     TelvaneOutputSink bytes;
     bytes.write = [this, self = shared_from_this()](const char *data, std::size_t size) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(sinkPause.load()));
+        std::this_thread::sleep_for(*sink);
         std::lock_guard lock(mutex_);
         const auto started = std::count_if(events_.begin(), events_.end(),
                                            [](const Event &e) { return e.kind == Event::Started; });
         if (started <= static_cast<long>(outcomes_.size()))
             outcomeFaults_ += "a sink call before the start or after the outcome; ";
         output_.append(data, size);
-        ++sinkCalls;
         return true;
     };
     return bytes;

@@ -73,13 +73,11 @@ public:
     bool answerPersist = false;
     /// When false, nobody reads the output: the test does.
     bool drainOutput = true;
-    /// How long hearing the end takes: a reader that meets end of file before it has been heard shows then.
+    /// How long hearing the end takes: a reader that meets end of file before the end was heard then shows
+    /// as an outcome fault.
     std::chrono::milliseconds endDelay{0};
-    /// When set, the output goes to a sink (each call taking sinkPause milliseconds) and output() is what it
-    /// got.
-    bool sink = false;
-    std::atomic<int> sinkPause{0};
-    std::atomic<std::size_t> sinkCalls{0};
+    /// When set, the output goes to a sink, each call taking this long, and output() is what it got.
+    std::optional<std::chrono::milliseconds> sink;
     /// Answers the login's questions (a one-time code, a passphrase); unset, nobody answers.
     std::function<std::optional<std::vector<std::string>>(const TelvaneLoginQuestion &)> answerQuestion;
 
@@ -96,9 +94,8 @@ public:
     /// Waits until the run has told its outcome and, when draining, its output has reached end of file.
     bool waitForEnd(std::chrono::milliseconds timeout = std::chrono::seconds(30));
     std::vector<TelvaneRunOutcome> outcomes() const { return read(&RecordingDelegate::outcomes_); }
-    /// What is wrong with the outcomes heard so far: one per run, each the last report of its run and told
-    /// after its pipe's writing end was closed, agreeing with the end report, and no sink call outside the
-    /// start and the outcome; empty when nothing is.
+    /// What is wrong with the reports so far: an outcome told twice, before its pipe's writing end was
+    /// closed or disagreeing with the end report, a sink call outside the start and the outcome; or "".
     std::string outcomeFaults() const { return read(&RecordingDelegate::outcomeFaults_); }
     std::string output() const { return read(&RecordingDelegate::output_); }
     std::vector<std::string> promptsAsked() const { return read(&RecordingDelegate::promptsAsked_); }
@@ -106,14 +103,8 @@ public:
     int count(Event::Kind kind) const;
     std::optional<long> terminationStatus() const { return firstValue(Event::Terminated); }
     std::optional<long> failureCode() const { return firstValue(Event::Failed); }
-    /// The sensor's lastFailure() when the failure was reported, and whether every run was closed by then.
-    std::optional<TelvaneFailure> reportedFailure() const
-    {
-        return read(&RecordingDelegate::reportedFailure_);
-    }
+    /// Whether every run was closed when the failure was reported.
     bool closedBeforeReport() const { return read(&RecordingDelegate::closedBeforeReport_); }
-    /// Whether the end had been reported when the reader first met end of file.
-    bool endHeardBeforeEndOfFile() const { return read(&RecordingDelegate::endBeforeEndOfFile_); }
 
 private:
     std::optional<long> firstValue(Event::Kind kind) const;
@@ -132,9 +123,7 @@ private:
     std::string output_;                                       // guarded by mutex_
     std::vector<std::string> promptsAsked_;                    // guarded by mutex_
     bool outputEnded_ = false;                                 // guarded by mutex_
-    bool endBeforeEndOfFile_ = false;                          // guarded by mutex_
     std::shared_ptr<TelvaneFileHandle> handle_;                // guarded by mutex_
-    std::optional<TelvaneFailure> reportedFailure_;            // guarded by mutex_
     bool closedBeforeReport_ = false;                          // guarded by mutex_
 };
 

@@ -36,29 +36,6 @@ TEST(Sensor, RunsTheSubstitutedTextStoresTheTemplateAndRunsAgainButNotWhileRunni
     EXPECT_FALSE(sensor->args());
 }
 
-TEST(Sensor, FailureClosesFirstThenTellsALiveDelegateOnly)
-{
-    const int before = telvane::sshLibraryReferences();
-    auto sensor = Telvane::create("id", "n", "h");
-    sensor->setRunning(true);
-    sensor->sensorDidFailWithError(1); // no delegate: only closes
-    EXPECT_FALSE(sensor->running());
-    sensor->close(); // again, and balanced
-    sensor->stopScript();
-    EXPECT_EQ(before, telvane::sshLibraryReferences());
-
-    auto delegate = std::make_shared<RecordingDelegate>();
-    sensor->setDelegate(delegate);
-    sensor->setRunning(true);
-    sensor->sensorDidFailWithError(3);
-    EXPECT_FALSE(sensor->running());
-    EXPECT_EQ(3, delegate->failureCode());
-    std::weak_ptr<RecordingDelegate> weak = delegate;
-    delegate.reset();
-    EXPECT_TRUE(weak.expired());
-    sensor->sensorDidFailWithError(2);
-}
-
 namespace {
 struct EarlyFailure
 {
@@ -71,8 +48,9 @@ struct EarlyFailure
 using EarlyFailures = ::testing::TestWithParam<EarlyFailure>;
 } // namespace
 
-// Runs that fail before touching the SSH library hold nothing afterwards: no library reference once closed,
-// no descriptor once the sensor (with the run's pipe, which outlives a failed run on purpose) is gone.
+// Runs that fail before touching the SSH library hold nothing afterwards: no library reference once closed
+// (twice), no descriptor once the sensor (with the run's pipe, which outlives a failed run on purpose) is
+// gone. The sensor holds its delegate weakly: a failure after the delegate has gone is told to nobody.
 TEST_P(EarlyFailures, FailWithCodeOneOrToNobodyAndHoldNothing)
 {
     const EarlyFailure &row = GetParam();
@@ -92,6 +70,12 @@ TEST_P(EarlyFailures, FailWithCodeOneOrToNobodyAndHoldNothing)
     EXPECT_TRUE(log.contains(row.logged)) << log.joined();
     EXPECT_FALSE(sensor->running());
     EXPECT_TRUE(sensor->pipe()); // the run's new pipe stays set
+    const std::weak_ptr<RecordingDelegate> weak = delegate;
+    delegate.reset();
+    EXPECT_TRUE(weak.expired());
+    sensor->runScript("echo hi", std::nullopt);
+    EXPECT_FALSE(sensor->running());
+    sensor->close();
     sensor->close();
     EXPECT_EQ(before, telvane::sshLibraryReferences());
     sensor.reset();
