@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -80,6 +80,8 @@ public:
     std::optional<std::chrono::milliseconds> sink;
     /// Answers the login's questions (a one-time code, a passphrase); unset, nobody answers.
     std::function<std::optional<std::vector<std::string>>(const TelvaneLoginQuestion &)> answerQuestion;
+    /// Answers whether to trust a host key; unset, the policy's answer stands.
+    std::function<bool(Telvane &, const TelvaneHostKey &, bool policyAnswer)> answerHostKey;
 
     void sensorScriptDidStart(Telvane &sensor, std::shared_ptr<TelvaneFileHandle> output) override;
     void sensorScriptDidTerminate(Telvane &sensor, long status) override;
@@ -89,6 +91,10 @@ public:
     std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &sensor, TelvaneRunId run) override;
     std::optional<std::vector<std::string>>
     answersForLoginQuestion(Telvane &sensor, const TelvaneLoginQuestion &question) override;
+    bool shouldTrustHostKey(Telvane &sensor, const TelvaneHostKey &key, bool policyAnswer) override
+    {
+        return answerHostKey ? answerHostKey(sensor, key, policyAnswer) : policyAnswer;
+    }
 
     std::vector<Event> events() const { return read(&RecordingDelegate::events_); }
     /// Waits until the run has told its outcome and, when draining, its output has reached end of file.
@@ -100,7 +106,11 @@ public:
     std::string output() const { return read(&RecordingDelegate::output_); }
     std::vector<std::string> promptsAsked() const { return read(&RecordingDelegate::promptsAsked_); }
     std::shared_ptr<TelvaneFileHandle> handle() const { return read(&RecordingDelegate::handle_); }
-    int count(Event::Kind kind) const;
+    int count(Event::Kind kind) const
+    {
+        std::lock_guard lock(mutex_);
+        return static_cast<int>(heard(kind));
+    }
     std::optional<long> terminationStatus() const { return firstValue(Event::Terminated); }
     std::optional<long> failureCode() const { return firstValue(Event::Failed); }
     /// Whether every run was closed when the failure was reported.
@@ -108,6 +118,10 @@ public:
 
 private:
     std::optional<long> firstValue(Event::Kind kind) const;
+    long heard(Event::Kind kind) const
+    {
+        return std::ranges::count(events_, kind, &Event::kind);
+    } // mutex_ held
     void record(Event event);
     template <typename T> T read(T RecordingDelegate::*field) const
     {
