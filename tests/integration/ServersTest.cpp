@@ -109,22 +109,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto &info) { return std::string(info.param.name); });
 
 namespace {
-class KeyLogin : public WithRows<SensorRunTestOn<Server::PublicKey>, std::string>
-{
-protected:
-    void TearDown() override
-    {
-        ::unsetenv("SSH_AUTH_SOCK");
-        std::error_code ignored;
-        std::filesystem::remove(defaultKey(), ignored);
-        SensorRunTestOn::TearDown();
-    }
-    // The second of ssh's default identity files, in the process's own HOME.
-    static std::filesystem::path defaultKey()
-    {
-        return std::filesystem::path(std::getenv("HOME")) / ".ssh/id_ecdsa";
-    }
-};
+using KeyLogin = WithRows<SensorRunTestOn<Server::PublicKey>, std::string>;
 } // namespace
 
 // A login by key asks for no password, only for an encrypted key's passphrase.
@@ -147,16 +132,21 @@ TEST_P(KeyLogin, LogsInWithoutAPassword)
         TELVANE_REQUIRE_COMPONENT(!agent.empty(), "ssh-agent or ssh-add failed");
         ::setenv("SSH_AUTH_SOCK", agent.c_str(), 1);
     }
+    // The second of ssh's default identity files, in the process's own HOME; gone before any other test.
+    const auto defaultKey = std::filesystem::path(std::getenv("HOME")) / ".ssh/id_ecdsa";
     if (way == "DefaultFile") {
-        std::filesystem::create_directories(defaultKey().parent_path());
-        std::filesystem::copy_file(key, defaultKey(), std::filesystem::copy_options::overwrite_existing);
+        std::filesystem::create_directories(defaultKey.parent_path());
+        std::filesystem::copy_file(key, defaultKey, std::filesystem::copy_options::overwrite_existing);
     }
     if (way == "File" || way == "EncryptedFile" || way == "KeysOff")
         sensor->setIdentityFiles({key});
     delegate->answerQuestion = [](const TelvaneLoginQuestion &) {
         return std::vector<std::string>{"open sesame"};
     };
-    ASSERT_TRUE(runToEnd(*sensor, "echo in"));
+    const bool ended = runToEnd(*sensor, "echo in");
+    ::unsetenv("SSH_AUTH_SOCK");
+    std::filesystem::remove(defaultKey);
+    ASSERT_TRUE(ended);
     EXPECT_EQ(0, delegate->count(Event::AskedCredentials));
     if (way == "KeysOff") {
         EXPECT_EQ(std::optional<long>(TelvaneErrorAuthentication), delegate->failureCode());
