@@ -1,11 +1,15 @@
 // Runs as objects of their own against the real sshd: each tells one outcome of its kind, its start before
-// its end however late the start is told, and a sink takes the output instead of the pipe.
+// its end however late the start is told, and a sink takes the output instead of the pipe. A stop, at any
+// moment, or a reader that walks away ends the run promptly, with memory flat, at most one report and no
+// library reference left behind.
+#include "Platform/SshLibrary_p.h"
 #include "Telvane_p.h"
 #include "support/Files.h"
 #include "support/Loopback.h"
 #include "support/SshdFixture.h"
 
 #include <thread>
+#include <unistd.h>
 
 using namespace std::chrono_literals;
 using namespace telvane::test;
@@ -30,6 +34,32 @@ struct OutcomeCase
 };
 using Outcomes = WithRows<SensorRunTest, OutcomeCase>;
 
+class Stop : public SensorRunTest
+{
+protected:
+    void SetUp() override
+    {
+        SensorRunTest::SetUp();
+        delegate->drainOutput = false; // the tests read, or refuse to read, themselves
+    }
+    std::shared_ptr<TelvaneFileHandle> startedOutput(Telvane &sensor, const std::string &script)
+    {
+        const int before = delegate->count(Event::Started);
+        sensor.runScript(script, std::nullopt);
+        return delegate->count(Event::Started) == before + 1 ? delegate->handle() : nullptr;
+    }
+};
+
+struct StopCase
+{
+    const char *name;
+    std::string script;
+    bool readerCloses; // else the sensor is stopped
+    int terminations;
+    Kind kind;
+    std::optional<std::chrono::milliseconds> sink{}; // a sink that takes this long for each call
+};
+using Stops = WithRows<Stop, StopCase>;
 } // namespace
 
 TEST_P(Outcomes, EachRunTellsOneOutcomeOfItsKindWithTheTimeOfItsStages)
@@ -98,17 +128,77 @@ TEST_F(SensorRunTest, AStartToldLateStillComesBeforeTheEndAndTheFirstByte)
     }
 }
 
-// A slow sink holds the server back, with flat memory; a stop while it holds the pump ends the run as
-// stopped.
-TEST_F(SensorRunTest, ASlowSinkHoldsTheServerBackAndAStopEndsItsRun)
+// A stop does not wait for a reader that does not read, a quiet script (the pump's wait is woken) or a slow
+// sink, and the server is asked to end the script; a reader that closes its end ends the run without a
+// SIGPIPE. Meanwhile the server is held back: memory stays flat.
+TEST_P(Stops, EndTheRunPromptlyAndReportAtMostATermination)
 {
-    delegate->sink = 2s;
-    auto sensor = makeSensor();
-    const long before = residentKilobytes();
-    sensor->runScript("head -c 67108864 /dev/zero", std::nullopt);
-    ASSERT_TRUE(waitUntil([&] { return !delegate->output().empty(); }, 20s));
-    EXPECT_LT(residentKilobytes() - before, 64 * 1024 / 4) << "kB resident while 64 MiB were offered";
-    sensor->stopScript();
-    ASSERT_TRUE(waitUntil([&] { return !delegate->outcomes().empty(); }, 10s));
-    EXPECT_EQ(Kind::Stopped, delegate->outcomes()[0].kind);
+    const StopCase &row = GetParam();
+    delegate->sink = row.sink;
+    auto sensor = makeSensor(30.0); // a wait that only a wake can cut short
+    const long resident = residentKilobytes();
+    const auto output = startedOutput(*sensor, row.script);
+    ASSERT_TRUE(output) << log.joined();
+    std::this_thread::sleep_for(300ms); // nobody reads: a flowing script fills the pipe and blocks the pump
+    EXPECT_LT(residentKilobytes() - resident, 16 * 1024) << "kB more resident";
+    const auto before = std::chrono::steady_clock::now();
+    std::string data;
+    if (row.readerCloses) {
+        output->closeFile();
+    } else {
+        sensor->stopScript();
+        EXPECT_FALSE(sensor->running());
+        ASSERT_TRUE(readToEnd(*output, 3s, &data)) << "the pump slept through the stop";
+        EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
+        EXPECT_EQ(0u, data.find(row.terminations && !row.sink ? "flowing\nflowing\n" : ""));
+        // pgrep's 1 is "none found"; a missing pgrep (127) proves nothing.
+        EXPECT_TRUE(waitUntil(
+            [&] {
+                return WEXITSTATUS(std::system(("pgrep -fx '" + row.script + "' >/dev/null").c_str())) == 1;
+            },
+            3s));
+    }
+    ASSERT_TRUE(delegate->waitForEnd(10s)) << log.joined();
+    EXPECT_EQ(row.terminations, delegate->count(Event::Terminated));
+    EXPECT_EQ(0, delegate->count(Event::Failed)) << log.joined();
+    EXPECT_EQ(row.kind, delegate->outcomes().at(0).kind);
+    EXPECT_TRUE(waitUntil([&] { return !sensor->running() && telvane::sshLibraryReferences() == 0; }, 5s));
+}
+
+// A duration of its own, so that pgrep sees this run's script and no other test's.
+INSTANTIATE_TEST_SUITE_P(
+    Ways, Stops,
+    ::testing::Values(StopCase{"WhileOutputFlows", "yes flowing", false, 1, Kind::Stopped},
+                      StopCase{"WhileTheScriptIsQuiet", "sleep 3713." + std::to_string(::getpid()), false, 0,
+                               Kind::Stopped},
+                      StopCase{"ByTheReader", "seq 1 100000000", true, 1, Kind::Ended},
+                      StopCase{"WhileASlowSinkHoldsThePump", "head -c 67108864 /dev/zero", false, 1,
+                               Kind::Stopped, 1s}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+TEST_F(Stop, TwoRunsOfOneSensorEndEachOnItsOwnAndCloseEndsBothWithTheApplicationsWords)
+{
+    auto sensor = makeSensor(30.0);
+    const auto older = startedOutput(*sensor, "sleep 1\necho older");
+    const auto newer = startedOutput(*sensor, "sleep 3\necho newer");
+    ASSERT_TRUE(older && newer) << log.joined();
+    std::string data;
+    ASSERT_TRUE(readToEnd(*older, 10s, &data));
+    EXPECT_EQ("older\n", data);
+    EXPECT_TRUE(sensor->running()) << "the older run's end stopped the newer one";
+    ASSERT_TRUE(readToEnd(*newer, 10s, &data));
+    EXPECT_EQ("older\nnewer\n", data);
+
+    const auto quiet = startedOutput(*sensor, "sleep 20");
+    const auto quieter = startedOutput(*sensor, "sleep 21");
+    ASSERT_TRUE(quiet && quieter) << log.joined();
+    std::this_thread::sleep_for(200ms);
+    const std::size_t beforeClose = sshd().log().size();
+    sensor->close();
+    EXPECT_TRUE(readToEnd(*quiet, 2s)) << "close() left the older run's pump asleep";
+    EXPECT_TRUE(readToEnd(*quieter, 2s));
+    // The sessions end with the application's words, which sshd logs.
+    const std::string disconnect = ":11: Normal shutdown, thank you for playing!";
+    EXPECT_TRUE(waitUntil([&] { return sshd().log(beforeClose).find(disconnect) != std::string::npos; }, 5s))
+        << sshd().log(beforeClose);
 }
