@@ -59,7 +59,8 @@ public:
     std::string startAgent(const std::string &key);
     /// Lines put first in sshd's configuration (before start()); "%PORT%" stands for port().
     void setExtraConfig(std::string lines) { extraConfig_ = std::move(lines); }
-    std::string writeFile(const std::string &name, const std::string &text) const;
+    /// Writes @p name in the harness's directory, readable by the account unless @p mode says otherwise.
+    std::string writeFile(const std::string &name, const std::string &text, mode_t mode = 0644) const;
     /// The daemon's log (sshd's LogLevel VERBOSE) from byte @p from on.
     std::string log(std::size_t from = 0) const;
 
