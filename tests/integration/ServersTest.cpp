@@ -41,10 +41,7 @@ TEST_F(Dropbear, AStopLeavesNothingOfTheScriptRunning)
     const auto sleeping = [] {
         return runProcess({"/usr/bin/pgrep", "-u", SshdHarness::kAccount, "-f", "^sleep 47$"}).status == 0;
     };
-    std::string padding;
-    while (padding.size() < 9000)
-        padding += ": pad\n";
-    for (const std::string &start : {std::string(), padding}) {
+    for (const std::string &start : {std::string(), ": " + std::string(9000, 'p') + "\n"}) {
         freshDelegate();
         delegate->drainOutput = false;
         auto sensor = makeSensor();

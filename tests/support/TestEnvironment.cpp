@@ -8,25 +8,6 @@
 
 namespace telvane::test {
 
-LogCapture::LogCapture()
-{
-    telvaneSetLogSink([this](std::string_view line) {
-        std::lock_guard lock(mutex_);
-        lines_.emplace_back(line);
-    });
-}
-
-LogCapture::~LogCapture()
-{
-    telvaneSetLogSink({});
-}
-
-std::vector<std::string> LogCapture::lines() const
-{
-    std::lock_guard lock(mutex_);
-    return lines_;
-}
-
 std::string LogCapture::joined() const
 {
     std::string all;

@@ -42,9 +42,19 @@ template <class Base, class Row> class WithRows : public Base, public ::testing:
 class LogCapture
 {
 public:
-    LogCapture();
-    ~LogCapture();
-    std::vector<std::string> lines() const;
+    LogCapture()
+    {
+        telvaneSetLogSink([this](std::string_view line) {
+            std::lock_guard lock(mutex_);
+            lines_.emplace_back(line);
+        });
+    }
+    ~LogCapture() { telvaneSetLogSink({}); }
+    std::vector<std::string> lines() const
+    {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
     bool contains(const std::string &text) const { return joined().find(text) != std::string::npos; }
     std::string joined() const;
 
