@@ -117,14 +117,9 @@ TEST_F(SensorRunTest, AStartToldLateStillComesBeforeTheEndAndTheFirstByte)
         // Once the pump and the reader have returned, a late sink call would have come.
         ASSERT_TRUE(!sink || waitUntil([&] { return threadCount() <= threads; }))
             << "a pump or reader runs on";
-        std::vector<Event::Kind> reports;
-        for (const Event &event : delegate->events())
-            if (event.kind == Event::Started || event.kind == Event::Terminated)
-                reports.push_back(event.kind);
-        EXPECT_EQ((std::vector<Event::Kind>{Event::Started, Event::Terminated}), reports) << sink;
         // With a sink, the pipe carries nothing but its end: a byte in both would show twice.
         EXPECT_TRUE(expected == delegate->output()) << sink;
-        EXPECT_EQ("", delegate->outcomeFaults());
+        EXPECT_EQ("", delegate->outcomeFaults()) << sink; // the start first, no sink call after the outcome
     }
 }
 

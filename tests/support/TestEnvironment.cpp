@@ -104,7 +104,11 @@ RecordingDelegate::answersForLoginQuestion(Telvane &, const TelvaneLoginQuestion
 void RecordingDelegate::sensorScriptDidTerminate(Telvane &, long status)
 {
     std::this_thread::sleep_for(endDelay);
-    record({Event::Terminated, status});
+    std::lock_guard lock(mutex_);
+    if (heard(Event::Started) <= heard(Event::Terminated))
+        outcomeFaults_ += "an end told before its start; ";
+    events_.push_back({Event::Terminated, status});
+    changed_.notify_all();
 }
 
 void RecordingDelegate::sensorDidFailWithError(Telvane &sensor, long code)

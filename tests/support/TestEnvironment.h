@@ -110,8 +110,9 @@ public:
     /// Waits until the run has told its outcome and, when draining, its output has reached end of file.
     bool waitForEnd(std::chrono::milliseconds timeout = std::chrono::seconds(30));
     std::vector<TelvaneRunOutcome> outcomes() const { return read(&RecordingDelegate::outcomes_); }
-    /// What is wrong with the reports so far: an outcome told twice, before its pipe's writing end was
-    /// closed or disagreeing with the end report, a sink call outside the start and the outcome; or "".
+    /// What is wrong with the reports so far: an end before its start, an outcome told twice, before its
+    /// pipe's writing end was closed or disagreeing with the end report, a sink call outside the start and
+    /// the outcome; or "".
     std::string outcomeFaults() const { return read(&RecordingDelegate::outcomeFaults_); }
     std::string output() const { return read(&RecordingDelegate::output_); }
     std::vector<std::string> promptsAsked() const { return read(&RecordingDelegate::promptsAsked_); }
