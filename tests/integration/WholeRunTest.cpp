@@ -1,5 +1,5 @@
-// Whole runs against a real sshd: what the remote script writes arrives byte for byte, and its exit status
-// with it, whatever the size of the output and the shape of the script.
+// Whole runs against a real sshd and dropbear: what the remote script writes arrives byte for byte, and its
+// exit status with it, whatever the size of the output and the shape of the script.
 #include "support/Process.h"
 #include "support/SshdFixture.h"
 
@@ -7,6 +7,7 @@ using namespace telvane::test;
 using Event = RecordingDelegate::Event;
 
 namespace {
+using Dropbear = SensorRunTestOn<SshdHarness::Server::Dropbear>;
 struct ScriptCase
 {
     const char *name;
@@ -89,5 +90,42 @@ TEST_F(SshdTest, MinimalHostPrintsTheOutputAndExitsWithTheScriptsStatus)
                        {.environment = {{"TELVANE_KEYRING", "memory"}}});
         EXPECT_EQ(status, run.status) << run.err;
         EXPECT_EQ(out, run.out);
+    }
+}
+
+// dropbear takes no exec request over 9000 bytes: longer scripts travel on standard input, and their end
+// (a status, a signal) is still their own.
+TEST_F(Dropbear, ScriptsOfEverySizeRunByteForByte)
+{
+    for (const auto &[size, end, status] :
+         {std::tuple{20 * 1024, "exit 7", 7}, {300 * 1024, "kill -KILL $$", 137}}) {
+        freshDelegate();
+        std::string script, expected;
+        for (long line = 1; script.size() < static_cast<std::size_t>(size); ++line) {
+            script += "echo " + std::to_string(line) + " 'it'\\''s'\n";
+            expected += std::to_string(line) + " it's\n";
+        }
+        ASSERT_TRUE(runToEnd(*makeSensor(), script + end)) << size;
+        EXPECT_EQ(std::optional<long>(status), delegate->terminationStatus()) << log.joined() << sshd().log();
+        EXPECT_EQ(status == 137, log.contains("killed by signal KILL")) << "not told as the script's signal";
+        EXPECT_TRUE(expected == delegate->output()) << size << ": " << delegate->output().substr(0, 200);
+    }
+}
+
+// dropbear signals the login shell alone; the script's children must end with it, whichever way it came.
+TEST_F(Dropbear, AStopLeavesNothingOfTheScriptRunning)
+{
+    const auto sleeping = [] {
+        return runProcess({"/usr/bin/pgrep", "-u", SshdHarness::kAccount, "-f", "^sleep 47$"}).status == 0;
+    };
+    for (const std::string &start : {std::string(), ": " + std::string(9000, 'p') + "\n"}) {
+        freshDelegate();
+        delegate->drainOutput = false;
+        auto sensor = makeSensor();
+        sensor->runScript(start + "sleep 47 &\nsleep 47\n", std::nullopt);
+        ASSERT_EQ(1, delegate->count(Event::Started)) << log.joined();
+        ASSERT_TRUE(waitUntil(sleeping)) << "the script never started its sleeps";
+        sensor->stopScript();
+        EXPECT_TRUE(waitUntil([&] { return !sleeping(); })) << "a sleep of the script runs on";
     }
 }
