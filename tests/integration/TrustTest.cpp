@@ -3,9 +3,8 @@
 #include "support/Process.h"
 #include "support/SshdFixture.h"
 
-#include <fstream>
-
 using namespace telvane::test;
+using Policy = TelvaneHostKeyPolicy;
 
 namespace {
 
@@ -14,7 +13,7 @@ enum class Known { Nothing, RightKey, OtherKey };
 struct PolicyCase
 {
     const char *name;
-    TelvaneHostKeyPolicy policy;
+    Policy policy;
     Known known;
     std::optional<bool> delegateAnswer; // nothing: the delegate keeps the policy's answer
     bool runs;
@@ -30,7 +29,7 @@ protected:
 
     // Runs `true` under @p policy, the delegate answering @p keyAnswer (else the policy's answer), after it
     // closed the sensor when @p closeWhenAsked.
-    void runWith(TelvaneHostKeyPolicy policy, std::optional<bool> keyAnswer = {}, bool closeWhenAsked = false)
+    void runWith(Policy policy, std::optional<bool> keyAnswer = {}, bool closeWhenAsked = false)
     {
         freshDelegate();
         asked.clear();
@@ -52,15 +51,14 @@ protected:
 TEST_P(HostKeys, FollowThePolicyAndTheDelegate)
 {
     const auto &row = GetParam();
-    file = sshd().writeFile("known_hosts", "");
+    const std::string otherKey = // one that no harness ever has
+        "# an older key\n" + entry +
+        " ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIL98rV3YlPQ7pBBYFvr4PWI8gs5M7zXeSgbjOPz+RB3d\n";
+    file = sshd().writeFile("known_hosts", row.known == Known::OtherKey ? otherKey : "");
     if (row.known == Known::RightKey) {
-        runWith(TelvaneHostKeyPolicy::AcceptNew);
+        runWith(Policy::AcceptNew);
         ASSERT_EQ(0, delegate->terminationStatus()) << log.joined();
     }
-    if (row.known == Known::OtherKey) // a key that no harness ever has
-        std::ofstream(file) << "# an older key\n"
-                            << entry << " ssh-ed25519 "
-                            << "AAAAC3NzaC1lZDI1NTE5AAAAIL98rV3YlPQ7pBBYFvr4PWI8gs5M7zXeSgbjOPz+RB3d\n";
     const std::string before = readFile(file);
     runWith(row.policy, row.delegateAnswer, row.closeWhenAsked);
 
@@ -68,7 +66,7 @@ TEST_P(HostKeys, FollowThePolicyAndTheDelegate)
     EXPECT_EQ(row.runs ? std::nullopt : std::optional<long>(1), delegate->failureCode());
     EXPECT_EQ(1, delegate->count(RecordingDelegate::Event::Failed) +
                      delegate->count(RecordingDelegate::Event::Started));
-    const bool questioned = row.policy != TelvaneHostKeyPolicy::AcceptAny && row.known != Known::RightKey;
+    const bool questioned = row.policy != Policy::AcceptAny && row.known != Known::RightKey;
     ASSERT_EQ(questioned ? 1u : 0u, asked.size());
     if (questioned) {
         EXPECT_EQ(entry, asked[0].host);
@@ -101,19 +99,14 @@ TEST_P(HostKeys, FollowThePolicyAndTheDelegate)
 INSTANTIATE_TEST_SUITE_P(
     Policies, HostKeys,
     ::testing::Values(
-        PolicyCase{"AcceptNewAddsAFirstKey", TelvaneHostKeyPolicy::AcceptNew, Known::Nothing, {}, true},
-        PolicyCase{"AcceptNewTakesAKnownKey", TelvaneHostKeyPolicy::AcceptNew, Known::RightKey, {}, true},
-        PolicyCase{
-            "AcceptNewRefusesAChangedKey", TelvaneHostKeyPolicy::AcceptNew, Known::OtherKey, {}, false},
-        PolicyCase{"StrictRefusesAnUnknownKey", TelvaneHostKeyPolicy::Strict, Known::Nothing, {}, false},
-        PolicyCase{"StrictTakesAKnownKey", TelvaneHostKeyPolicy::Strict, Known::RightKey, {}, true},
-        PolicyCase{"StrictWithTheDelegatesYesAddsAKey", TelvaneHostKeyPolicy::Strict, Known::Nothing, true,
-                   true},
-        PolicyCase{"TheDelegateRefusesAFirstKey", TelvaneHostKeyPolicy::AcceptNew, Known::Nothing, false,
-                   false},
-        PolicyCase{"AcceptAnyIgnoresAChangedKey", TelvaneHostKeyPolicy::AcceptAny, Known::OtherKey, {}, true},
-        PolicyCase{"ACloseWhileAskedThenNo", TelvaneHostKeyPolicy::AcceptNew, Known::Nothing, false, false,
-                   true},
-        PolicyCase{"ACloseWhileAskedThenYes", TelvaneHostKeyPolicy::AcceptNew, Known::Nothing, true, false,
-                   true}),
+        PolicyCase{"AcceptNewAddsAFirstKey", Policy::AcceptNew, Known::Nothing, {}, true},
+        PolicyCase{"AcceptNewTakesAKnownKey", Policy::AcceptNew, Known::RightKey, {}, true},
+        PolicyCase{"AcceptNewRefusesAChangedKey", Policy::AcceptNew, Known::OtherKey, {}, false},
+        PolicyCase{"StrictRefusesAnUnknownKey", Policy::Strict, Known::Nothing, {}, false},
+        PolicyCase{"StrictTakesAKnownKey", Policy::Strict, Known::RightKey, {}, true},
+        PolicyCase{"StrictWithTheDelegatesYesAddsAKey", Policy::Strict, Known::Nothing, true, true},
+        PolicyCase{"TheDelegateRefusesAFirstKey", Policy::AcceptNew, Known::Nothing, false, false},
+        PolicyCase{"AcceptAnyIgnoresAChangedKey", Policy::AcceptAny, Known::OtherKey, {}, true},
+        PolicyCase{"ACloseWhileAskedThenNo", Policy::AcceptNew, Known::Nothing, false, false, true},
+        PolicyCase{"ACloseWhileAskedThenYes", Policy::AcceptNew, Known::Nothing, true, false, true}),
     [](const auto &info) { return std::string(info.param.name); });

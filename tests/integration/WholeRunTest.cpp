@@ -18,11 +18,8 @@ struct ScriptCase
 using ScriptShapes = WithRows<SensorRunTest, ScriptCase>;
 ScriptCase seqBytes(const char *name, std::size_t size, long status)
 {
-    return {name,
-            "seq 1 20000000 | head -c " + std::to_string(size) + "\nexit " + std::to_string(status),
-            {},
-            status,
-            size};
+    const std::string script = "seq 1 20000000 | head -c " + std::to_string(size);
+    return {name, script + "\nexit " + std::to_string(status), {}, status, size};
 }
 } // namespace
 
