@@ -11,6 +11,7 @@
 using namespace telvane::test;
 using Event = RecordingDelegate::Event;
 using Server = SshdHarness::Server;
+using Pair = TelvaneCredentialsDictionary;
 
 namespace {
 struct Answer
@@ -60,18 +61,17 @@ TEST_P(Credentials, FromTheDelegateAreKeptOnlyWhenAskedAndAccepted)
     EXPECT_EQ(row.sent, daemon.find(" password for ") != std::string::npos) << daemon;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Answers, Credentials,
-    ::testing::Values(Answer{"Kept", TelvaneCredentialsDictionary{"$", "$"}, true, {}, "", true},
-                      Answer{"NotAskedToKeep", TelvaneCredentialsDictionary{"$", "$"}, false, {}, "", true},
-                      Answer{"RefusedNeverKept", TelvaneCredentialsDictionary{"$", "not-$"}, true, 3,
-                             "libssh2_userauth_password()) failed.", true},
-                      Answer{"None", std::nullopt, true, 2, "", false},
-                      Answer{"UsernameNotUtf8", TelvaneCredentialsDictionary{"t\xe9st", "$"}, true, 3,
-                             "is not valid UTF-8 text; it was not sent", false},
-                      Answer{"PasswordNotUtf8", TelvaneCredentialsDictionary{"$", "$\xe9"}, true, 3,
-                             "is not valid UTF-8 text; it was not sent", false}),
-    [](const auto &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Answers, Credentials,
+                         ::testing::Values(Answer{"Kept", Pair{"$", "$"}, true, {}, "", true},
+                                           Answer{"NotAskedToKeep", Pair{"$", "$"}, false, {}, "", true},
+                                           Answer{"RefusedNeverKept", Pair{"$", "not-$"}, true, 3,
+                                                  "libssh2_userauth_password()) failed.", true},
+                                           Answer{"None", std::nullopt, true, 2, "", false},
+                                           Answer{"UsernameNotUtf8", Pair{"t\xe9st", "$"}, true, 3,
+                                                  "is not valid UTF-8 text; it was not sent", false},
+                                           Answer{"PasswordNotUtf8", Pair{"$", "$\xe9"}, true, 3,
+                                                  "is not valid UTF-8 text; it was not sent", false}),
+                         [](const auto &info) { return std::string(info.param.name); });
 
 // The stored password answers its own prompt, the delegate the code's. The pair goes only when the password
 // itself was refused.
