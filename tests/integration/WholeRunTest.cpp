@@ -3,6 +3,8 @@
 #include "support/Process.h"
 #include "support/SshdFixture.h"
 
+#include <unistd.h>
+
 using namespace telvane::test;
 using Event = RecordingDelegate::Event;
 
@@ -112,14 +114,16 @@ TEST_F(Dropbear, ScriptsOfEverySizeRunByteForByte)
 // dropbear signals the login shell alone; the script's children must end with it, whichever way it came.
 TEST_F(Dropbear, AStopLeavesNothingOfTheScriptRunning)
 {
-    const auto sleeping = [] {
-        return runProcess({"/usr/bin/pgrep", "-u", SshdHarness::kAccount, "-f", "^sleep 47$"}).status == 0;
+    // A duration of its own, so that pgrep sees this run's sleeps and no other's.
+    const std::string sleep = "sleep 47." + std::to_string(::getpid());
+    const auto sleeping = [&] {
+        return runProcess({"/usr/bin/pgrep", "-u", SshdHarness::kAccount, "-fx", sleep}).status == 0;
     };
     for (const std::string &start : {std::string(), ": " + std::string(9000, 'p') + "\n"}) {
         freshDelegate();
         delegate->drainOutput = false;
         auto sensor = makeSensor();
-        sensor->runScript(start + "sleep 47 &\nsleep 47\n", std::nullopt);
+        sensor->runScript(start + sleep + " &\n" + sleep + "\n", std::nullopt);
         ASSERT_EQ(1, delegate->count(Event::Started)) << log.joined();
         ASSERT_TRUE(waitUntil(sleeping)) << "the script never started its sleeps";
         sensor->stopScript();
