@@ -8,6 +8,8 @@
 #include "support/Loopback.h"
 #include "support/SshdFixture.h"
 
+#include <atomic>
+#include <future>
 #include <thread>
 #include <unistd.h>
 
@@ -171,18 +173,32 @@ INSTANTIATE_TEST_SUITE_P(
                                Kind::Stopped, 1s}),
     [](const auto &info) { return std::string(info.param.name); });
 
+// The older run waits at its host-key question while a newer one starts; the refusal that follows ends the
+// older run alone, and lastFailure() stays the newest run's. A close ends every run, with the application's
+// words.
 TEST_F(Stop, TwoRunsOfOneSensorEndEachOnItsOwnAndCloseEndsBothWithTheApplicationsWords)
 {
+    std::promise<void> release;
+    std::atomic<int> asked{0};
+    delegate->answerHostKey = [&](Telvane &, const TelvaneHostKey &, bool) {
+        if (asked++ > 0)
+            return true;
+        release.get_future().wait_for(10s);
+        return false; // the older run's key
+    };
     auto sensor = makeSensor(30.0);
-    const auto older = startedOutput(*sensor, "sleep 1\necho older");
-    const auto newer = startedOutput(*sensor, "sleep 3\necho newer");
-    ASSERT_TRUE(older && newer) << log.joined();
+    sensor->setKnownHostsFile(sshd().writeFile("known_hosts", ""));
+    std::jthread older([&] { sensor->runScript("echo older", std::nullopt); });
+    ASSERT_TRUE(waitUntil([&] { return asked == 1; })) << log.joined();
+    const auto newer = startedOutput(*sensor, "sleep 1\necho newer");
+    release.set_value();
+    older.join();
+    ASSERT_TRUE(newer) << log.joined();
+    EXPECT_TRUE(sensor->running()) << "the older run's failure stopped the newer one";
+    EXPECT_FALSE(sensor->lastFailure()) << "lastFailure() is the newest run's";
     std::string data;
-    ASSERT_TRUE(readToEnd(*older, 10s, &data));
-    EXPECT_EQ("older\n", data);
-    EXPECT_TRUE(sensor->running()) << "the older run's end stopped the newer one";
     ASSERT_TRUE(readToEnd(*newer, 10s, &data));
-    EXPECT_EQ("older\nnewer\n", data);
+    EXPECT_EQ("newer\n", data);
 
     const auto quiet = startedOutput(*sensor, "sleep 20");
     const auto quieter = startedOutput(*sensor, "sleep 21");

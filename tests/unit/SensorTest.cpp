@@ -72,7 +72,8 @@ TEST_P(EarlyFailures, FailWithCodeOneOrToNobodyAndHoldNothing)
     const std::weak_ptr<RecordingDelegate> weak = delegate;
     delegate.reset();
     EXPECT_TRUE(weak.expired());
-    sensor->runScript("echo hi", std::nullopt);
+    sensor->setRunning(true);
+    sensor->sensorDidFailWithError(1); // told to nobody, and still closes
     EXPECT_FALSE(sensor->running());
     sensor->close();
     sensor->close();
