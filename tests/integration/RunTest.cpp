@@ -181,10 +181,9 @@ TEST_F(Stop, TwoRunsOfOneSensorEndEachOnItsOwnAndCloseEndsBothWithTheApplication
     std::promise<void> release;
     std::atomic<int> asked{0};
     delegate->answerHostKey = [&](Telvane &, const TelvaneHostKey &, bool) {
-        if (asked++ > 0)
-            return true;
-        release.get_future().wait_for(10s);
-        return false; // the older run's key
+        // The older run's key is refused once the newer run has started (a newer run that cannot start
+        // while the delegate is asked lets it in).
+        return asked++ > 0 || release.get_future().wait_for(10s) != std::future_status::ready;
     };
     auto sensor = makeSensor(30.0);
     sensor->setKnownHostsFile(sshd().writeFile("known_hosts", ""));
@@ -194,6 +193,7 @@ TEST_F(Stop, TwoRunsOfOneSensorEndEachOnItsOwnAndCloseEndsBothWithTheApplication
     release.set_value();
     older.join();
     ASSERT_TRUE(newer) << log.joined();
+    EXPECT_EQ(std::optional<long>(1), delegate->failureCode()) << "the older run was let in";
     EXPECT_TRUE(sensor->running()) << "the older run's failure stopped the newer one";
     EXPECT_FALSE(sensor->lastFailure()) << "lastFailure() is the newest run's";
     std::string data;

@@ -83,8 +83,7 @@ public:
     bool answerPersist = false;
     /// When false, nobody reads the output: the test does.
     bool drainOutput = true;
-    /// How long hearing the end takes: a reader that meets end of file before the end was heard then shows
-    /// as an outcome fault.
+    /// How long hearing the end takes; a reader meeting end of file before the end was heard is a fault.
     std::chrono::milliseconds endDelay{0};
     /// When set, the output goes to a sink, each call taking this long, and output() is what it got.
     std::optional<std::chrono::milliseconds> sink;
@@ -110,9 +109,8 @@ public:
     /// Waits until the run has told its outcome and, when draining, its output has reached end of file.
     bool waitForEnd(std::chrono::milliseconds timeout = std::chrono::seconds(30));
     std::vector<TelvaneRunOutcome> outcomes() const { return read(&RecordingDelegate::outcomes_); }
-    /// What is wrong with the reports so far: an end before its start, an outcome told twice, before its
-    /// pipe's writing end was closed or disagreeing with the end report, a sink call outside the start and
-    /// the outcome; or "".
+    /// What is wrong with the reports so far (an end before its start, an outcome told twice, before the
+    /// pipe closed or unlike the end report, a sink call outside the start and the outcome), or "".
     std::string outcomeFaults() const { return read(&RecordingDelegate::outcomeFaults_); }
     std::string output() const { return read(&RecordingDelegate::output_); }
     std::vector<std::string> promptsAsked() const { return read(&RecordingDelegate::promptsAsked_); }
@@ -129,10 +127,8 @@ public:
 
 private:
     std::optional<long> firstValue(Event::Kind kind) const;
-    long heard(Event::Kind kind) const
-    {
-        return std::ranges::count(events_, kind, &Event::kind);
-    } // mutex_ held
+    /// How many reports of @p kind came; mutex_ held.
+    long heard(Event::Kind kind) const { return std::ranges::count(events_, kind, &Event::kind); }
     void record(Event event);
     template <typename T> T read(T RecordingDelegate::*field) const
     {
