@@ -117,11 +117,10 @@ TEST_P(KeyLogin, LogsInWithoutAPassword)
     ::unsetenv("SSH_AUTH_SOCK");
     auto sensor = makeSensor();
     // The username comes from the preset pair, or from the stored one (whose password is never tried).
-    const TelvaneCredentialsDictionary unusable{sshd().username(), "not-" + sshd().password()};
     if (way == "File")
-        TelvaneCredentials::credentialsAccepted(sensor->hostname(), unusable, true);
+        TelvaneCredentials::credentialsAccepted(sensor->hostname(), {sshd().username(), "not-it"}, true);
     else
-        sensor->setPresetCredentials(TelvaneCredentialsDictionary{sshd().username(), ""});
+        sensor->setPresetCredentials(Pair{sshd().username(), ""});
     sensor->setPublicKeyAuthentication(way != "KeysOff");
     const std::string key = sshd().makeClientKey("key", way == "EncryptedFile" ? "open sesame" : "");
     ASSERT_FALSE(key.empty());

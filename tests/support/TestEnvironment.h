@@ -148,9 +148,8 @@ private:
     bool closedBeforeReport_ = false;                          // guarded by mutex_
 };
 
-/// For suites that run sensors against a test server: an in-memory keyring, fresh for every test, a recording
-/// delegate that answers with the server's account, and a watch on every log line for the server's password
-/// and the one the delegate last gave.
+/// Sensors against a test server: a fresh in-memory keyring, a recording delegate that answers with the
+/// server's account, and a watch on every log line for that password and the one the delegate last gave.
 class SensorTest : public ::testing::Test
 {
 protected:
