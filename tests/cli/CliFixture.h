@@ -34,11 +34,30 @@ protected:
         SshdTest::SetUp();
         if (IsSkipped() || HasFatalFailure())
             return;
-        passwordFile = write("password", sshd().password() + "\n");
-        port = std::to_string(sshd().port());
-        good = {"127.0.0.1:" + port, "[::1]:" + port, sshd().username() + "@localhost:" + port};
+        // Inherited by every telvane the test starts, on a terminal or not.
+        setenv("HOME", home.c_str(), 1);
+        setenv("XDG_DATA_HOME", (home / "data").c_str(), 1);
+        setenv("TELVANE_KEYRING", "file", 1);
+        setenv("NO_COLOR", "", 1);
+        const std::string port = std::to_string(sshd().port()), user = sshd().username();
+        vars = {{"$PORT", port},
+                {"$USER", user},
+                {"$PW", write("password", sshd().password() + "\n")},
+                {"$V4", "127.0.0.1:" + port},
+                {"$V6", "[::1]:" + port},
+                {"$NAMED", user + "@localhost:" + port},
+                {"$CLOSED", std::to_string(closedPort.port())}};
+        vars["$LOGIN"] = "-l " + user + " --password-file " + vars["$PW"];
     }
 
+    // @p text with each of `vars` replaced by its value (backwards, so that $AB goes before $A).
+    std::string expand(std::string text) const
+    {
+        for (auto var = vars.rbegin(); var != vars.rend(); ++var)
+            for (auto at = text.find(var->first); at != npos; at = text.find(var->first, at + 1))
+                text.replace(at, var->first.size(), var->second);
+        return text;
+    }
     // A file only its owner may read, in the test's directory.
     std::string write(const std::string &name, const std::string &text) const
     {
@@ -47,37 +66,15 @@ protected:
         fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write);
         return path;
     }
-    std::string script(const std::string &text) const
+    // The shell's command line for telvane @p args, expanded, then a script of @p text when there is one.
+    std::string command(const std::string &args, const std::string &text = "")
     {
-        return write("script" + std::to_string(scripts++), text);
+        return TELVANE_CLI_PATH " " + expand(args) +
+               (text.empty() ? "" : " " + write("script" + std::to_string(scripts++), text));
     }
-    std::map<std::string, std::string> environment() const
+    ProcessResult telvane(const std::string &args, const std::string &text = "", ProcessOptions options = {})
     {
-        return {{"TELVANE_KEYRING", "file"},
-                {"XDG_DATA_HOME", (home / "data").string()},
-                {"NO_COLOR", ""},
-                {"HOME", home.string()}};
-    }
-
-    // telvane with @p args in the test's environment (what @p options sets wins).
-    ProcessResult telvane(std::vector<std::string> args, ProcessOptions options = {}) const
-    {
-        args.insert(args.begin(), TELVANE_CLI_PATH);
-        options.environment.merge(environment());
-        return runProcess(args, options);
-    }
-    // @p args (the command first) with the account and @p file as its password file, then the hosts (one as
-    // an argument, several each after -H), then a script of @p text when there is one.
-    std::vector<std::string> login(const std::string &file, const std::vector<std::string> &hosts,
-                                   std::vector<std::string> args = {"run"},
-                                   const std::string &text = "") const
-    {
-        args.insert(args.end(), {"-l", sshd().username(), "--password-file", file});
-        for (const auto &host : hosts)
-            hosts.size() > 1 ? args.insert(args.end(), {"-H", host}) : args.insert(args.end(), host);
-        if (!text.empty())
-            args.push_back(script(text));
-        return args;
+        return runProcess({"/bin/sh", "-fc", "exec " + command(args, text)}, options);
     }
 
     // A question and its answer; "FINGERPRINT": the host key's fingerprint as the question showed it; "\x03":
@@ -85,21 +82,13 @@ protected:
     using Exchange = std::pair<std::string, std::string>;
     // telvane on a terminal of its own, answering each question once it shows, in whatever order they come.
     // The terminal's text goes to `out`; `err` counts the questions never asked.
-    ProcessResult onTerminal(std::vector<std::string> args, std::vector<Exchange> exchanges) const
+    ProcessResult onTerminal(const std::string &args, std::vector<Exchange> exchanges)
     {
-        args.insert(args.begin(), TELVANE_CLI_PATH);
         int terminal = -1;
+        const std::string line = "exec " + command(args, "echo in\n");
         const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
-        if (pid == 0) {
-            for (const auto &[name, value] : environment())
-                setenv(name.c_str(), value.c_str(), 1);
-            std::vector<char *> argv;
-            for (auto &arg : args)
-                argv.push_back(arg.data());
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
+        if (pid == 0)
+            _exit(execl("/bin/sh", "sh", "-fc", line.c_str(), nullptr));
         ProcessResult result;
         std::size_t seen = 0;
         for (char buffer[4096];;) {
@@ -134,9 +123,9 @@ protected:
 
     telvane::test::TemporaryDirectory scratch{"telvane-cli"};
     const fs::path home = scratch.path();
-    std::string passwordFile, port;
-    std::vector<std::string> good;            // the loopback sshd as 127.0.0.1, ::1 and USER@localhost
     telvane::test::LoopbackSocket closedPort; // bound, never listening: connections are refused
-    const std::string closed = "127.0.0.1:" + std::to_string(closedPort.port());
-    mutable int scripts = 0;
+    // Written into command lines and expected text: $V4, $V6 and $NAMED are the loopback sshd as 127.0.0.1,
+    // ::1 and USER@localhost; $CLOSED a port that refuses; $LOGIN the account with its password file $PW.
+    std::map<std::string, std::string> vars;
+    int scripts = 0;
 };
