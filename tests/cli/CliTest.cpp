@@ -1,10 +1,137 @@
 // `telvane`, one host or several, as a user runs it: the real binary against the real loopback sshd, reached
-// as 127.0.0.1, ::1 and localhost, beside a closed port and an account that sshd refuses.
-#include "cli/CliFixture.h"
+// as 127.0.0.1, ::1 and localhost, beside a closed port and an account that sshd refuses; a home, keyring and
+// password file of the test's own.
 #include "support/Daemon.h"
+#include "support/Files.h"
+#include "support/Loopback.h"
+#include "support/Process.h"
+#include "support/SshdFixture.h"
 
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
+#include <poll.h>
+#include <pty.h>
 #include <sstream>
+#include <sys/wait.h>
+
+namespace fs = std::filesystem;
+using telvane::test::ProcessOptions;
+using telvane::test::ProcessResult;
+using telvane::test::runProcess;
+constexpr auto npos = std::string::npos;
+
+inline std::size_t occurrences(const std::string &text, const std::string &word)
+{
+    std::size_t n = 0;
+    for (auto at = text.find(word); at != npos; at = text.find(word, at + 1))
+        ++n;
+    return n;
+}
+
+class Cli : public telvane::test::SshdTest
+{
+protected:
+    void SetUp() override
+    {
+        SshdTest::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
+        // Inherited by every telvane the test starts, on a terminal or not.
+        setenv("HOME", home.c_str(), 1);
+        setenv("XDG_DATA_HOME", (home / "data").c_str(), 1);
+        setenv("TELVANE_KEYRING", "file", 1);
+        setenv("NO_COLOR", "", 1);
+        const std::string port = std::to_string(sshd().port()), user = sshd().username();
+        vars = {{"$PORT", port},
+                {"$USER", user},
+                {"$PW", write("password", sshd().password() + "\n")},
+                {"$V4", "127.0.0.1:" + port},
+                {"$V6", "[::1]:" + port},
+                {"$NAMED", user + "@localhost:" + port},
+                {"$CLOSED", std::to_string(closedPort.port())}};
+        vars["$LOGIN"] = "-l " + user + " --password-file " + vars["$PW"];
+    }
+
+    // @p text with each of `vars` replaced by its value (backwards, so that $AB goes before $A).
+    std::string expand(std::string text) const
+    {
+        for (auto var = vars.rbegin(); var != vars.rend(); ++var)
+            for (auto at = text.find(var->first); at != npos; at = text.find(var->first, at + 1))
+                text.replace(at, var->first.size(), var->second);
+        return text;
+    }
+    // A file only its owner may read, in the test's directory.
+    std::string write(const std::string &name, const std::string &text) const
+    {
+        const std::string path = (home / name).string();
+        std::ofstream(path) << text;
+        fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write);
+        return path;
+    }
+    // The shell's command line for telvane @p args, expanded, then a script of @p text when there is one.
+    std::string command(const std::string &args, const std::string &text = "")
+    {
+        return TELVANE_CLI_PATH " " + expand(args) +
+               (text.empty() ? "" : " " + write("script" + std::to_string(scripts++), text));
+    }
+    ProcessResult telvane(const std::string &args, const std::string &text = "", ProcessOptions options = {})
+    {
+        return runProcess({"/bin/bash", "-fc", "exec " + command(args, text)}, options);
+    }
+
+    // A question and its answer; "FINGERPRINT": the host key's fingerprint as the question showed it; "\x03":
+    // a Ctrl-C.
+    using Exchange = std::pair<std::string, std::string>;
+    // telvane on a terminal of its own, answering each question once it shows, in whatever order they come.
+    // The terminal's text goes to `out`; `err` counts the questions never asked.
+    ProcessResult onTerminal(const std::string &args, std::vector<Exchange> exchanges)
+    {
+        int terminal = -1;
+        const std::string line = "exec " + command(args, "echo in\n");
+        const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
+        if (pid == 0)
+            _exit(execl("/bin/sh", "sh", "-fc", line.c_str(), nullptr));
+        ProcessResult result;
+        std::size_t seen = 0;
+        for (char buffer[4096];;) {
+            pollfd fd{terminal, POLLIN, 0};
+            const ssize_t n = poll(&fd, 1, 10000) > 0 ? read(terminal, buffer, sizeof buffer) : 0;
+            if (n <= 0)
+                break; // the end (EIO once telvane has gone), or a question nobody expected
+            result.out.append(buffer, static_cast<std::size_t>(n));
+            for (auto it = exchanges.begin(); it != exchanges.end(); ++it) {
+                const auto at = result.out.find(it->first, seen);
+                if (at == npos)
+                    continue;
+                seen = at + it->first.size();
+                const auto from = result.out.find("SHA256:");
+                std::string answer = it->second == "FINGERPRINT"
+                                         ? result.out.substr(from, result.out.find('.', from) - from)
+                                         : it->second;
+                answer += answer == "\x03" ? "" : "\n"; // a Ctrl-C is typed alone
+                exchanges.erase(it);
+                [[maybe_unused]] const auto written = ::write(terminal, answer.data(), answer.size());
+                break;
+            }
+        }
+        kill(pid, SIGKILL); // harmless once it has ended; ends it if it waits for an answer that never came
+        int status = 0;
+        waitpid(pid, &status, 0);
+        close(terminal);
+        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        result.err = std::to_string(exchanges.size());
+        return result;
+    }
+
+    telvane::test::TemporaryDirectory scratch{"telvane-cli"};
+    const fs::path home = scratch.path();
+    telvane::test::LoopbackSocket closedPort; // bound, never listening: connections are refused
+    // Written into command lines and expected text: $V4, $V6 and $NAMED are the loopback sshd as 127.0.0.1,
+    // ::1 and USER@localhost; $CLOSED a port that refuses; $LOGIN the account with its password file $PW.
+    std::map<std::string, std::string> vars;
+    int scripts = 0;
+};
 
 // Refused by the server, and so logged about: it must vanish like the real one.
 const std::string kWrongPassword = "wrong#Pw-7d1f0c";
@@ -12,7 +139,7 @@ const std::string kWrongPassword = "wrong#Pw-7d1f0c";
 // One host: its own status, or one line naming host, port and cause. Several (-H): 0, 1 or 3, each host's
 // lines whole after its label, and a summary. diagnose: the transcript; ssh's spellings of hosts and keys,
 // and keys tried first as ssh does (-i, an alias's IdentityFile, none with PubkeyAuthentication=no); given
-// and stored credentials; bad input refused with status 2 in one line.
+// and stored credentials; bad input refused with status 2 in one line; standard output that fails; a stop.
 TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
 {
     telvane::test::SshdHarness keys(telvane::test::SshdHarness::Server::PublicKey);
@@ -31,13 +158,30 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
         write("changed", expand("[127.0.0.1]:$PORT ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIL98rV3YlPQ7"
                                 "pBBYFvr4PWI8gs5M7zXeSgbjOPz+RB3d\n"));
     const std::string diagnose = expand("Connecting over SSH to 127.0.0.1 on port $PORT: ");
+    telvane::test::LoopbackSocket silent(4); // accepts and never says a word: the handshake waits
+    vars["$SILENT"] = "127.0.0.1:" + std::to_string(silent.port());
+    vars["$STOP"] = "-t 30 --parallel 2 $LOGIN";
+    fs::create_directories(home / "drop"); // where the test account's scripts leave their process ids
+    fs::permissions(home, fs::perms::others_exec, fs::perm_options::add);
+    fs::permissions(home / "drop", fs::perms::all);
+    const std::string pids = home / "drop" / "pids";
+    const std::string streaming = "echo $$ >> " + pids + "; while :; do echo x; sleep 0.05; done\n";
+    const std::string flooding = "echo $$ >> " + pids + "; exec yes flood\n";
+    // Interrupted after 1.5 s; the guard is longer than a stop may take, shorter than the connection's
+    // time-out.
+    const auto interrupt = [](int signal, int readDelay = 0) {
+        return ProcessOptions{.timeout = std::chrono::seconds(15),
+                              .interruptAfter = std::chrono::milliseconds(1500),
+                              .interruptSignal = signal,
+                              .readDelay = std::chrono::seconds(readDelay)};
+    };
     const struct
     {
         std::string args;
         int status;
         std::vector<std::string> out, err; // each once: lines of standard output, pieces of standard error
         std::string script = "echo in";
-        std::map<std::string, std::string> environment = {};
+        ProcessOptions options = {};
     } rows[] = {
         // Arguments in order; removed lines named once; verbose, yet never the password.
         {"run -v -a WHO=__X__ -a X=world $LOGIN $V4",
@@ -119,7 +263,7 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
          {"--remember: the credentials for $V4 could not be kept in the file keyring: file keyring: cannot "
           "create"},
          "echo in",
-         {{"XDG_DATA_HOME", "$PW/data"}}},
+         {.environment = {{"XDG_DATA_HOME", "$PW/data"}}}},
         // Bad input: nothing is sent (without credentials a run would end 254).
         {"run --bogus $V4", 2, {}, {"--bogus"}},
         {"run", 2, {}, {"HOST is required"}, ""},
@@ -145,16 +289,55 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
          {},
          {"TELVANE_KEYRING: unknown keyring 'fiel' (use secret-service, file or memory)"},
          "echo in",
-         {{"TELVANE_KEYRING", "fiel"}}},
+         {.environment = {{"TELVANE_KEYRING", "fiel"}}}},
         {"run -H host:0", 2, {}, {"bad port \"0\""}},
         {"run --hosts /nonexistent/hosts", 2, {}, {"cannot read the hosts file /nonexistent/hosts"}},
         {"run -H a --json --output-dir /tmp", 2, {}, {"excludes"}},
+        // Standard output that fails: a full disk is named; a reader gone is SIGPIPE's status, nothing said,
+        // for
+        // every host, also one that writes nothing more; a non-blocking pipe read late loses nothing.
+        {"run $LOGIN $V4 - >/dev/full",
+         252,
+         {},
+         {"telvane: cannot write to standard output: No space left on device\n"},
+         "",
+         {.input = "echo hi\n"}},
+        {"run $LOGIN $V4 - | head -1; exit ${PIPESTATUS[0]}",
+         141,
+         {"1"},
+         {},
+         "",
+         {.input = "seq 1 5000000\n"}},
+        {"run $LOGIN -H $V4 -H $V6 - 2>/dev/null | head -3 >/dev/null; exit ${PIPESTATUS[0]}",
+         141,
+         {},
+         {},
+         "",
+         {.input = "echo $SSH_CONNECTION | grep -q '^::1' && exec sleep 30; exec yes\n",
+          .timeout = std::chrono::seconds(20)}},
+        {"run $LOGIN $V4 -",
+         0,
+         {telvane::test::toolOutput("seq 1 200000")},
+         {},
+         "",
+         {.input = "seq 1 200000\n", .nonBlockingOutput = true, .readDelay = std::chrono::milliseconds(700)}},
+        // Ctrl-C or SIGTERM ends every run in whatever state it is, the remote scripts too; with several
+        // hosts
+        // the summary counts what was cut, and at most two run at once: the third never starts.
+        {"run $STOP $SILENT", 130, {}, {"telvane: interrupted\n"}, streaming, interrupt(SIGINT)},
+        {"run $STOP $V4", 143, {}, {"telvane: interrupted\n"}, flooding, interrupt(SIGTERM, 30)},
+        {"run $STOP -H $V4 -H $V6 -H $SILENT", 130, {}, {"$V6: stopped ("}, streaming, interrupt(SIGINT)},
+        {"run $STOP -H $V4 -H $V6 -H 127.0.0.1:$CLOSED",
+         143,
+         {},
+         {"3 stopped or not started"},
+         flooding,
+         interrupt(SIGTERM, 30)},
     };
-    for (const auto &row : rows) {
-        ProcessOptions options;
-        for (const auto &[name, value] : row.environment)
-            options.environment[name] = expand(value);
-        const auto result = telvane(row.args, row.script, options);
+    for (auto row : rows) {
+        for (auto &[name, value] : row.options.environment)
+            value = expand(value);
+        const auto result = telvane(row.args, row.script, row.options);
         EXPECT_EQ(row.status, result.status) << row.args << ": " << result.err;
         for (const auto &line : row.out)
             EXPECT_EQ(1u, occurrences(result.out, expand(line) + "\n")) << line << " in\n" << result.out;
@@ -167,6 +350,11 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
             << row.args << ": one line";
         EXPECT_EQ(npos, (result.out + result.err).find(sshd().password()));
         EXPECT_EQ(npos, (result.out + result.err).find(kWrongPassword));
+        std::ifstream in(pids);
+        for (pid_t pid; in >> pid;)
+            EXPECT_TRUE(telvane::test::waitUntil([&] { return kill(pid, 0) != 0; }, std::chrono::seconds(3)))
+                << row.args << ": the remote script is still running";
+        fs::remove(pids);
     }
     EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write,
               fs::status(home / "data" / "telvane" / "keyring").permissions());
@@ -191,7 +379,8 @@ TEST_F(Cli, HostsFileOutputDirectoryAndJsonRecords)
 
     // Valid UTF-8 stays text; anything else is base64.
     const auto json =
-        telvane("run $LOGIN --hosts " + hosts + " --json -H $V4 -H $NAMED", "printf 'gr\\303\\274n\\n'");
+        telvane("run $LOGIN --hosts " + hosts + " --json -H $V4 -H $NAMED",
+                "echo $SSH_CONNECTION | grep -q '^::1' && printf 'a\\377b' || printf 'gr\\303\\274n\\n'");
     EXPECT_EQ(3, json.status) << json.err;
     std::map<std::string, nlohmann::json> records;
     std::istringstream lines(json.out);
@@ -210,95 +399,8 @@ TEST_F(Cli, HostsFileOutputDirectoryAndJsonRecords)
     EXPECT_TRUE(records.at(closed)["status"].is_null());
     EXPECT_EQ(R"({"code":1,"name":"connection")", records.at(closed)["error"].dump().substr(0, 29));
 
-    // One host, too: its record, and its own status.
-    const auto binary = telvane("run --json $LOGIN $V4", "printf 'a\\377b'; exit 4");
-    EXPECT_EQ(4, binary.status);
-    const auto record = nlohmann::json::parse(binary.out);
-    EXPECT_EQ("base64", record["encoding"]);
-    EXPECT_EQ("Yf9i", record["output"]);
-}
-
-TEST_F(Cli, StandardOutputErrorsAreRetriedOrReportedNeverLost)
-{
-    const std::string one = command("run $LOGIN $V4 -"), several = command("run $LOGIN -H $V4 -H $V6 -");
-    const std::string numbers = telvane::test::toolOutput("seq 1 200000") + "\n";
-    const struct
-    {
-        std::string command; // for bash
-        ProcessOptions options;
-        int status;
-        std::string out, err;
-    } rows[] = {
-        {one + " >/dev/full",
-         {.input = "echo hi\n"},
-         252,
-         "",
-         "telvane: cannot write to standard output: No space left on device\n"},
-        // As a program killed by SIGPIPE: status 141, and nothing said.
-        {one + " | head -1; exit ${PIPESTATUS[0]}", {.input = "seq 1 5000000\n"}, 141, "1\n", ""},
-        // Every run ends, also that of a host that writes nothing more.
-        {several + " 2>/dev/null | head -3 >/dev/null; exit ${PIPESTATUS[0]}",
-         {.input = "echo $SSH_CONNECTION | grep -q '^::1' && exec sleep 30; exec yes\n",
-          .timeout = std::chrono::seconds(20)},
-         141,
-         "",
-         ""},
-        // A non-blocking pipe read late.
-        {one,
-         {.input = "seq 1 200000\n", .nonBlockingOutput = true, .readDelay = std::chrono::milliseconds(700)},
-         0,
-         numbers,
-         ""},
-    };
-    for (const auto &row : rows) {
-        const auto result = runProcess({"/bin/bash", "-c", row.command}, row.options);
-        EXPECT_EQ(row.status, result.status) << row.command << ": " << result.err;
-        EXPECT_TRUE(row.out == result.out) << row.command << ": " << result.out.size() << " bytes";
-        EXPECT_EQ(row.err, result.err) << row.command;
-    }
-}
-
-// Ctrl-C or SIGTERM ends every run in whatever state it is, the remote scripts too; with several hosts the
-// summary counts what was cut. (The guard on the process is longer than a stop may take, shorter than the
-// connection's time-out.)
-TEST_F(Cli, InterruptEndsEveryRunInEveryStateAndTheRemoteScripts)
-{
-    telvane::test::LoopbackSocket silent(4); // accepts and never says a word: the handshake waits
-    vars["$SILENT"] = "127.0.0.1:" + std::to_string(silent.port());
-    fs::create_directories(home / "drop"); // where the test account's scripts leave their process ids
-    fs::permissions(home, fs::perms::others_exec, fs::perm_options::add);
-    fs::permissions(home / "drop", fs::perms::all);
-    const std::string pids = home / "drop" / "pids";
-    const std::string streaming = "echo $$ >> " + pids + "; while :; do echo x; sleep 0.05; done\n";
-    const std::string flooding = "echo $$ >> " + pids + "; exec yes flood\n";
-    const struct
-    {
-        std::string hosts, script;
-        int signal;
-        std::chrono::seconds readDelay;
-        std::string said; // on standard error
-    } rows[] = {
-        {"$SILENT", streaming, SIGINT, {}, "telvane: interrupted\n"},
-        {"$V4", flooding, SIGTERM, std::chrono::seconds(30), "telvane: interrupted\n"},
-        {"-H $V4 -H $V6 -H $SILENT", streaming, SIGINT, {}, "$V6: stopped ("},
-        // At most two at once: the third never starts.
-        {"-H $V4 -H $V6 -H 127.0.0.1:$CLOSED", flooding, SIGTERM, std::chrono::seconds(30),
-         "3 stopped or not started"},
-    };
-    for (const auto &row : rows) {
-        fs::remove(pids);
-        const auto result = telvane("run -t 30 --parallel 2 $LOGIN " + row.hosts, row.script,
-                                    {.timeout = std::chrono::seconds(15),
-                                     .interruptAfter = std::chrono::milliseconds(1500),
-                                     .interruptSignal = row.signal,
-                                     .readDelay = row.readDelay});
-        EXPECT_EQ(128 + row.signal, result.status) << row.script << result.err;
-        EXPECT_NE(npos, result.err.find(expand(row.said))) << result.err;
-        std::ifstream in(pids);
-        for (pid_t pid; in >> pid;)
-            EXPECT_TRUE(telvane::test::waitUntil([&] { return kill(pid, 0) != 0; }, std::chrono::seconds(3)))
-                << "the remote script is still running";
-    }
+    EXPECT_EQ("base64", records.at(expand("$V6"))["encoding"]);
+    EXPECT_EQ("Yf9i", records.at(expand("$V6"))["output"]);
 }
 
 // As ssh: the host key, the password again when refused, once for all hosts, and a server's other questions
