@@ -1,17 +1,117 @@
 // telvane-exporter against the loopback sshd: probes, refusals and the cap on probes in flight; bad
 // configurations, reloads, TLS and basic auth; the real Prometheus scraping it as the README configures it.
-#include "exporter/ExporterFixture.h"
+#include "support/Daemon.h"
 #include "support/Loopback.h"
 #include "support/Process.h"
+#include "support/SshdFixture.h"
 
+#include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include <csignal>
 #include <future>
 #include <regex>
+#include <sys/wait.h>
 
 using namespace telvane::test;
 
 namespace {
+
+/// A program beside the test (the exporter, Prometheus) on a free loopback port, its output in a fresh log;
+/// `port` is 0 when @p ready never showed there. It is stopped as the service manager does, and must end
+/// cleanly, which is also when the sanitizers report.
+class Daemon
+{
+public:
+    Daemon(std::vector<std::string> argv, std::string logPath, const std::string &ready)
+        : logPath_(std::move(logPath))
+    {
+        argv.push_back("--web.listen-address=127.0.0.1:" + std::to_string(port));
+        std::ofstream(logPath_, std::ios::trunc); // an earlier run's lines must not be found
+        pid_ = startDaemon(argv, logPath_);
+        port = waitForLog(ready) ? port : 0;
+    }
+    Daemon(const Daemon &) = delete;
+    ~Daemon()
+    {
+        EXPECT_EQ(0, port != 0 ? signal(SIGTERM, true) : 0) << log();
+        killDaemon(pid_);
+    }
+    std::string log() const { return readFile(logPath_); }
+    /// Waits (a minute at most) for @p text in the output; false when the program ended first.
+    bool waitForLog(const std::string &text)
+    {
+        return awaitDaemon(pid_, [&] { return log().find(text) != std::string::npos; });
+    }
+    /// Sends the signal @p number; with @p wait, its exit status once it has ended (-1 if it already had).
+    int signal(int number, bool wait = false)
+    {
+        int status = 0;
+        if (pid_ <= 0 || ::kill(pid_, number) || !wait || ::waitpid(std::exchange(pid_, -1), &status, 0) <= 0)
+            return -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    /// GET (or POST) @p path; the status and the body (status 0 when there was no answer).
+    std::pair<int, std::string> get(const std::string &path, const httplib::Headers &headers = {},
+                                    bool post = false) const
+    {
+        httplib::Client client("127.0.0.1", port);
+        client.set_read_timeout(std::chrono::seconds(120));
+        const auto result = post ? client.Post(path) : client.Get(path, headers);
+        return result ? std::pair{result->status, result->body} : std::pair{0, std::string()};
+    }
+    int port = LoopbackSocket().port();
+
+private:
+    std::string logPath_;
+    pid_t pid_ = -1;
+};
+
+/// The loopback sshd, a directory for the test's files, and a known-hosts file that holds the daemon's keys.
+class ExporterTest : public SshdTest
+{
+protected:
+    void SetUp() override
+    {
+        SshdTest::SetUp();
+        if (HasFatalFailure() || IsSkipped())
+            return;
+        ::setenv("TELVANE_KEYRING", "memory", 1); // inherited: nothing of the machine's keyring
+        const std::string password = write("password", sshd().password() + "\n");
+        dir = password.substr(0, password.rfind('/'));
+        std::string knownHosts;
+        for (const char *type : {"ed25519", "ecdsa"})
+            for (const char *host : {"[127.0.0.1]", "[::1]"})
+                knownHosts += host + (":" + std::to_string(sshd().port())) + " " +
+                              readFile(dir + "/ssh_host_" + type + "_key.pub");
+        write("known_hosts", knownHosts);
+    }
+    std::string write(const std::string &name, const std::string &text) const
+    {
+        return sshd().writeFile(name, text);
+    }
+    /// A module for the loopback sshd's account with the script @p script and more YAML lines @p extra.
+    std::string module(const std::string &name, const std::string &script,
+                       const std::string &extra = "") const
+    {
+        return "  " + name + ":\n    script: " + write(name + ".sh", script) +
+               "\n    user: " + sshd().username() + "\n    password_file: " + dir + "/password" +
+               "\n    known_hosts: " + dir + "/known_hosts\n    port: " + std::to_string(sshd().port()) +
+               "\n" + extra;
+    }
+    /// A configuration file with @p modules, which allows the loopback addresses.
+    std::string config(const std::string &modules) const
+    {
+        return write("exporter.yml", "modules:\n" + modules + "targets: [\"127.0.0.1\", \"::1\"]\n");
+    }
+    /// telvane-exporter with the configuration file @p config and @p flag.
+    Daemon exporter(const std::string &config, const std::string &flag = "--log.level=info") const
+    {
+        return Daemon({TELVANE_EXPORTER_PATH, "--config.file=" + config, flag}, dir + "/exporter.log",
+                      "listening on ");
+    }
+    std::string dir;
+};
 
 // Prometheus text among other lines: what the answer keeps (5 lines) and drops (7 lines). Lines holding "#"
 // are removed before sending, so the script makes its own.
@@ -38,13 +138,11 @@ std::string readmeYaml(const std::string &start, int skip = 0)
 }
 
 // The value of the one series that @p query gives, as Prometheus' HTTP API writes it; empty when none.
-std::string queryValue(int port, const std::string &query)
+std::string queryValue(const Daemon &server, const std::string &query)
 {
-    const auto answer = httplib::Client("127.0.0.1", port)
-                            .Get("/api/v1/query?query=" + httplib::detail::encode_query_param(query));
-    if (!answer || answer->status != 200)
-        return {};
-    const auto result = nlohmann::json::parse(answer->body)["data"]["result"];
+    const auto [status, body] =
+        server.get("/api/v1/query?query=" + httplib::detail::encode_query_param(query));
+    const auto result = status == 200 ? nlohmann::json::parse(body)["data"]["result"] : nlohmann::json();
     return result.size() == 1 ? result[0]["value"][1].get<std::string>() : std::string();
 }
 
@@ -66,8 +164,7 @@ TEST_F(ExporterTest, ProbesAnswerWithTheOutcomeAndRefuseWhatARequestMayNotAsk)
                                 "\n    user: " + keyServer.username() + "\n    identity_files: [" +
                                 keyServer.makeClientKey("probe-key") + "]\n    host_key_policy: accept-any\n";
     const std::string gate = dir + "/open";
-    Exporter exporter(
-        dir,
+    auto exporter = this->exporter(
         config(modules + module("gate", "while [ ! -e " + gate + " ]; do sleep 0.1; done\necho gate 1\n",
                                 "    timeout: 60s\n")),
         "--probe.max-in-flight=1");
@@ -176,7 +273,7 @@ TEST_F(ExporterTest, RefusesABadConfigurationAtStart)
 TEST_F(ExporterTest, ReloadsOnlyAGoodConfiguration)
 {
     const std::string path = config(module("first", "echo hi\n"));
-    Exporter exporter(dir, path);
+    auto exporter = this->exporter(path);
     ASSERT_NE(0, exporter.port) << exporter.log();
     const auto known = [&](const std::string &name) {
         return exporter.get("/probe?target=10.1.1.1&module=" + name).first == 403; // 400 when unknown
@@ -198,30 +295,26 @@ TEST_F(ExporterTest, ReloadsOnlyAGoodConfiguration)
 // TLS and basic auth from a web configuration, checked with curl: only the right user and password get in.
 TEST_F(ExporterTest, ServesTlsWithBasicAuth)
 {
-    const auto openssl = runProcess({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                                     "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
-                                     "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
-                                     dir + "/key.pem", "-out", dir + "/cert.pem"});
-    ASSERT_EQ(0, openssl.status) << openssl.err;
+    ASSERT_TRUE(
+        runTool("cd " + dir +
+                " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
+                "-days 2 -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout key.pem -out "
+                "cert.pem 2>/dev/null"));
     const std::string web =
         write("web.yml", "tls_server_config:\n  cert_file: cert.pem\n  key_file: key.pem\n"
                          "basic_auth_users:\n  alice: " // bcrypt of s3cret
                          "$2b$05$ek474rQLmCTaMV5NZOphpeD15JO2i6S2vpCREPVqJWisD4ulDFBRO\n");
-    Exporter exporter(dir, config(module("ok", "echo hi\n")), "--web.config.file=" + web);
+    auto exporter = this->exporter(config(module("ok", "echo hi\n")), "--web.config.file=" + web);
     ASSERT_NE(0, exporter.port) << exporter.log();
-    const std::string https = "https://127.0.0.1:" + std::to_string(exporter.port) + "/metrics";
-    for (const auto &[args, code] : std::vector<std::pair<std::vector<std::string>, std::string>>{
-             {{"-u", "alice:s3cret", https}, "200"},
-             {{"-u", "alice:wrong", https}, "401"},
-             {{"-u", "bob:s3cret", https}, "401"},
-             {{https}, "401"},
-             {{"-u", "alice:s3cret", "http://127.0.0.1:" + std::to_string(exporter.port) + "/metrics"},
-              "000"}}) {
-        std::vector<std::string> curl = {
-            "/usr/bin/curl", "-s", "-o", "/dev/null", "-w", "%{http_code}", "--cacert", dir + "/cert.pem"};
-        curl.insert(curl.end(), args.begin(), args.end());
-        EXPECT_EQ(code, runProcess(curl).out) << args.back() << " " << args.front();
-    }
+    const std::string curl = "curl -s -o /dev/null -w %{http_code} --cacert " + dir + "/cert.pem ",
+                      url = "://127.0.0.1:" + std::to_string(exporter.port) + "/metrics";
+    for (const auto &[args, code] :
+         std::vector<std::pair<std::string, std::string>>{{"-u alice:s3cret https", "200"},
+                                                          {"-u alice:wrong https", "401"},
+                                                          {"-u bob:s3cret https", "401"},
+                                                          {"https", "401"},
+                                                          {"-u alice:s3cret http", ""}})
+        EXPECT_EQ(code, toolOutput(curl + args + url)) << args;
 }
 
 // The real Prometheus server scrapes the probe with the README's configuration; promtool checks its other
@@ -239,8 +332,8 @@ TEST_F(ExporterTest, PrometheusScrapesTheProbeWithTheReadmesConfiguration)
         EXPECT_EQ(0, check.status) << file << ":\n" << check.out << check.err;
     }
 
-    Exporter exporter(dir, config(module("uptime", readFile(TELVANE_SOURCE_DIR "/examples/uptime.sh"),
-                                         "    arguments: {THRESHOLD: \"4\"}\n")));
+    auto exporter = this->exporter(config(module("uptime", readFile(TELVANE_SOURCE_DIR "/examples/uptime.sh"),
+                                                 "    arguments: {THRESHOLD: \"4\"}\n")));
     ASSERT_NE(0, exporter.port) << exporter.log();
     std::string prometheus = "global:\n  scrape_interval: 2s\n  scrape_timeout: 2s\n" + scrape;
     prometheus = std::regex_replace(prometheus, std::regex("127\\.0\\.0\\.1:9815"),
@@ -248,20 +341,18 @@ TEST_F(ExporterTest, PrometheusScrapesTheProbeWithTheReadmesConfiguration)
     prometheus =
         std::regex_replace(prometheus, std::regex(R"(\["sensor-1\.example\.org", "sensor-2[^\]]*\])"),
                            "[\"127.0.0.1:" + std::to_string(sshd().port()) + "\"]");
-    const int port = LoopbackSocket().port();
     Daemon server({"/usr/bin/prometheus", "--config.file=" + write("prometheus.yml", prometheus),
-                   "--storage.tsdb.path=" + dir + "/tsdb",
-                   "--web.listen-address=127.0.0.1:" + std::to_string(port)},
-                  dir + "/prometheus.log");
-    ASSERT_TRUE(server.waitForLog("Server is ready to receive web requests")) << server.log();
+                   "--storage.tsdb.path=" + dir + "/tsdb"},
+                  dir + "/prometheus.log", "Server is ready to receive web requests");
+    ASSERT_NE(0, server.port) << server.log();
 
     const std::string instance =
         "{instance=\"127.0.0.1:" + std::to_string(sshd().port()) + "\",job=\"telvane\"}";
-    EXPECT_TRUE(waitUntil([&] { return queryValue(port, "telvane_probe_success" + instance) == "1"; },
+    EXPECT_TRUE(waitUntil([&] { return queryValue(server, "telvane_probe_success" + instance) == "1"; },
                           std::chrono::seconds(60)))
         << exporter.log() << server.log();
-    EXPECT_EQ("4", queryValue(port, "sensor_load_threshold" + instance));
+    EXPECT_EQ("4", queryValue(server, "sensor_load_threshold" + instance));
     // The exporter's own metrics, from the second job.
-    EXPECT_TRUE(waitUntil([&] { return queryValue(port, "telvane_exporter_build_info") == "1"; },
+    EXPECT_TRUE(waitUntil([&] { return queryValue(server, "telvane_exporter_build_info") == "1"; },
                           std::chrono::seconds(30)));
 }
