@@ -143,7 +143,8 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
     SshdHarness keys(SshdHarness::Server::PublicKey);
     TELVANE_REQUIRE_COMPONENT(keys.start(), keys.reason());
     vars["$EMPTY"] = write("empty", "");
-    vars["$WRONG"] = write("wrong", kWrongPassword + "\n");
+    vars["$REFUSED"] =
+        "-l " + sshd().username() + " --password-file " + write("wrong", kWrongPassword + "\n");
     vars["$READABLE"] = write("readable", sshd().password() + "\n");
     fs::permissions(vars["$READABLE"], fs::perms::others_read, fs::perm_options::add);
     vars["$KEY"] = keys.makeClientKey("id");
@@ -196,11 +197,7 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
          {"$V4: one", "$V6: two", "$NAMED: one"},
          {"telvane: $V6: exited 0 (", "3 hosts: 3 succeeded, 0 script(s) failed"},
          "echo one; printf two"},
-        {"run $LOGIN -H $V4 -H $V6",
-         1,
-         {"$V4: x"},
-         {"$V6: exited 5", "2 script(s) failed"},
-         "echo x; exit 5"},
+        {"run $LOGIN -H $V4 -H $V6", 1, {}, {"$V6: exited 5", "2 script(s) failed"}, "exit 5"},
         {"run $LOGIN -H $V4 -H 127.0.0.1:$CLOSED -H nobody@$V4", // nobody: not in AllowUsers
          3,
          {"$V4: in"},
@@ -217,7 +214,7 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
          {diagnose + "OK", "\033[31mhot\n\033[0mDiagnostics completed."},
          {},
          "echo '*hot*'"},
-        {"diagnose -l $USER --password-file $WRONG $V4",
+        {"diagnose $REFUSED $V4",
          253,
          {diagnose + "*invalid credentials*", "Diagnostics completed."},
          {"authentication failed"}},
@@ -244,10 +241,7 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
         // A pair given whole comes before the stored one; --remember keeps it once the server took it, and
         // neither keeps nor deletes anything when refused; without it nothing is kept.
         {"run --remember $LOGIN $V4", 0, {"in"}, {}},
-        {"run --remember -l $USER --password-file $WRONG $V4",
-         253,
-         {},
-         {"127.0.0.1 port $PORT: authentication failed"}},
+        {"run --remember $REFUSED $V4", 253, {}, {"127.0.0.1 port $PORT: authentication failed"}},
         {"run $V4", 0, {"in"}, {}},
         {"forget 127.0.0.1", 0, {}, {}, ""},
         {"run $LOGIN $V4", 0, {"in"}, {}},
