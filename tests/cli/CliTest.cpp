@@ -246,8 +246,7 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
         {"forget 127.0.0.1", 0, {}, {}, ""},
         {"run $LOGIN $V4", 0, {"in"}, {}},
         {"forget 127.0.0.1", 1, {}, {"no stored credentials for 127.0.0.1"}, ""},
-        // A keyring that cannot be written: the run keeps its status, and the user learns that nothing was
-        // kept.
+        // A keyring that cannot be written: the run keeps its status, and the user learns nothing was kept.
         {"run --remember $LOGIN $V4",
          0,
          {"in"},
@@ -284,8 +283,7 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
         {"run -H host:0", 2, {}, {"bad port \"0\""}},
         {"run --hosts /nonexistent/hosts", 2, {}, {"cannot read the hosts file /nonexistent/hosts"}},
         {"run -H a --json --output-dir /tmp", 2, {}, {"excludes"}},
-        // Standard output that fails: a full disk is named; a reader gone is SIGPIPE's status, nothing said,
-        // for
+        // Standard output that fails: a full disk is named; a reader gone is SIGPIPE's status, silently, for
         // every host, also one that writes nothing more; a non-blocking pipe read late loses nothing.
         {"run $LOGIN $V4 - >/dev/full",
          252,
@@ -312,9 +310,8 @@ TEST_F(Cli, EveryWayARunEndsHasItsStatusAndItsWords)
          {},
          "",
          {.input = "seq 1 200000\n", .nonBlockingOutput = true, .readDelay = std::chrono::milliseconds(700)}},
-        // Ctrl-C or SIGTERM ends every run in whatever state it is, the remote scripts too; with several
-        // hosts
-        // the summary counts what was cut, and at most two run at once: the third never starts.
+        // Ctrl-C or SIGTERM ends every run in whatever state, the remote scripts too; with several hosts the
+        // summary counts what was cut, and at most two run at once: the third never starts.
         {"run $STOP $SILENT", 130, {}, {"telvane: interrupted\n"}, streaming, interrupt(SIGINT)},
         {"run $STOP $V4", 143, {}, {"telvane: interrupted\n"}, flooding, interrupt(SIGTERM)},
         {"run $STOP -H $V4 -H $V6 -H $SILENT", 130, {}, {"$V6: stopped ("}, streaming, interrupt(SIGINT)},
