@@ -1,5 +1,6 @@
 // A real Secret Service for tests: a private session bus and a gnome-keyring-daemon on it, whose login
-// keyring is created and unlocked from a password on its standard input, so that storing never prompts.
+// keyring is created and unlocked from a password on its standard input, so that storing never prompts; and a
+// dbus-monitor on the bus that sees every unlock request and prompt.
 #pragma once
 
 #include "support/Files.h"
@@ -8,8 +9,6 @@
 #include <string>
 #include <sys/types.h>
 #include <vector>
-
-typedef struct _GDBusConnection GDBusConnection;
 
 namespace telvane::test {
 
@@ -38,20 +37,14 @@ public:
     void freeze() { ::kill(keyring_, SIGSTOP); }
 
 private:
-    bool fail(std::string why);
+    bool fail(const std::string &why);
     pid_t spawn(const std::vector<std::string> &command, const std::string &log);
-    bool waitForDefaultCollection();
-    bool startMonitor();
-    bool callService(const char *method);
+    bool callService(const std::string &method);
 
     TemporaryDirectory scratch_{"telvane-secret-service"};
     const std::string dir_ = scratch_.path().string();
     std::string address_, error_;
-    pid_t bus_ = -1, keyring_ = -1;
-    // This process's shared session connection, with exit-on-close off so that the bus may go first.
-    GDBusConnection *sharedBus_ = nullptr;
-    // A bus monitor that counts unlock calls and prompts (its filter runs on GDBus's worker thread).
-    GDBusConnection *monitor_ = nullptr;
+    pid_t bus_ = -1, monitor_ = -1, keyring_ = -1;
 };
 
 } // namespace telvane::test
