@@ -33,52 +33,23 @@ std::string seq(int from, int to) // what `seq FROM TO` prints
     return text;
 }
 
-// telvane-faultd on a loopback port the system picks, with one account, for the life of the object.
-class FaultServer
-{
-public:
-    FaultServer(const std::string &user, const std::string &password)
-    {
-        if (!dir_.empty())
-            pid_ = startDaemon({TELVANE_FAULTD_PATH, user, password, dir_ + "/fault"}, dir_ + "/faultd.log");
-        const std::string listening = "listening on port "; // generous patience, for sanitizer builds
-        if (pid_ > 0 && waitUntil([&] { return log().find(listening) != std::string::npos; }, 30s))
-            port = std::atoi(log().c_str() + log().find(listening) + listening.size());
-    }
-    ~FaultServer() { stop(); }
-    /// The fault of the connections accepted from now on: "ACT-STEP[=BYTES]" (faultd.cpp), "" for none.
-    /// Written aside and renamed, so a connection accepted meanwhile reads the old fault or the new one.
-    bool setFault(const std::string &fault)
-    {
-        std::ofstream(dir_ + "/fault.new") << fault << '\n';
-        return std::rename((dir_ + "/fault.new").c_str(), (dir_ + "/fault").c_str()) == 0;
-    }
-    std::string log() const { return readFile(dir_ + "/faultd.log"); }
-    void stop()
-    {
-        if (pid_ > 0)
-            kill(-pid_, SIGKILL); // the server leads a process group of its connections and their commands
-        killDaemon(pid_);
-    }
-    int port = 0;
-
-private:
-    TemporaryDirectory scratch_{"telvane-faultd"};
-    const std::string dir_ = scratch_.path().string(); // log and control file
-    pid_t pid_ = -1;
-};
-
+// Each case against a telvane-faultd of its own on a loopback port the system picks, with one account.
 class FaultTest : public SensorTest
 {
 protected:
     void SetUp() override
     {
         SensorTest::SetUp();
-        server_.emplace(account_.username, account_.password);
-        TELVANE_REQUIRE_COMPONENT(server_->port > 0,
-                                  "telvane-faultd did not start; its log:\n" + server_->log());
+        if (!dir_.empty())
+            faultd_ =
+                startDaemon({TELVANE_FAULTD_PATH, account_.username, account_.password, dir_ + "/fault"},
+                            dir_ + "/faultd.log");
+        const std::string listening = "listening on port "; // generous patience, for sanitizer builds
+        if (faultd_ > 0 && waitUntil([&] { return serverLog().find(listening) != std::string::npos; }, 30s))
+            port_ = std::atoi(serverLog().c_str() + serverLog().find(listening) + listening.size());
+        TELVANE_REQUIRE_COMPONENT(port_ > 0, "telvane-faultd did not start; its log:\n" + serverLog());
         takeBaseline();
-        logStart_ = server_->log().size();
+        logStart_ = serverLog().size();
     }
 
     void TearDown() override
@@ -88,23 +59,32 @@ protected:
             delegate.reset(); // with the reading end of the last run's pipe
             EXPECT_TRUE(settled());
         }
-        if (HasFailure() && server_)
-            std::cerr << "---- library log ----\n"
-                      << log.joined() << "---- faultd log ----\n"
-                      << server_->log();
+        if (HasFailure())
+            std::cerr << "---- library log ----\n" << log.joined() << "---- faultd log ----\n" << serverLog();
+        stopServer();
     }
 
     TelvaneCredentialsDictionary account() const override { return account_; }
     std::string host() const override { return "127.0.0.1"; }
-    long port() const override { return server_->port; }
-    FaultServer &server() { return *server_; }
+    long port() const override { return port_; }
+    /// The server's log from byte @p from on.
+    std::string serverLog(std::size_t from = 0) const { return readFile(dir_ + "/faultd.log", from); }
+    void stopServer()
+    {
+        if (faultd_ > 0)
+            kill(-faultd_, SIGKILL); // the server leads a process group of its connections and their commands
+        killDaemon(faultd_);
+    }
 
-    /// A sensor whose pair is in the keyring, aimed at the server, which puts @p fault on the connections
-    /// accepted from now on ("": none). The long time-out leaves only data or a stop to end a wait.
+    /// A sensor whose pair is in the keyring, aimed at the server, which puts @p fault ("ACT-STEP[=BYTES]",
+    /// faultd.cpp; "": none) on the connections accepted from now on. The long time-out leaves only data or
+    /// a stop to end a wait.
     std::shared_ptr<Telvane> makeSensor(const std::string &fault, double timeout = 30.0, long port = 0)
     {
-        EXPECT_TRUE(server().setFault(fault));
-        auto sensor = SensorTest::makeSensor(host(), port ? port : this->port(), timeout);
+        // Written aside and renamed, so a connection accepted meanwhile reads the old fault or the new one.
+        std::ofstream(dir_ + "/fault.new") << fault << '\n';
+        EXPECT_EQ(0, std::rename((dir_ + "/fault.new").c_str(), (dir_ + "/fault").c_str()));
+        auto sensor = SensorTest::makeSensor(host(), port ? port : port_, timeout);
         EXPECT_TRUE(
             TelvaneKeychain::setPassword(kPassword, sensor->serviceNameForSensor(), account_.username));
         return sensor;
@@ -114,7 +94,10 @@ protected:
     std::size_t logStart_ = 0;                                  // the server's log after the warm run
 
 private:
-    std::optional<FaultServer> server_;
+    TemporaryDirectory scratch_{"telvane-faultd"};
+    const std::string dir_ = scratch_.path().string(); // log and control file
+    pid_t faultd_ = -1;
+    int port_ = 0;
 };
 
 struct Failure
@@ -149,8 +132,7 @@ TEST_P(Fails, OnceWithItsCodeLineAndReasonWithinItsBound)
         return Clock::now();
     });
     if (row.stops) {
-        EXPECT_TRUE(
-            waitUntil([&] { return server().log().find("stalling", logStart_) != std::string::npos; }));
+        EXPECT_TRUE(waitUntil([&] { return serverLog(logStart_).find("stalling") != std::string::npos; }));
         std::this_thread::sleep_for(200ms); // for the client to settle into its wait
         EXPECT_TRUE(delegate->events().empty()) << "the run ended before the stop";
         start = Clock::now();
@@ -158,7 +140,7 @@ TEST_P(Fails, OnceWithItsCodeLineAndReasonWithinItsBound)
     }
     if (returned.wait_for(row.atMost + 5s) != std::future_status::ready) {
         ADD_FAILURE() << "runScript still blocked";
-        server().stop(); // the connection goes with the server, which frees the thread
+        stopServer(); // the connection goes with the server, which frees the thread
     }
     const auto took = returned.get() - start;
 
@@ -182,7 +164,7 @@ TEST_P(Fails, OnceWithItsCodeLineAndReasonWithinItsBound)
     const auto kept = TelvaneKeychain::passwordForService(sensor->serviceNameForSensor(), account_.username);
     EXPECT_EQ(row.code == TelvaneErrorAuthentication ? std::nullopt : std::optional(std::string(kPassword)),
               kept);
-    EXPECT_EQ(std::string::npos, server().log().find("exec: ", logStart_));
+    EXPECT_EQ(std::string::npos, serverLog(logStart_).find("exec: "));
 }
 
 // Under the sanitizers a login alone takes a good part of a second: the bounds leave room for that and still
@@ -258,8 +240,8 @@ TEST_P(Stream, DeliversEverySentByteThenEndsAsTheServerLeftIt)
         delegate->drainOutput = false;
         sensor->runScript(row.script, std::nullopt);
         ASSERT_TRUE(delegate->handle()) << log.joined();
-        ASSERT_TRUE(
-            waitUntil([&] { return server().log().find("the connection after") != std::string::npos; }));
+        ASSERT_TRUE(waitUntil(
+            [&] { return serverLog(logStart_).find("the connection after") != std::string::npos; }));
         std::this_thread::sleep_for(300ms);
         ASSERT_TRUE(readToEnd(*delegate->handle(), row.limit, &output)) << "the pipe never reached its end";
         ASSERT_TRUE(delegate->waitForEnd(row.limit) && waitUntil([&] { return !sensor->running(); }));
