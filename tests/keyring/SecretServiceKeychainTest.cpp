@@ -135,7 +135,7 @@ TEST_P(UnavailableKeyringTest, ReportsNothingStoredLogsWhyAndReturnsPromptly)
     auto backend = makeSecretServiceKeychain(500ms);
     if (GetParam() == "Locked") {
         ASSERT_TRUE(backend->setPassword("secret-pw", "svc", "alice"));
-        ASSERT_TRUE(daemon.lockAll()) << daemon.error();
+        ASSERT_TRUE(daemon.callService("Lock")) << daemon.error();
     }
     if (GetParam() == "Silent")
         daemon.freeze();
@@ -157,7 +157,7 @@ TEST_P(UnavailableKeyringTest, ReportsNothingStoredLogsWhyAndReturnsPromptly)
     EXPECT_EQ(0, daemon.promptsSeen()) << "the keyring was asked to unlock";
     // The monitor does see an unlock request when one is made, so the zero above means something.
     if (GetParam() == "Locked") {
-        ASSERT_TRUE(daemon.requestUnlock()) << daemon.error();
+        ASSERT_TRUE(daemon.callService("Unlock")) << daemon.error();
         EXPECT_TRUE(waitUntil([&] { return daemon.promptsSeen() > 0; }, 5s));
     }
 }

@@ -28,9 +28,8 @@ public:
 
     const std::string &error() const { return error_; }
 
-    bool lockAll() { return callService("Lock"); }
-    /// Asks for the default collection to be unlocked (its prompt is never answered).
-    bool requestUnlock() { return callService("Unlock"); }
+    /// Calls "Lock" or "Unlock" on the default collection (the unlock's prompt is never answered).
+    bool callService(const std::string &method);
     /// The number of unlock requests and prompts the daemon has seen.
     int promptsSeen() const;
     /// Stops the keyring daemon's process: it keeps its name on the bus and never answers again.
@@ -39,7 +38,6 @@ public:
 private:
     bool fail(const std::string &why);
     pid_t spawn(const std::vector<std::string> &command, const std::string &log);
-    bool callService(const std::string &method);
 
     TemporaryDirectory scratch_{"telvane-secret-service"};
     const std::string dir_ = scratch_.path().string();
