@@ -40,18 +40,6 @@ bool KeyringDaemon::fail(const std::string &why)
     return false;
 }
 
-// Starts @p command (its program found on a fixed PATH) with its home in our directory and its output in
-// the file @p log there. It dies with this thread (gtest runs tests on the main thread), so a crashed test
-// leaves no daemon behind.
-pid_t KeyringDaemon::spawn(const std::vector<std::string> &command, const std::string &log)
-{
-    std::vector<std::string> argv = {"/usr/bin/env", "-i", "PATH=/usr/bin:/bin", "LANG=C", "HOME=" + dir_};
-    argv.push_back("XDG_RUNTIME_DIR=" + dir_ + "/run");
-    argv.push_back("DBUS_SESSION_BUS_ADDRESS=" + address_);
-    argv.insert(argv.end(), command.begin(), command.end());
-    return startDaemon(argv, dir_ + "/" + log);
-}
-
 bool KeyringDaemon::start(With what)
 {
     if (dir_.empty() || !std::filesystem::create_directory(dir_ + "/run"))
@@ -59,9 +47,10 @@ bool KeyringDaemon::start(With what)
     std::filesystem::permissions(dir_ + "/run", std::filesystem::perms::owner_all);
     // The bus prints its address once it listens: that line is the readiness signal.
     std::ofstream(dir_ + "/bus.conf") << busConfig(dir_);
-    bus_ = spawn({"dbus-daemon", "--config-file=" + dir_ + "/bus.conf", "--print-address=1", "--nofork",
-                  "--nopidfile"},
-                 "bus.log");
+    // Each daemon dies with this thread (gtest's main one): a crashed test leaves none behind.
+    bus_ = startDaemon({"/usr/bin/dbus-daemon", "--config-file=" + dir_ + "/bus.conf", "--print-address=1",
+                        "--nofork", "--nopidfile"},
+                       dir_ + "/bus.log");
     const auto printed = [&] {
         const std::string text = readFile(dir_ + "/bus.log");
         const auto at = text.find("unix:"), end = text.find('\n', at);
@@ -78,11 +67,12 @@ bool KeyringDaemon::start(With what)
         return fail("cannot connect to the test bus");
     g_dbus_connection_set_exit_on_close(shared, FALSE);
     // The monitor has left its own name ("NameLost") once it watches.
-    monitor_ = spawn(
-        {"dbus-monitor", "type='method_call',interface='org.freedesktop.Secret.Service',member='Unlock'",
+    monitor_ = startDaemon(
+        {"/usr/bin/dbus-monitor",
+         "type='method_call',interface='org.freedesktop.Secret.Service',member='Unlock'",
          "type='method_call',interface='org.freedesktop.Secret.Service',member='CreateCollection'",
          "type='method_call',interface='org.freedesktop.Secret.Prompt'"},
-        "monitor.log");
+        dir_ + "/monitor.log");
     if (!awaitDaemon(monitor_,
                      [&] { return readFile(dir_ + "/monitor.log").find("NameLost") != std::string::npos; }))
         return fail("dbus-monitor (Debian package dbus-bin) did not watch: " +
@@ -90,12 +80,14 @@ bool KeyringDaemon::start(With what)
     if (what == With::BusOnly)
         return true;
     // With --unlock the daemon reads the login password from standard input and creates the login keyring
-    // with it, unlocked and aliased "default": no prompt is ever needed to store an item.
+    // with it, unlocked and aliased "default": no prompt is ever needed to store an item. Its home is ours,
+    // so the machine user's keyring stays untouched.
     std::ofstream(dir_ + "/login") << "telvane-test-login";
-    keyring_ =
-        spawn({"sh", "-c", "exec gnome-keyring-daemon --unlock --components=secrets --foreground <\"$0\"",
-               dir_ + "/login"},
-              "keyring.log");
+    keyring_ = startDaemon(
+        {"/usr/bin/env", "-i", "PATH=/usr/bin:/bin", "LANG=C", "HOME=" + dir_,
+         "XDG_RUNTIME_DIR=" + dir_ + "/run", "DBUS_SESSION_BUS_ADDRESS=" + address_, "/bin/sh", "-c",
+         "exec gnome-keyring-daemon --unlock --components=secrets --foreground <\"$0\"", dir_ + "/login"},
+        dir_ + "/keyring.log");
     return awaitDaemon(
                keyring_,
                [] { return askService("ReadAlias default").find("/collection/") != std::string::npos; }) ||

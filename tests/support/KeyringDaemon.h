@@ -37,7 +37,6 @@ public:
 
 private:
     bool fail(const std::string &why);
-    pid_t spawn(const std::vector<std::string> &command, const std::string &log);
 
     TemporaryDirectory scratch_{"telvane-secret-service"};
     const std::string dir_ = scratch_.path().string();
