@@ -1,7 +1,6 @@
 // `telvane`, one host or several, as a user runs it: the real binary against the real loopback sshd, reached
 // as 127.0.0.1, ::1 and localhost, beside a closed port and an account that sshd refuses; a home, keyring and
 // password file of the test's own.
-#include "support/Daemon.h"
 #include "support/Files.h"
 #include "support/Loopback.h"
 #include "support/Process.h"

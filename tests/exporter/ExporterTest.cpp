@@ -1,6 +1,5 @@
 // telvane-exporter against the loopback sshd: probes, refusals and the cap on probes in flight; bad
 // configurations, reloads, TLS and basic auth; the real Prometheus scraping it as the README configures it.
-#include "support/Daemon.h"
 #include "support/Loopback.h"
 #include "support/Process.h"
 #include "support/SshdFixture.h"

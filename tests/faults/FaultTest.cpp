@@ -1,9 +1,9 @@
 // The library against telvane-faultd and bare loopback sockets: what a sensor's owner sees for each fault a
 // server or the network can put on a connection. Every case ends with no password in any log line and no
 // thread, descriptor or libssh reference left behind.
-#include "support/Daemon.h"
 #include "support/Files.h"
 #include "support/Loopback.h"
+#include "support/Process.h"
 #include "support/TestEnvironment.h"
 
 #include <gtest/gtest.h>

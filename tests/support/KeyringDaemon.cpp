@@ -1,5 +1,5 @@
 #include "support/KeyringDaemon.h"
-#include "support/Daemon.h"
+#include "support/Process.h"
 #include "support/TestEnvironment.h"
 
 #include <gio/gio.h>

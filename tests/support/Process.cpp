@@ -1,5 +1,4 @@
 #include "support/Process.h"
-#include "support/Daemon.h"
 
 #include <cerrno>
 #include <fcntl.h>

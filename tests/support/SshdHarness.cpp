@@ -1,9 +1,9 @@
 // The throwaway servers: the account they share, the programs, host keys, configuration, PAM stack and
 // client keys that differ between them, and an ssh-agent.
 #include "support/SshdHarness.h"
-#include "support/Daemon.h"
 #include "support/Files.h"
 #include "support/Loopback.h"
+#include "support/Process.h"
 
 #include <atomic>
 #include <cerrno>
