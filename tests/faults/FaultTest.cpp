@@ -1,14 +1,16 @@
 // The library against telvane-faultd and bare loopback sockets: what a sensor's owner sees for each fault a
 // server or the network can put on a connection. Every case ends with no password in any log line and no
 // thread, descriptor or libssh reference left behind.
-#include "support/FaultServer.h"
+#include "support/Files.h"
 #include "support/Loopback.h"
+#include "support/Process.h"
 #include "support/TestEnvironment.h"
 
 #include <gtest/gtest.h>
 #include <libssh/libssh.h>
 
 #include <algorithm>
+#include <csignal>
 #include <future>
 #include <iostream>
 
@@ -31,16 +33,23 @@ std::string seq(int from, int to) // what `seq FROM TO` prints
     return text;
 }
 
+// Each case against a telvane-faultd of its own on a loopback port the system picks, with one account.
 class FaultTest : public SensorTest
 {
 protected:
     void SetUp() override
     {
         SensorTest::SetUp();
-        server_.emplace(account_.username, account_.password);
-        TELVANE_REQUIRE_COMPONENT(server_->started(), server_->error());
+        if (!dir_.empty())
+            faultd_ =
+                startDaemon({TELVANE_FAULTD_PATH, account_.username, account_.password, dir_ + "/fault"},
+                            dir_ + "/faultd.log");
+        const std::string listening = "listening on port "; // generous patience, for sanitizer builds
+        if (faultd_ > 0 && waitUntil([&] { return serverLog().find(listening) != std::string::npos; }, 30s))
+            port_ = std::atoi(serverLog().c_str() + serverLog().find(listening) + listening.size());
+        TELVANE_REQUIRE_COMPONENT(port_ > 0, "telvane-faultd did not start; its log:\n" + serverLog());
         takeBaseline();
-        logStart_ = server_->log().size();
+        logStart_ = serverLog().size();
     }
 
     void TearDown() override
@@ -50,23 +59,32 @@ protected:
             delegate.reset(); // with the reading end of the last run's pipe
             EXPECT_TRUE(settled());
         }
-        if (HasFailure() && server_)
-            std::cerr << "---- library log ----\n"
-                      << log.joined() << "---- faultd log ----\n"
-                      << server_->log();
+        if (HasFailure())
+            std::cerr << "---- library log ----\n" << log.joined() << "---- faultd log ----\n" << serverLog();
+        stopServer();
     }
 
     TelvaneCredentialsDictionary account() const override { return account_; }
-    std::string host() const override { return server_->host(); }
-    long port() const override { return server_->port(); }
-    FaultServer &server() { return *server_; }
+    std::string host() const override { return "127.0.0.1"; }
+    long port() const override { return port_; }
+    /// The server's log from byte @p from on.
+    std::string serverLog(std::size_t from = 0) const { return readFile(dir_ + "/faultd.log", from); }
+    void stopServer()
+    {
+        if (faultd_ > 0)
+            kill(-faultd_, SIGKILL); // the server leads a process group of its connections and their commands
+        killDaemon(faultd_);
+    }
 
-    /// A sensor whose pair is in the keyring, aimed at the server, which puts @p fault on the connections
-    /// accepted from now on ("": none). The long time-out leaves only data or a stop to end a wait.
+    /// A sensor whose pair is in the keyring, aimed at the server, which puts @p fault ("ACT-STEP[=BYTES]",
+    /// faultd.cpp; "": none) on the connections accepted from now on. The long time-out leaves only data or
+    /// a stop to end a wait.
     std::shared_ptr<Telvane> makeSensor(const std::string &fault, double timeout = 30.0, long port = 0)
     {
-        EXPECT_TRUE(server().setFault(fault));
-        auto sensor = SensorTest::makeSensor(host(), port ? port : this->port(), timeout);
+        // Written aside and renamed, so a connection accepted meanwhile reads the old fault or the new one.
+        std::ofstream(dir_ + "/fault.new") << fault << '\n';
+        EXPECT_EQ(0, std::rename((dir_ + "/fault.new").c_str(), (dir_ + "/fault").c_str()));
+        auto sensor = SensorTest::makeSensor(host(), port ? port : port_, timeout);
         EXPECT_TRUE(
             TelvaneKeychain::setPassword(kPassword, sensor->serviceNameForSensor(), account_.username));
         return sensor;
@@ -76,7 +94,10 @@ protected:
     std::size_t logStart_ = 0;                                  // the server's log after the warm run
 
 private:
-    std::optional<FaultServer> server_;
+    TemporaryDirectory scratch_{"telvane-faultd"};
+    const std::string dir_ = scratch_.path().string(); // log and control file
+    pid_t faultd_ = -1;
+    int port_ = 0;
 };
 
 struct Failure
@@ -88,9 +109,9 @@ struct Failure
     const char *reason; // part of lastFailure()'s reason
     double timeout = 30.0;
     std::chrono::milliseconds atLeast{}, atMost = 20s; // how long runScript takes
-    // A stop once the server's log shows this: the connecting thread waits inside runScript with the
-    // sensor's lock, and only the stop can end it before the time-out. The bound counts from the stop.
-    const char *stopAt = nullptr;
+    // A stop once the server stalls: the connecting thread waits inside runScript with the sensor's lock, and
+    // only the stop can end it before the time-out. The bound counts from the stop.
+    bool stops = false;
     const char *script = "echo never";
 };
 
@@ -110,9 +131,8 @@ TEST_P(Fails, OnceWithItsCodeLineAndReasonWithinItsBound)
         sensor->runScript(row.script, std::nullopt); // returns once the failure has been reported
         return Clock::now();
     });
-    if (row.stopAt) {
-        EXPECT_TRUE(
-            waitUntil([&] { return server().log().find(row.stopAt, logStart_) != std::string::npos; }));
+    if (row.stops) {
+        EXPECT_TRUE(waitUntil([&] { return serverLog(logStart_).find("stalling") != std::string::npos; }));
         std::this_thread::sleep_for(200ms); // for the client to settle into its wait
         EXPECT_TRUE(delegate->events().empty()) << "the run ended before the stop";
         start = Clock::now();
@@ -120,7 +140,7 @@ TEST_P(Fails, OnceWithItsCodeLineAndReasonWithinItsBound)
     }
     if (returned.wait_for(row.atMost + 5s) != std::future_status::ready) {
         ADD_FAILURE() << "runScript still blocked";
-        server().stop(); // the connection goes with the server, which frees the thread
+        stopServer(); // the connection goes with the server, which frees the thread
     }
     const auto took = returned.get() - start;
 
@@ -144,7 +164,7 @@ TEST_P(Fails, OnceWithItsCodeLineAndReasonWithinItsBound)
     const auto kept = TelvaneKeychain::passwordForService(sensor->serviceNameForSensor(), account_.username);
     EXPECT_EQ(row.code == TelvaneErrorAuthentication ? std::nullopt : std::optional(std::string(kPassword)),
               kept);
-    EXPECT_EQ(std::string::npos, server().log().find("exec, fault", logStart_));
+    EXPECT_EQ(std::string::npos, serverLog(logStart_).find("exec: "));
 }
 
 // Under the sanitizers a login alone takes a good part of a second: the bounds leave room for that and still
@@ -152,7 +172,7 @@ TEST_P(Fails, OnceWithItsCodeLineAndReasonWithinItsBound)
 INSTANTIATE_TEST_SUITE_P(
     Launch, Fails,
     ::testing::Values(
-        Failure{"Password", "refuse-password", 3, "libssh2_userauth_password()) failed.",
+        Failure{"Password", "refuse-login", 3, "libssh2_userauth_password()) failed.",
                 "refused the username or password"},
         Failure{"Channel", "refuse-channel", 1, "libssh2_channel_open_session() failed.",
                 "refused a session channel"},
@@ -161,12 +181,12 @@ INSTANTIATE_TEST_SUITE_P(
                 "accepted the login but refused to run the script"},
         Failure{"ScriptNotUtf8", "", 1,
                 "the script for 127.0.0.1 is not valid UTF-8 text or holds a NUL byte; it was not sent",
-                "not valid UTF-8", 30.0, 0ms, 20s, nullptr, "echo caf\xe9"},
+                "not valid UTF-8", 30.0, 0ms, 20s, false, "echo caf\xe9"},
         // A server gone silent never holds a run past a stop, which is no refused login: the pair stays.
         Failure{"StoppedInTheBanner", "stall-banner", 1, "connection to 127.0.0.1 stopped", "stopped", 30.0,
-                0ms, 1s, "connection accepted, fault stall-banner"},
-        Failure{"StoppedInTheLogin", "stall-auth", 1, "connection to 127.0.0.1 stopped", "stopped", 30.0, 0ms,
-                1s, "stall-auth: never answering the login"},
+                0ms, 1s, true},
+        Failure{"StoppedInTheLogin", "stall-login", 1, "connection to 127.0.0.1 stopped", "stopped", 30.0,
+                0ms, 1s, true},
         Failure{"PortRefused", "port refused", 1, "error: -1", "Connection refused"},
         Failure{"PortUnanswered", "port unanswered", 1, "error: -2", "timed out after 1 seconds", 1.0, 900ms,
                 5s},
@@ -174,7 +194,7 @@ INSTANTIATE_TEST_SUITE_P(
                 "connection to 127.0.0.1 timed out during the handshake: the server sent nothing for 1 "
                 "seconds",
                 "timed out during the handshake", 1.9, 900ms, 1700ms},
-        Failure{"SilentLogin", "stall-auth", 1,
+        Failure{"SilentLogin", "stall-login", 1,
                 "connection to 127.0.0.1 timed out during the login: the server sent nothing for 1 seconds",
                 "timed out during the login", 1.0, 900ms, 3500ms},
         // Three time-outs for the connecting half as a whole, however busy the server keeps it.
@@ -220,16 +240,16 @@ TEST_P(Stream, DeliversEverySentByteThenEndsAsTheServerLeftIt)
         delegate->drainOutput = false;
         sensor->runScript(row.script, std::nullopt);
         ASSERT_TRUE(delegate->handle()) << log.joined();
-        ASSERT_TRUE(
-            waitUntil([&] { return server().log().find("the connection after") != std::string::npos; }));
+        ASSERT_TRUE(waitUntil(
+            [&] { return serverLog(logStart_).find("the connection after") != std::string::npos; }));
         std::this_thread::sleep_for(300ms);
         ASSERT_TRUE(readToEnd(*delegate->handle(), row.limit, &output)) << "the pipe never reached its end";
         ASSERT_TRUE(delegate->waitForEnd(row.limit) && waitUntil([&] { return !sensor->running(); }));
     }
     EXPECT_LT(Clock::now() - start, row.limit);
     // Compared whole: a lost, doubled or reordered chunk shows here, not just a wrong length.
-    EXPECT_EQ(row.output.size(), output.size());
-    EXPECT_TRUE(output == row.output) << "the output differs from what the server sent";
+    EXPECT_TRUE(output == row.output)
+        << output.size() << " bytes differ from the " << row.output.size() << " sent";
     EXPECT_EQ(1, delegate->count(Event::Started));
     EXPECT_EQ(1, delegate->count(Event::Terminated) + delegate->count(Event::Failed)) << "not one end";
     // A cut connection is a failure, never a finished script with status 0; its read error is logged once,
@@ -255,20 +275,20 @@ INSTANTIATE_TEST_SUITE_P(
         StreamFault{"StopAwaitingLateStatus", "late-status", "echo out\nexit 7", "out\n", 0, 5s,
                     StreamFault::Stops},
         // End of output and close without a status: 0, at once.
-        StreamFault{"NoStatus", "no-status", "echo out\nexit 7", "out\n", 0, 5s},
+        StreamFault{"NoStatus", "omit-status", "echo out\nexit 7", "out\n", 0, 5s},
         // Eight channel windows on standard error, discarded; left unread, it would stall standard output.
-        StreamFault{"FloodStderr", "flood-stderr=16777216", "echo ignored", "begin\nend\n", 0, 20s},
+        StreamFault{"FloodStderr", "flood-output=16777216", "echo out", "out\n", 0, 20s},
         // Cut in the middle of the output (not on a chunk boundary).
-        StreamFault{"DropAfter", "drop-after=100000", "seq 1 100000", seq(1, 100000).substr(0, 100000), kCut,
+        StreamFault{"DropAfter", "drop-output=100000", "seq 1 100000", seq(1, 100000).substr(0, 100000), kCut,
                     15s},
         // The script finished, but the connection went before its status and end of file.
-        StreamFault{"DropAfterAFinishedScript", "drop-after=1048576", "echo short\nexit 3", "short\n", kCut,
+        StreamFault{"DropAfterAFinishedScript", "drop-output=1048576", "echo short\nexit 3", "short\n", kCut,
                     15s},
         // Cut while most of the output waits here (not a reset: that drops what flow control kept back).
-        StreamFault{"DropAfterWhileTheReaderLags", "drop-after=1000000", "seq 1 200000",
+        StreamFault{"DropAfterWhileTheReaderLags", "drop-output=1000000", "seq 1 200000",
                     seq(1, 200000).substr(0, 1000000), kCut, 15s, StreamFault::Lags},
         // Reset right after the exec request was granted.
-        StreamFault{"ResetBeforeAnyOutput", "reset-after=0", "echo never", "", kCut, 15s}),
+        StreamFault{"ResetBeforeAnyOutput", "reset-output=0", "echo never", "", kCut, 15s}),
     [](const auto &info) { return std::string(info.param.name); });
 
 // The login sends the bytes as given: telvane-faultd compares them with its own, so the warm run of SetUp

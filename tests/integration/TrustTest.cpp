@@ -3,9 +3,8 @@
 #include "support/Process.h"
 #include "support/SshdFixture.h"
 
-#include <fstream>
-
 using namespace telvane::test;
+using Policy = TelvaneHostKeyPolicy;
 
 namespace {
 
@@ -14,26 +13,11 @@ enum class Known { Nothing, RightKey, OtherKey };
 struct PolicyCase
 {
     const char *name;
-    TelvaneHostKeyPolicy policy;
+    Policy policy;
     Known known;
     std::optional<bool> delegateAnswer; // nothing: the delegate keeps the policy's answer
     bool runs;
     bool closeWhenAsked = false; // the delegate closes the sensor before it answers: the run ends as stopped
-};
-
-class KeyDelegate : public RecordingDelegate
-{
-public:
-    std::optional<bool> keyAnswer;
-    bool closeWhenAsked = false;
-    std::vector<TelvaneHostKey> asked;
-    bool shouldTrustHostKey(Telvane &sensor, const TelvaneHostKey &key, bool policyAnswer) override
-    {
-        asked.push_back(key);
-        if (closeWhenAsked)
-            sensor.close();
-        return keyAnswer.value_or(policyAnswer);
-    }
 };
 
 class HostKeys : public WithRows<SensorRunTest, PolicyCase>
@@ -41,21 +25,24 @@ class HostKeys : public WithRows<SensorRunTest, PolicyCase>
 protected:
     std::string file; // made by the test, once the daemon is known to run
     const std::string entry = "[" + sshd().host() + "]:" + std::to_string(sshd().port());
+    std::vector<TelvaneHostKey> asked;
 
-    // Runs `true` with @p policy, the delegate answering @p keyAnswer; answers that delegate.
-    std::shared_ptr<KeyDelegate> runWith(TelvaneHostKeyPolicy policy, std::optional<bool> keyAnswer = {},
-                                         bool closeWhenAsked = false)
+    // Runs `true` under @p policy, the delegate answering @p keyAnswer (else the policy's answer), after it
+    // closed the sensor when @p closeWhenAsked.
+    void runWith(Policy policy, std::optional<bool> keyAnswer = {}, bool closeWhenAsked = false)
     {
-        auto keys = std::make_shared<KeyDelegate>();
-        keys->answer = accountDelegate()->answer;
-        keys->keyAnswer = keyAnswer;
-        keys->closeWhenAsked = closeWhenAsked;
-        delegate = keys;
+        freshDelegate();
+        asked.clear();
+        delegate->answerHostKey = [=, this](Telvane &sensor, const TelvaneHostKey &key, bool policyAnswer) {
+            asked.push_back(key);
+            if (closeWhenAsked)
+                sensor.close();
+            return keyAnswer.value_or(policyAnswer);
+        };
         auto sensor = makeSensor();
         sensor->setHostKeyPolicy(policy);
         sensor->setKnownHostsFile(file);
         EXPECT_TRUE(runToEnd(*sensor, "true"));
-        return keys;
     }
 };
 
@@ -64,37 +51,36 @@ protected:
 TEST_P(HostKeys, FollowThePolicyAndTheDelegate)
 {
     const auto &row = GetParam();
-    file = sshd().writeFile("known_hosts", "");
+    const std::string otherKey = // one that no harness ever has
+        "# an older key\n" + entry +
+        " ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIL98rV3YlPQ7pBBYFvr4PWI8gs5M7zXeSgbjOPz+RB3d\n";
+    file = sshd().writeFile("known_hosts", row.known == Known::OtherKey ? otherKey : "");
     if (row.known == Known::RightKey) {
-        ASSERT_EQ(0, runWith(TelvaneHostKeyPolicy::AcceptNew)->terminationStatus()) << log.joined();
+        runWith(Policy::AcceptNew);
+        ASSERT_EQ(0, delegate->terminationStatus()) << log.joined();
     }
-    if (row.known == Known::OtherKey) // a key that no harness ever has
-        std::ofstream(file) << "# an older key\n"
-                            << entry << " ssh-ed25519 "
-                            << "AAAAC3NzaC1lZDI1NTE5AAAAIL98rV3YlPQ7pBBYFvr4PWI8gs5M7zXeSgbjOPz+RB3d\n";
     const std::string before = readFile(file);
-    const auto asking = runWith(row.policy, row.delegateAnswer, row.closeWhenAsked);
+    runWith(row.policy, row.delegateAnswer, row.closeWhenAsked);
 
-    EXPECT_EQ(row.runs, asking->terminationStatus() == 0) << log.joined();
-    if (!row.runs) {
-        EXPECT_EQ(1, asking->failureCode());
-    }
-    EXPECT_EQ(1, asking->count(RecordingDelegate::Event::Failed) +
-                     asking->count(RecordingDelegate::Event::Started));
-    const bool asked = row.policy != TelvaneHostKeyPolicy::AcceptAny && row.known != Known::RightKey;
-    ASSERT_EQ(asked ? 1u : 0u, asking->asked.size());
-    if (asked) {
-        EXPECT_EQ(entry, asking->asked[0].host);
-        EXPECT_EQ(0u, asking->asked[0].fingerprint.rfind("SHA256:", 0));
-        EXPECT_EQ(row.known == Known::OtherKey, asking->asked[0].changed);
+    EXPECT_EQ(row.runs, delegate->terminationStatus() == 0) << log.joined();
+    EXPECT_EQ(row.runs ? std::nullopt : std::optional<long>(1), delegate->failureCode());
+    EXPECT_EQ(1, delegate->count(RecordingDelegate::Event::Failed) +
+                     delegate->count(RecordingDelegate::Event::Started));
+    const bool questioned = row.policy != Policy::AcceptAny && row.known != Known::RightKey;
+    ASSERT_EQ(questioned ? 1u : 0u, asked.size());
+    if (questioned) {
+        EXPECT_EQ(entry, asked[0].host);
+        EXPECT_EQ(0u, asked[0].fingerprint.rfind("SHA256:", 0));
+        EXPECT_EQ(row.known == Known::OtherKey, asked[0].changed);
     }
     // Only an accepted first key is written down.
-    EXPECT_EQ(row.runs && asked && row.known == Known::Nothing, readFile(file) != before) << readFile(file);
+    EXPECT_EQ(row.runs && questioned && row.known == Known::Nothing, readFile(file) != before)
+        << readFile(file);
     // The reason alone (what a user sees without the verbose log) is enough to decide.
     if (row.known == Known::OtherKey && !row.runs) {
-        const std::string reason = asking->reportedFailure().value_or(TelvaneFailure{}).reason;
+        const std::string reason = delegate->outcomes().at(0).failure.reason;
         for (const std::string &part :
-             {"the " + asking->asked[0].keyType + " key it sent is " + asking->asked[0].fingerprint,
+             {"the " + asked[0].keyType + " key it sent is " + asked[0].fingerprint,
               "the old one is at " + file + ":2", "ssh-keygen -f '" + file + "' -R '" + entry + "'"})
             EXPECT_NE(std::string::npos, reason.find(part)) << reason;
     }
@@ -113,19 +99,14 @@ TEST_P(HostKeys, FollowThePolicyAndTheDelegate)
 INSTANTIATE_TEST_SUITE_P(
     Policies, HostKeys,
     ::testing::Values(
-        PolicyCase{"AcceptNewAddsAFirstKey", TelvaneHostKeyPolicy::AcceptNew, Known::Nothing, {}, true},
-        PolicyCase{"AcceptNewTakesAKnownKey", TelvaneHostKeyPolicy::AcceptNew, Known::RightKey, {}, true},
-        PolicyCase{
-            "AcceptNewRefusesAChangedKey", TelvaneHostKeyPolicy::AcceptNew, Known::OtherKey, {}, false},
-        PolicyCase{"StrictRefusesAnUnknownKey", TelvaneHostKeyPolicy::Strict, Known::Nothing, {}, false},
-        PolicyCase{"StrictTakesAKnownKey", TelvaneHostKeyPolicy::Strict, Known::RightKey, {}, true},
-        PolicyCase{"StrictWithTheDelegatesYesAddsAKey", TelvaneHostKeyPolicy::Strict, Known::Nothing, true,
-                   true},
-        PolicyCase{"TheDelegateRefusesAFirstKey", TelvaneHostKeyPolicy::AcceptNew, Known::Nothing, false,
-                   false},
-        PolicyCase{"AcceptAnyIgnoresAChangedKey", TelvaneHostKeyPolicy::AcceptAny, Known::OtherKey, {}, true},
-        PolicyCase{"ACloseWhileAskedThenNo", TelvaneHostKeyPolicy::AcceptNew, Known::Nothing, false, false,
-                   true},
-        PolicyCase{"ACloseWhileAskedThenYes", TelvaneHostKeyPolicy::AcceptNew, Known::Nothing, true, false,
-                   true}),
+        PolicyCase{"AcceptNewAddsAFirstKey", Policy::AcceptNew, Known::Nothing, {}, true},
+        PolicyCase{"AcceptNewTakesAKnownKey", Policy::AcceptNew, Known::RightKey, {}, true},
+        PolicyCase{"AcceptNewRefusesAChangedKey", Policy::AcceptNew, Known::OtherKey, {}, false},
+        PolicyCase{"StrictRefusesAnUnknownKey", Policy::Strict, Known::Nothing, {}, false},
+        PolicyCase{"StrictTakesAKnownKey", Policy::Strict, Known::RightKey, {}, true},
+        PolicyCase{"StrictWithTheDelegatesYesAddsAKey", Policy::Strict, Known::Nothing, true, true},
+        PolicyCase{"TheDelegateRefusesAFirstKey", Policy::AcceptNew, Known::Nothing, false, false},
+        PolicyCase{"AcceptAnyIgnoresAChangedKey", Policy::AcceptAny, Known::OtherKey, {}, true},
+        PolicyCase{"ACloseWhileAskedThenNo", Policy::AcceptNew, Known::Nothing, false, false, true},
+        PolicyCase{"ACloseWhileAskedThenYes", Policy::AcceptNew, Known::Nothing, true, false, true}),
     [](const auto &info) { return std::string(info.param.name); });

@@ -1,12 +1,15 @@
-// Whole runs against a real sshd: what the remote script writes arrives byte for byte, and its exit status
-// with it, whatever the size of the output and the shape of the script.
+// Whole runs against a real sshd and dropbear: what the remote script writes arrives byte for byte, and its
+// exit status with it, whatever the size of the output and the shape of the script.
 #include "support/Process.h"
 #include "support/SshdFixture.h"
+
+#include <unistd.h>
 
 using namespace telvane::test;
 using Event = RecordingDelegate::Event;
 
 namespace {
+using Dropbear = SensorRunTestOn<SshdHarness::Server::Dropbear>;
 struct ScriptCase
 {
     const char *name;
@@ -17,11 +20,8 @@ struct ScriptCase
 using ScriptShapes = WithRows<SensorRunTest, ScriptCase>;
 ScriptCase seqBytes(const char *name, std::size_t size, long status)
 {
-    return {name,
-            "seq 1 20000000 | head -c " + std::to_string(size) + "\nexit " + std::to_string(status),
-            {},
-            status,
-            size};
+    const std::string script = "seq 1 20000000 | head -c " + std::to_string(size);
+    return {name, script + "\nexit " + std::to_string(status), {}, status, size};
 }
 } // namespace
 
@@ -29,11 +29,10 @@ TEST_P(ScriptShapes, RunsTheNormalisedScript)
 {
     const ScriptCase &row = GetParam();
     auto sensor = makeSensor();
-    delegate->endDelay = std::chrono::milliseconds(50);
+    delegate->endDelay = std::chrono::milliseconds(50); // the reader meets end of file only after the end
     ASSERT_TRUE(runToEnd(*sensor, row.script));
     ASSERT_EQ(std::nullopt, delegate->failureCode()) << log.joined();
-    EXPECT_EQ(1, delegate->count(Event::Started));
-    EXPECT_EQ(1, delegate->count(Event::Terminated));
+    EXPECT_EQ(1, delegate->count(Event::Started)); // and one end after it, with its status
     EXPECT_EQ(row.status, delegate->terminationStatus());
     std::string expected = row.output;
     if (const auto at = expected.find("__PASSWORD__"); at != std::string::npos)
@@ -44,8 +43,6 @@ TEST_P(ScriptShapes, RunsTheNormalisedScript)
     if (row.seqBytes)
         expected.resize(row.seqBytes);
     EXPECT_TRUE(expected == delegate->output()) << delegate->output().substr(0, 200);
-    // The reader meets end of file only after the delegate has heard the end.
-    EXPECT_TRUE(delegate->endHeardBeforeEndOfFile());
     // The exec request went out even when nothing of the script was left to run.
     EXPECT_NE(std::string::npos, sshd().log(logStart_).find("Starting session: command for"));
 }
@@ -91,5 +88,44 @@ TEST_F(SshdTest, MinimalHostPrintsTheOutputAndExitsWithTheScriptsStatus)
                        {.environment = {{"TELVANE_KEYRING", "memory"}}});
         EXPECT_EQ(status, run.status) << run.err;
         EXPECT_EQ(out, run.out);
+    }
+}
+
+// dropbear takes no exec request over 9000 bytes: longer scripts travel on standard input, and their end
+// (a status, a signal) is still their own.
+TEST_F(Dropbear, ScriptsOfEverySizeRunByteForByte)
+{
+    for (const auto &[size, end, status] :
+         {std::tuple{20 * 1024, "exit 7", 7}, {300 * 1024, "kill -KILL $$", 137}}) {
+        freshDelegate();
+        std::string script, expected;
+        for (long line = 1; script.size() < static_cast<std::size_t>(size); ++line) {
+            script += "echo " + std::to_string(line) + " 'it'\\''s'\n";
+            expected += std::to_string(line) + " it's\n";
+        }
+        ASSERT_TRUE(runToEnd(*makeSensor(), script + end)) << size;
+        EXPECT_EQ(std::optional<long>(status), delegate->terminationStatus()) << log.joined() << sshd().log();
+        EXPECT_EQ(status == 137, log.contains("killed by signal KILL")) << "not told as the script's signal";
+        EXPECT_TRUE(expected == delegate->output()) << size << ": " << delegate->output().substr(0, 200);
+    }
+}
+
+// dropbear signals the login shell alone; the script's children must end with it, whichever way it came.
+TEST_F(Dropbear, AStopLeavesNothingOfTheScriptRunning)
+{
+    // A duration of its own, so that pgrep sees this run's sleeps and no other's.
+    const std::string sleep = "sleep 47." + std::to_string(::getpid());
+    const auto sleeping = [&] {
+        return runProcess({"/usr/bin/pgrep", "-u", SshdHarness::kAccount, "-fx", sleep}).status == 0;
+    };
+    for (const std::string &start : {std::string(), ": " + std::string(9000, 'p') + "\n"}) {
+        freshDelegate();
+        delegate->drainOutput = false;
+        auto sensor = makeSensor();
+        sensor->runScript(start + sleep + " &\n" + sleep + "\n", std::nullopt);
+        ASSERT_EQ(1, delegate->count(Event::Started)) << log.joined();
+        ASSERT_TRUE(waitUntil(sleeping)) << "the script never started its sleeps";
+        sensor->stopScript();
+        EXPECT_TRUE(waitUntil([&] { return !sleeping(); })) << "a sleep of the script runs on";
     }
 }

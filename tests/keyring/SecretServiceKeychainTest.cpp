@@ -1,37 +1,89 @@
-// The Secret Service keyring against a real gnome-keyring-daemon on a private bus, and against keyrings
-// that are missing, silent or locked.
+// The credential store's promises over every backend, the Secret Service against a real gnome-keyring-daemon
+// on a private bus; then the Secret Service's own: items that are ours alone, and keyrings that are missing,
+// silent or locked.
 #include "Platform/KeychainBackends_p.h"
-#include "support/KeychainBehaviour.h"
 #include "support/KeyringDaemon.h"
+#include "support/TestEnvironment.h"
 
 #include <libsecret/secret.h>
 
 #include <filesystem>
 
-using telvane::test::KeyringDaemon;
-using telvane::test::LogCapture;
+using namespace telvane::test;
 using namespace std::chrono_literals;
 
 namespace {
 
-class SecretServiceKeychainTest : public telvane::test::KeychainBehaviour
+std::vector<std::string> accountNames(const std::optional<std::vector<TelvaneKeychainAccount>> &list)
+{
+    std::vector<std::string> names;
+    for (const auto &entry : list.value_or(std::vector<TelvaneKeychainAccount>{}))
+        names.push_back(entry.at(kTelvaneKeychainAccountKey));
+    return names;
+}
+
+class Keychain : public ::testing::TestWithParam<std::string>
 {
 protected:
-    std::shared_ptr<TelvaneKeychainBackend> makeBackend() override { return makeSecretServiceKeychain(); }
     void SetUp() override
     {
-        const bool started = daemon.start();
-        TELVANE_REQUIRE_COMPONENT(started, "no Secret Service to test against: " + daemon.error());
-        KeychainBehaviour::SetUp();
+        if (GetParam() == "secret-service")
+            TELVANE_REQUIRE_COMPONENT(daemon.start(), "no Secret Service to test against: " + daemon.error());
+        backend = GetParam() == "file" ? makeFileKeychain((scratch.path() / "keyring").string())
+                                       : TelvaneKeychain::makeBackend(GetParam());
+        TelvaneKeychain::setBackend(backend);
     }
+    void TearDown() override { TelvaneKeychain::setBackend(nullptr); }
+
     KeyringDaemon daemon;
+    TemporaryDirectory scratch{"telvane-keyring"};
+    std::shared_ptr<TelvaneKeychainBackend> backend;
 };
+using SecretServiceKeychain = Keychain;
 
 } // namespace
 
-TELVANE_KEYCHAIN_BEHAVIOUR_TESTS(SecretServiceKeychainTest)
+TEST_P(Keychain, StoresReplacesAndKeepsServicesApart)
+{
+    ASSERT_TRUE(backend->setPassword("one", "svc (a)", "alice"));
+    ASSERT_TRUE(backend->setPassword("two", "svc (a)", "alice"));
+    ASSERT_TRUE(backend->setPassword("other", "svc (A)", "alice"));
+    EXPECT_EQ("two", backend->passwordForService("svc (a)", "alice"));
+    EXPECT_EQ("other", backend->passwordForService("svc (A)", "alice"));
+    EXPECT_EQ(std::vector<std::string>{"alice"}, accountNames(backend->accountsForService("svc (a)")));
+    // Empty account names and passwords are kept as they are.
+    ASSERT_TRUE(backend->setPassword("", "svc (e)", ""));
+    EXPECT_EQ("", backend->passwordForService("svc (e)", ""));
+    EXPECT_EQ(std::vector<std::string>{""}, accountNames(backend->accountsForService("svc (e)")));
+}
 
-TEST_F(SecretServiceKeychainTest, ItemsAreOursAloneAndLabelledForTheHost)
+TEST_P(Keychain, ForgetRemovesTheFirstPairThenTheNextThenSaysNo)
+{
+    auto sensor = Telvane::create("id", "n", "Pi.Local", 2222L);
+    const std::string service = sensor->serviceNameForSensor();
+    EXPECT_EQ("com.quillmere.sensor.credentials (Pi.Local)", service); // the host as written
+    ASSERT_TRUE(backend->setPassword("pw1", service, "first"));
+    ASSERT_TRUE(backend->setPassword("pw2", service, "second"));
+    const auto names = accountNames(backend->accountsForService(service));
+    ASSERT_EQ(2u, names.size());
+    EXPECT_TRUE(TelvaneCredentials::forgetCredentials(*sensor));
+    EXPECT_EQ(std::vector<std::string>{names[1]}, accountNames(backend->accountsForService(service)));
+    EXPECT_TRUE(TelvaneCredentials::forgetCredentials(*sensor));
+    EXPECT_FALSE(TelvaneCredentials::forgetCredentials(*sensor));
+    // The same host on another port shares the pair; another host does not.
+    ASSERT_TRUE(backend->setPassword("pw", service, "u"));
+    EXPECT_FALSE(TelvaneCredentials::forgetCredentials(*Telvane::create("x", "x", "other")));
+    EXPECT_TRUE(TelvaneCredentials::forgetCredentials(*Telvane::create("y", "y", "Pi.Local", 22L)));
+}
+
+std::string backendName(const ::testing::TestParamInfo<std::string> &info)
+{
+    return info.param == "secret-service" ? "SecretService" : info.param;
+}
+INSTANTIATE_TEST_SUITE_P(Backends, Keychain, ::testing::Values("memory", "file", "secret-service"),
+                         backendName);
+
+TEST_P(SecretServiceKeychain, ItemsAreOursAloneAndLabelledForTheHost)
 {
     // Another application's password with the same attributes is neither listed nor removed. Our schema is
     // fixed: renaming it would lose every pair saved by an earlier version.
@@ -63,6 +115,8 @@ TEST_F(SecretServiceKeychainTest, ItemsAreOursAloneAndLabelledForTheHost)
     g_list_free_full(items, g_object_unref);
 }
 
+INSTANTIATE_TEST_SUITE_P(, SecretServiceKeychain, ::testing::Values("secret-service"), backendName);
+
 // Keyrings that cannot answer (no bus; a bus without a keyring; a keyring that has stopped) or are locked:
 // each operation reports nothing stored (or false), logs why, is bounded, and never asks for an unlock.
 using UnavailableKeyringTest = ::testing::TestWithParam<std::string>;
@@ -81,7 +135,7 @@ TEST_P(UnavailableKeyringTest, ReportsNothingStoredLogsWhyAndReturnsPromptly)
     auto backend = makeSecretServiceKeychain(500ms);
     if (GetParam() == "Locked") {
         ASSERT_TRUE(backend->setPassword("secret-pw", "svc", "alice"));
-        ASSERT_TRUE(daemon.lockAll()) << daemon.error();
+        ASSERT_TRUE(daemon.callService("Lock")) << daemon.error();
     }
     if (GetParam() == "Silent")
         daemon.freeze();
@@ -103,8 +157,8 @@ TEST_P(UnavailableKeyringTest, ReportsNothingStoredLogsWhyAndReturnsPromptly)
     EXPECT_EQ(0, daemon.promptsSeen()) << "the keyring was asked to unlock";
     // The monitor does see an unlock request when one is made, so the zero above means something.
     if (GetParam() == "Locked") {
-        ASSERT_TRUE(daemon.requestUnlock()) << daemon.error();
-        EXPECT_TRUE(telvane::test::waitUntil([&] { return daemon.promptsSeen() > 0; }, 5s));
+        ASSERT_TRUE(daemon.callService("Unlock")) << daemon.error();
+        EXPECT_TRUE(waitUntil([&] { return daemon.promptsSeen() > 0; }, 5s));
     }
 }
 

@@ -18,7 +18,8 @@ inline std::string readFile(const std::string &path, std::size_t from = 0)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// A directory of the test's own under the system's temporary one, removed with all it holds when it goes.
+/// A directory of the test's own under the system's temporary one, removed with all it holds when it goes (by
+/// the process that made it: a forked child that ends through exit() leaves it).
 class TemporaryDirectory
 {
 public:
@@ -31,7 +32,7 @@ public:
     ~TemporaryDirectory()
     {
         std::error_code ignored;
-        if (!path_.empty())
+        if (!path_.empty() && ::getpid() == owner_)
             std::filesystem::remove_all(path_, ignored);
     }
     TemporaryDirectory(const TemporaryDirectory &) = delete;
@@ -41,6 +42,7 @@ public:
 
 private:
     std::filesystem::path path_;
+    pid_t owner_ = ::getpid();
 };
 
 /// Closes its descriptor when it goes, or on reset() (which may take a new one).

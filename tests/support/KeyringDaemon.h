@@ -1,5 +1,6 @@
 // A real Secret Service for tests: a private session bus and a gnome-keyring-daemon on it, whose login
-// keyring is created and unlocked from a password on its standard input, so that storing never prompts.
+// keyring is created and unlocked from a password on its standard input, so that storing never prompts; and a
+// dbus-monitor on the bus that sees every unlock request and prompt.
 #pragma once
 
 #include "support/Files.h"
@@ -8,8 +9,6 @@
 #include <string>
 #include <sys/types.h>
 #include <vector>
-
-typedef struct _GDBusConnection GDBusConnection;
 
 namespace telvane::test {
 
@@ -29,29 +28,20 @@ public:
 
     const std::string &error() const { return error_; }
 
-    bool lockAll() { return callService("Lock"); }
-    /// Asks for the default collection to be unlocked (its prompt is never answered).
-    bool requestUnlock() { return callService("Unlock"); }
+    /// Calls "Lock" or "Unlock" on the default collection (the unlock's prompt is never answered).
+    bool callService(const std::string &method);
     /// The number of unlock requests and prompts the daemon has seen.
     int promptsSeen() const;
     /// Stops the keyring daemon's process: it keeps its name on the bus and never answers again.
     void freeze() { ::kill(keyring_, SIGSTOP); }
 
 private:
-    bool fail(std::string why);
-    pid_t spawn(const std::vector<std::string> &command, const std::string &log);
-    bool waitForDefaultCollection();
-    bool startMonitor();
-    bool callService(const char *method);
+    bool fail(const std::string &why);
 
     TemporaryDirectory scratch_{"telvane-secret-service"};
     const std::string dir_ = scratch_.path().string();
     std::string address_, error_;
-    pid_t bus_ = -1, keyring_ = -1;
-    // This process's shared session connection, with exit-on-close off so that the bus may go first.
-    GDBusConnection *sharedBus_ = nullptr;
-    // A bus monitor that counts unlock calls and prompts (its filter runs on GDBus's worker thread).
-    GDBusConnection *monitor_ = nullptr;
+    pid_t bus_ = -1, monitor_ = -1, keyring_ = -1;
 };
 
 } // namespace telvane::test

@@ -17,36 +17,25 @@ class LoopbackSocket
 public:
     explicit LoopbackSocket(int backlog = -1)
     {
-        sockaddr_in address = loopback(0);
-        socklen_t length = sizeof address;
-        ::bind(fd_.get(), reinterpret_cast<sockaddr *>(&address), length);
-        ::getsockname(fd_.get(), reinterpret_cast<sockaddr *>(&address), &length);
-        port_ = ntohs(address.sin_port);
+        socklen_t length = sizeof address_;
+        ::bind(fd_.get(), reinterpret_cast<sockaddr *>(&address_), length);
+        ::getsockname(fd_.get(), reinterpret_cast<sockaddr *>(&address_), &length);
         if (backlog >= 0)
             ::listen(fd_.get(), backlog);
     }
-    int port() const { return port_; }
+    int port() const { return ntohs(address_.sin_port); }
     void deafen()
     {
-        const sockaddr_in address = loopback(port_);
         for (auto &queued : queue_) {
             queued.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-            ::connect(queued.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
+            ::connect(queued.get(), reinterpret_cast<const sockaddr *>(&address_), sizeof address_);
         }
     }
 
 private:
-    static sockaddr_in loopback(int port)
-    {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        return address;
-    }
+    sockaddr_in address_{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}}; // the port once bound
     Descriptor fd_{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     Descriptor queue_[4];
-    int port_ = 0;
 };
 
 } // namespace telvane::test

@@ -37,9 +37,7 @@ private:
     static inline std::unique_ptr<SshdHarness> harness_;
 };
 
-class SshdTest : public WithSshd<::testing::Test>
-{
-};
+using SshdTest = WithSshd<::testing::Test>;
 
 /// SensorTest against the suite's daemon, a @p server, and its account.
 template <SshdHarness::Server server> class SensorRunTestOn : public WithSshd<SensorTest, server>

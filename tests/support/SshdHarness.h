@@ -49,9 +49,8 @@ public:
     /// OneTimeCode: a code that the server takes once (the next of an HOTP counter: a time-based code would
     /// be refused when two logins fall into the same 30 seconds); empty when oathtool fails.
     std::string oneTimeCode();
-    /// A new ed25519 key pair named @p name in the harness's directory, encrypted with @p passphrase when one
-    /// is given, and authorized for the account; returns the private key's path, empty when ssh-keygen fails.
-    /// Only a PublicKey server takes it.
+    /// A new ed25519 key pair named @p name, encrypted with @p passphrase when one is given, and authorized
+    /// for the account (by a PublicKey server); returns the private key's path, empty when ssh-keygen fails.
     std::string makeClientKey(const std::string &name, const std::string &passphrase = {});
 
     /// A real ssh-agent of the harness's own, holding the unencrypted key at @p key; returns its socket (what
@@ -59,7 +58,8 @@ public:
     std::string startAgent(const std::string &key);
     /// Lines put first in sshd's configuration (before start()); "%PORT%" stands for port().
     void setExtraConfig(std::string lines) { extraConfig_ = std::move(lines); }
-    std::string writeFile(const std::string &name, const std::string &text) const;
+    /// Writes @p name in the harness's directory, readable by the account unless @p mode says otherwise.
+    std::string writeFile(const std::string &name, const std::string &text, mode_t mode = 0644) const;
     /// The daemon's log (sshd's LogLevel VERBOSE) from byte @p from on.
     std::string log(std::size_t from = 0) const;
 

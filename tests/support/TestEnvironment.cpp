@@ -2,31 +2,11 @@
 
 #include "Telvane_p.h"
 
-#include <algorithm>
 #include <filesystem>
 #include <poll.h>
 #include <thread>
 
 namespace telvane::test {
-
-LogCapture::LogCapture()
-{
-    telvaneSetLogSink([this](std::string_view line) {
-        std::lock_guard lock(mutex_);
-        lines_.emplace_back(line);
-    });
-}
-
-LogCapture::~LogCapture()
-{
-    telvaneSetLogSink({});
-}
-
-std::vector<std::string> LogCapture::lines() const
-{
-    std::lock_guard lock(mutex_);
-    return lines_;
-}
 
 std::string LogCapture::joined() const
 {
@@ -103,9 +83,8 @@ void RecordingDelegate::sensorScriptDidStart(Telvane &, std::shared_ptr<TelvaneF
             output_ += chunk;
         }
         std::lock_guard lock(mutex_);
-        endBeforeEndOfFile_ = std::any_of(events_.begin(), events_.end(), [](const Event &e) {
-            return e.kind == Event::Terminated || e.kind == Event::Failed;
-        });
+        if (endDelay.count() && !heard(Event::Terminated) && !heard(Event::Failed))
+            outcomeFaults_ += "end of file before the end was heard; ";
         outputEnded_ = true;
         changed_.notify_all();
     }).detach();
@@ -125,7 +104,11 @@ RecordingDelegate::answersForLoginQuestion(Telvane &, const TelvaneLoginQuestion
 void RecordingDelegate::sensorScriptDidTerminate(Telvane &, long status)
 {
     std::this_thread::sleep_for(endDelay);
-    record({Event::Terminated, status});
+    std::lock_guard lock(mutex_);
+    if (heard(Event::Started) <= heard(Event::Terminated))
+        outcomeFaults_ += "an end told before its start; ";
+    events_.push_back({Event::Terminated, status});
+    changed_.notify_all();
 }
 
 void RecordingDelegate::sensorDidFailWithError(Telvane &sensor, long code)
@@ -134,12 +117,10 @@ void RecordingDelegate::sensorDidFailWithError(Telvane &sensor, long code)
     std::unique_lock runs(d.runMutex);
     const bool closed = d.runs.empty();
     runs.unlock();
-    {
-        std::lock_guard lock(mutex_);
-        closedBeforeReport_ = closed;
-        reportedFailure_ = sensor.lastFailure();
-    }
-    record({Event::Failed, code});
+    std::lock_guard lock(mutex_);
+    closedBeforeReport_ = closed;
+    events_.push_back({Event::Failed, code});
+    changed_.notify_all();
 }
 
 std::optional<TelvaneCredentialsDictionary> RecordingDelegate::credentialsForSensor(Telvane &, bool *persist)
@@ -158,15 +139,12 @@ void RecordingDelegate::sensorRunDidFinish(Telvane &, const TelvaneRunOutcome &o
     const auto pipe = pipes_[outcome.run].lock(); // a pipe that has gone has closed its ends
     if (pipe && pipe->fileHandleForWriting()->fileDescriptor() >= 0)
         outcomeFaults_ += "told while the pipe was open; ";
-    if (std::any_of(outcomes_.begin(), outcomes_.end(), [&](const auto &o) { return o.run == outcome.run; }))
+    if (std::ranges::count(outcomes_, outcome.run, &TelvaneRunOutcome::run))
         outcomeFaults_ += "told twice; ";
-    const auto first = [&](Event::Kind kind) {
-        return std::find_if(events_.begin(), events_.end(), [&](const Event &e) { return e.kind == kind; });
-    };
     using Kind = TelvaneRunOutcome::Kind;
-    if (outcome.kind == Kind::Ended && first(Event::Terminated) == events_.end())
+    if (outcome.kind == Kind::Ended && !heard(Event::Terminated))
         outcomeFaults_ += "ended without a termination report; ";
-    const auto failed = first(Event::Failed);
+    const auto failed = std::ranges::find(events_, Event::Failed, &Event::kind);
     if (outcome.kind == Kind::Failed && (failed == events_.end() || failed->value != outcome.failure.code))
         outcomeFaults_ += "failed without a failure report of its code; ";
     outcomes_.push_back(outcome);
@@ -182,14 +160,11 @@ std::optional<TelvaneOutputSink> RecordingDelegate::outputSinkForRun(Telvane &se
         return std::nullopt;
     TelvaneOutputSink bytes;
     bytes.write = [this, self = shared_from_this()](const char *data, std::size_t size) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(sinkPause.load()));
+        std::this_thread::sleep_for(*sink);
         std::lock_guard lock(mutex_);
-        const auto started = std::count_if(events_.begin(), events_.end(),
-                                           [](const Event &e) { return e.kind == Event::Started; });
-        if (started <= static_cast<long>(outcomes_.size()))
+        if (heard(Event::Started) <= std::ssize(outcomes_))
             outcomeFaults_ += "a sink call before the start or after the outcome; ";
         output_.append(data, size);
-        ++sinkCalls;
         return true;
     };
     return bytes;
@@ -201,19 +176,11 @@ bool RecordingDelegate::waitForEnd(std::chrono::milliseconds timeout)
     return changed_.wait_for(lock, timeout, [&] { return !outcomes_.empty() && (outputEnded_ || !handle_); });
 }
 
-int RecordingDelegate::count(Event::Kind kind) const
-{
-    const auto all = events();
-    return static_cast<int>(
-        std::count_if(all.begin(), all.end(), [&](const Event &e) { return e.kind == kind; }));
-}
-
 std::optional<long> RecordingDelegate::firstValue(Event::Kind kind) const
 {
-    for (const auto &e : events())
-        if (e.kind == kind)
-            return e.value;
-    return std::nullopt;
+    const auto all = events();
+    const auto first = std::ranges::find(all, kind, &Event::kind);
+    return first == all.end() ? std::nullopt : std::optional(first->value);
 }
 
 } // namespace telvane::test

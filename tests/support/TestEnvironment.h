@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -42,9 +42,19 @@ template <class Base, class Row> class WithRows : public Base, public ::testing:
 class LogCapture
 {
 public:
-    LogCapture();
-    ~LogCapture();
-    std::vector<std::string> lines() const;
+    LogCapture()
+    {
+        telvaneSetLogSink([this](std::string_view line) {
+            std::lock_guard lock(mutex_);
+            lines_.emplace_back(line);
+        });
+    }
+    ~LogCapture() { telvaneSetLogSink({}); }
+    std::vector<std::string> lines() const
+    {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
     bool contains(const std::string &text) const { return joined().find(text) != std::string::npos; }
     std::string joined() const;
 
@@ -73,15 +83,14 @@ public:
     bool answerPersist = false;
     /// When false, nobody reads the output: the test does.
     bool drainOutput = true;
-    /// How long hearing the end takes: a reader that meets end of file before it has been heard shows then.
+    /// How long hearing the end takes; a reader meeting end of file before the end was heard is a fault.
     std::chrono::milliseconds endDelay{0};
-    /// When set, the output goes to a sink (each call taking sinkPause milliseconds) and output() is what it
-    /// got.
-    bool sink = false;
-    std::atomic<int> sinkPause{0};
-    std::atomic<std::size_t> sinkCalls{0};
+    /// When set, the output goes to a sink, each call taking this long, and output() is what it got.
+    std::optional<std::chrono::milliseconds> sink;
     /// Answers the login's questions (a one-time code, a passphrase); unset, nobody answers.
     std::function<std::optional<std::vector<std::string>>(const TelvaneLoginQuestion &)> answerQuestion;
+    /// Answers whether to trust a host key; unset, the policy's answer stands.
+    std::function<bool(Telvane &, const TelvaneHostKey &, bool policyAnswer)> answerHostKey;
 
     void sensorScriptDidStart(Telvane &sensor, std::shared_ptr<TelvaneFileHandle> output) override;
     void sensorScriptDidTerminate(Telvane &sensor, long status) override;
@@ -91,32 +100,35 @@ public:
     std::optional<TelvaneOutputSink> outputSinkForRun(Telvane &sensor, TelvaneRunId run) override;
     std::optional<std::vector<std::string>>
     answersForLoginQuestion(Telvane &sensor, const TelvaneLoginQuestion &question) override;
+    bool shouldTrustHostKey(Telvane &sensor, const TelvaneHostKey &key, bool policyAnswer) override
+    {
+        return answerHostKey ? answerHostKey(sensor, key, policyAnswer) : policyAnswer;
+    }
 
     std::vector<Event> events() const { return read(&RecordingDelegate::events_); }
     /// Waits until the run has told its outcome and, when draining, its output has reached end of file.
     bool waitForEnd(std::chrono::milliseconds timeout = std::chrono::seconds(30));
     std::vector<TelvaneRunOutcome> outcomes() const { return read(&RecordingDelegate::outcomes_); }
-    /// What is wrong with the outcomes heard so far: one per run, each the last report of its run and told
-    /// after its pipe's writing end was closed, agreeing with the end report, and no sink call outside the
-    /// start and the outcome; empty when nothing is.
+    /// What is wrong with the reports so far (an end before its start, an outcome told twice, before the
+    /// pipe closed or unlike the end report, a sink call outside the start and the outcome), or "".
     std::string outcomeFaults() const { return read(&RecordingDelegate::outcomeFaults_); }
     std::string output() const { return read(&RecordingDelegate::output_); }
     std::vector<std::string> promptsAsked() const { return read(&RecordingDelegate::promptsAsked_); }
     std::shared_ptr<TelvaneFileHandle> handle() const { return read(&RecordingDelegate::handle_); }
-    int count(Event::Kind kind) const;
+    int count(Event::Kind kind) const
+    {
+        std::lock_guard lock(mutex_);
+        return static_cast<int>(heard(kind));
+    }
     std::optional<long> terminationStatus() const { return firstValue(Event::Terminated); }
     std::optional<long> failureCode() const { return firstValue(Event::Failed); }
-    /// The sensor's lastFailure() when the failure was reported, and whether every run was closed by then.
-    std::optional<TelvaneFailure> reportedFailure() const
-    {
-        return read(&RecordingDelegate::reportedFailure_);
-    }
+    /// Whether every run was closed when the failure was reported.
     bool closedBeforeReport() const { return read(&RecordingDelegate::closedBeforeReport_); }
-    /// Whether the end had been reported when the reader first met end of file.
-    bool endHeardBeforeEndOfFile() const { return read(&RecordingDelegate::endBeforeEndOfFile_); }
 
 private:
     std::optional<long> firstValue(Event::Kind kind) const;
+    /// How many reports of @p kind came; mutex_ held.
+    long heard(Event::Kind kind) const { return std::ranges::count(events_, kind, &Event::kind); }
     void record(Event event);
     template <typename T> T read(T RecordingDelegate::*field) const
     {
@@ -132,15 +144,12 @@ private:
     std::string output_;                                       // guarded by mutex_
     std::vector<std::string> promptsAsked_;                    // guarded by mutex_
     bool outputEnded_ = false;                                 // guarded by mutex_
-    bool endBeforeEndOfFile_ = false;                          // guarded by mutex_
     std::shared_ptr<TelvaneFileHandle> handle_;                // guarded by mutex_
-    std::optional<TelvaneFailure> reportedFailure_;            // guarded by mutex_
     bool closedBeforeReport_ = false;                          // guarded by mutex_
 };
 
-/// For suites that run sensors against a test server: an in-memory keyring, fresh for every test, a recording
-/// delegate that answers with the server's account, and a watch on every log line for the server's password
-/// and the one the delegate last gave.
+/// Sensors against a test server: a fresh in-memory keyring, a recording delegate that answers with the
+/// server's account, and a watch on every log line for that password and the one the delegate last gave.
 class SensorTest : public ::testing::Test
 {
 protected:

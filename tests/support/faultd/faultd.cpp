@@ -1,6 +1,6 @@
 // telvane-faultd USER PASSWORD CONTROL-FILE: an SSH server for the tests that misbehaves on demand. It logs
 // its port on 127.0.0.1 and serves each connection in a process of its own with the fault named on the first
-// line of CONTROL-FILE (FaultServer.h).
+// line of CONTROL-FILE, "ACT-STEP" or "ACT-STEP=BYTES" (the acts beside the code that does them), or none.
 #include <libssh/libssh.h>
 #include <libssh/server.h>
 
@@ -27,13 +27,24 @@ using namespace std::chrono_literals;
 
 constexpr std::size_t kChunk = 32768;
 
-// "NAME" or "NAME=BYTES" (FaultServer.h lists them); "normal" is none.
+// A fault is what the server does wrong (ACT) at one step of the connection (STEP).
 struct Fault
 {
-    std::string name = "normal";
+    std::string act, step;
     std::uint64_t bytes = 0;
-    bool is(const char *other) const { return name == other; }
+    bool is(const std::string &what, const std::string &at) const { return act == what && step == at; }
 };
+
+Fault readFault(const char *controlFile)
+{
+    std::string line;
+    std::getline(std::ifstream(controlFile), line);
+    const auto dash = line.find('-'), equals = line.find('=');
+    if (dash == std::string::npos)
+        return {};
+    return {line.substr(0, dash), line.substr(dash + 1, equals - dash - 1),
+            equals == std::string::npos ? 0 : std::stoull(line.substr(equals + 1))};
+}
 
 // Connections run in processes of their own and share the log: one write per line keeps lines whole.
 template <class... Values> void logLine(const char *format, Values... values)
@@ -56,11 +67,14 @@ struct Connection
     int fd;
     ssh_session session = nullptr;
     ssh_channel channel = nullptr;
+    bool loggedIn = false;
 };
 
-bool peerGone(const Connection &c)
+[[noreturn]] void stall(const Connection &c)
 {
-    return ssh_is_connected(c.session) == 0 || ssh_channel_is_closed(c.channel) != 0;
+    logLine("stalling at the %s", c.fault.step.c_str());
+    drain(c.fd, -1);
+    _exit(0);
 }
 
 // Writes all of @p data on standard output (@p stream 0) or error (1); false once the client is gone.
@@ -70,7 +84,8 @@ bool writeAll(const Connection &c, int stream, const char *data, std::size_t len
         const auto piece = static_cast<std::uint32_t>(std::min(length, kChunk));
         const int written = stream == 0 ? ssh_channel_write(c.channel, data, piece)
                                         : ssh_channel_write_stderr(c.channel, data, piece);
-        if (written < 0 || (written == 0 && peerGone(c)))
+        if (written < 0 ||
+            (written == 0 && (!ssh_is_connected(c.session) || ssh_channel_is_closed(c.channel))))
             return false;
         data += written;
         length -= static_cast<std::size_t>(written);
@@ -78,6 +93,7 @@ bool writeAll(const Connection &c, int stream, const char *data, std::size_t len
     return true;
 }
 
+// "drop" closes (FIN), "reset" aborts (RST).
 [[noreturn]] void cutConnection(const Connection &c, std::uint64_t sent)
 {
     // What was written must arrive first, and a reading client have it, or the cut would take bytes with it.
@@ -86,10 +102,8 @@ bool writeAll(const Connection &c, int stream, const char *data, std::size_t len
     for (int i = 0; i < 400 && ioctl(c.fd, SIOCOUTQ, &queued) == 0 && queued > 0; ++i)
         std::this_thread::sleep_for(5ms);
     std::this_thread::sleep_for(100ms);
-    const bool reset = c.fault.is("reset-after");
-    logLine("%s the connection after %llu bytes of stdout", reset ? "resetting" : "closing",
-            static_cast<unsigned long long>(sent));
-    if (reset) {
+    logLine("cutting the connection after %llu bytes of stdout", static_cast<unsigned long long>(sent));
+    if (c.fault.act == "reset") {
         const linger abort{1, 0};
         setsockopt(c.fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
     } else {
@@ -100,15 +114,15 @@ bool writeAll(const Connection &c, int stream, const char *data, std::size_t len
     _exit(0);
 }
 
-// Status, EOF and close in the order a server that breaks this way sends them; then the client closes first.
+// Status, EOF and close in the order a server that breaks this way sends them ("late": the status 3 s after
+// EOF; "omit": none); then the client closes first.
 void endChannel(const Connection &c, int status)
 {
-    const bool late = c.fault.is("late-status");
-    if (!late && !c.fault.is("no-status"))
+    if (c.fault.step != "status")
         ssh_channel_request_send_exit_status(c.channel, status);
     ssh_channel_send_eof(c.channel);
     ssh_blocking_flush(c.session, 5000);
-    if (late) {
+    if (c.fault.is("late", "status")) {
         std::this_thread::sleep_for(3s);
         ssh_channel_request_send_exit_status(c.channel, status);
     }
@@ -117,119 +131,93 @@ void endChannel(const Connection &c, int status)
     drain(c.fd, 10000);
 }
 
-// Runs @p command with sh (its standard error goes to the log) and relays its output under the fault.
+// Runs @p command with sh (its standard error goes to the log) and relays its output under the fault: "drop"
+// or "reset" once BYTES of it are out (or at its end), "flood": BYTES on standard error first.
 void serveExec(const Connection &c, const std::string &command)
 {
-    const bool cuts = c.fault.is("drop-after") || c.fault.is("reset-after");
-    if (c.fault.is("flood-stderr")) {
-        const std::string junk(c.fault.bytes, 'x');
-        if (writeAll(c, 0, "begin\n", 6) && writeAll(c, 1, junk.data(), junk.size()) &&
-            writeAll(c, 0, "end\n", 4))
-            endChannel(c, 0);
-        return;
-    }
-    if (cuts && c.fault.bytes == 0)
-        cutConnection(c, 0);
-    FILE *shell = popen(command.c_str(), "r");
-    if (!shell)
-        return endChannel(c, 127);
-    std::uint64_t sent = 0;
+    std::string output;
     char buffer[kChunk];
-    for (;;) {
-        pollfd entries[2] = {{fileno(shell), POLLIN, 0}, {c.fd, POLLIN, 0}};
-        if (poll(entries, 2, -1) < 0)
-            continue;
-        // Input from the client tells that it closed the channel or left; its data has nowhere to go.
-        if (entries[1].revents != 0) {
-            ssh_channel_read_nonblocking(c.channel, buffer, sizeof buffer, 0);
-            if (peerGone(c))
-                return logLine("the client left while the command ran");
-        }
-        if (entries[0].revents == 0)
-            continue;
-        const auto wanted =
-            cuts ? std::min<std::uint64_t>(sizeof buffer, c.fault.bytes - sent) : sizeof buffer;
-        const ssize_t got = read(fileno(shell), buffer, wanted);
-        if (got <= 0)
-            break;
-        if (!writeAll(c, 0, buffer, static_cast<std::size_t>(got)))
-            return;
-        sent += static_cast<std::uint64_t>(got);
-        if (cuts && sent >= c.fault.bytes)
-            cutConnection(c, sent);
-    }
-    const int status = pclose(shell);
-    if (cuts) // the fault promises a cut, so a command that wrote less than N bytes still gets one
+    FILE *shell = popen(command.c_str(), "r");
+    for (std::size_t got; shell && (got = fread(buffer, 1, sizeof buffer, shell)) > 0;)
+        output.append(buffer, got);
+    const int status = shell ? pclose(shell) : 127 << 8;
+    const bool cuts = c.fault.is("drop", "output") || c.fault.is("reset", "output");
+    const std::size_t sent = cuts ? std::min<std::uint64_t>(c.fault.bytes, output.size()) : output.size();
+    const std::string junk(c.fault.is("flood", "output") ? c.fault.bytes : 0, 'x');
+    if (!writeAll(c, 1, junk.data(), junk.size()) || !writeAll(c, 0, output.data(), sent))
+        return logLine("the client left while the output was sent");
+    if (cuts)
         cutConnection(c, sent);
     endChannel(c, WIFEXITED(status) ? WEXITSTATUS(status) : 255);
+}
+
+std::string stepOf(ssh_message m)
+{
+    const int type = ssh_message_type(m), subtype = ssh_message_subtype(m);
+    if (type == SSH_REQUEST_AUTH)
+        return "login";
+    if (type == SSH_REQUEST_CHANNEL_OPEN && subtype == SSH_CHANNEL_SESSION)
+        return "channel";
+    return type == SSH_REQUEST_CHANNEL && subtype == SSH_CHANNEL_REQUEST_EXEC ? "exec" : "";
+}
+
+// Whether the connection grants the request of @p step: a password login once, then one session channel, then
+// the exec request on it; "refuse" at the step says no.
+bool grants(const Connection &c, ssh_message m, const std::string &step, const char *const *account)
+{
+    if (c.fault.is("refuse", step))
+        return false;
+    if (step == "login")
+        return !c.loggedIn && ssh_message_subtype(m) == SSH_AUTH_METHOD_PASSWORD &&
+               ssh_message_auth_user(m) == std::string(account[0]) &&
+               ssh_message_auth_password(m) == std::string(account[1]);
+    return step == "channel" ? c.loggedIn && !c.channel : step == "exec" && c.channel;
 }
 
 // Answers the client's requests after the key exchange until its exec request has been served.
 void serveRequests(Connection &c, const char *const *account)
 {
     using Message = std::unique_ptr<ssh_message_struct, decltype(&ssh_message_free)>;
-    bool authenticated = false;
     for (;;) {
         Message message(ssh_message_get(c.session), ssh_message_free);
         if (!message)
             return logLine("the client left: %s", ssh_get_error(c.session));
         ssh_message m = message.get();
-        const int type = ssh_message_type(m);
-        const int subtype = ssh_message_subtype(m);
-        if (type == SSH_REQUEST_AUTH && c.fault.is("stall-auth")) {
-            logLine("stall-auth: never answering the login of \"%s\"", ssh_message_auth_user(m));
-            drain(c.fd, -1);
-            _exit(0);
-        }
-        const bool password = type == SSH_REQUEST_AUTH && subtype == SSH_AUTH_METHOD_PASSWORD;
-        if (password && !authenticated && !c.fault.is("refuse-password") &&
-            ssh_message_auth_user(m) == std::string(account[0]) &&
-            ssh_message_auth_password(m) == std::string(account[1])) {
-            authenticated = true;
-            ssh_message_auth_reply_success(m, 0);
-        } else if (type == SSH_REQUEST_AUTH) {
-            if (password)
-                logLine("login as \"%s\" refused, fault %s", ssh_message_auth_user(m), c.fault.name.c_str());
-            ssh_message_auth_set_methods(m, SSH_AUTH_METHOD_PASSWORD);
+        const std::string step = stepOf(m);
+        if (!step.empty() && c.fault.is("stall", step))
+            stall(c);
+        if (!grants(c, m, step, account)) {
+            logLine("request %d/%d refused", ssh_message_type(m), ssh_message_subtype(m));
+            if (step == "login")
+                ssh_message_auth_set_methods(m, SSH_AUTH_METHOD_PASSWORD);
             ssh_message_reply_default(m);
-        } else if (type == SSH_REQUEST_CHANNEL_OPEN && subtype == SSH_CHANNEL_SESSION && authenticated &&
-                   !c.channel && !c.fault.is("refuse-channel")) {
+        } else if (step == "login") {
+            c.loggedIn = true;
+            ssh_message_auth_reply_success(m, 0);
+        } else if (step == "channel") {
             c.channel = ssh_message_channel_request_open_reply_accept(m);
-        } else if (type == SSH_REQUEST_CHANNEL && subtype == SSH_CHANNEL_REQUEST_EXEC && c.channel &&
-                   !c.fault.is("refuse-exec")) {
+        } else {
             const std::string command = ssh_message_channel_request_command(m);
             ssh_message_channel_request_reply_success(m);
-            logLine("exec, fault %s: %s", c.fault.name.c_str(), command.c_str());
+            logLine("exec: %s", command.c_str());
             return serveExec(c, command);
-        } else {
-            // Refusals of the faults above, and every request a minimal server refuses.
-            logLine("request %d/%d refused, fault %s", type, subtype, c.fault.name.c_str());
-            ssh_message_reply_default(m);
         }
     }
 }
 
 [[noreturn]] void serveConnection(ssh_bind bind, int fd, const char *const *account, const char *controlFile)
 {
-    std::ifstream control(controlFile);
-    std::string line;
-    std::getline(control, line);
-    const auto equals = line.find('=');
-    Connection c{{line.empty() ? "normal" : line.substr(0, equals),
-                  equals == std::string::npos ? 0 : std::stoull(line.substr(equals + 1))},
-                 fd};
-    logLine("connection accepted, fault %s", c.fault.name.c_str());
-    if (c.fault.is("dribble-banner")) { // a banner line that never ends: the client never gets past it
+    Connection c{readFault(controlFile), fd};
+    logLine("connection accepted, fault %s-%s", c.fault.act.c_str(), c.fault.step.c_str());
+    if (c.fault.is("dribble", "banner")) { // a banner line that never ends: the client never gets past it
         for (const char byte : std::string("SSH-2.0-") + std::string(242, 'x')) {
             if (send(fd, &byte, 1, MSG_NOSIGNAL) != 1)
                 break;
             std::this_thread::sleep_for(200ms);
         }
     }
-    if (c.fault.is("stall-banner") || c.fault.is("dribble-banner")) {
-        drain(fd, -1);
-        _exit(0);
-    }
+    if (c.fault.step == "banner")
+        stall(c);
     c.session = ssh_new();
     if (ssh_bind_accept_fd(bind, c.session, fd) != SSH_OK || ssh_handle_key_exchange(c.session) != SSH_OK) {
         logLine("no key exchange: %s", ssh_get_error(c.session));
