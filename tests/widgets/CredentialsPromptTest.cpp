@@ -206,13 +206,9 @@ private slots:
                    {"/home/pi/.ssh/known_hosts:7", reset}, "Nur dieses Mal verbinden", "Nicht verbinden")
             << "refused";
 
-        // One field per prompt, hidden unless the prompt echoes; the server's texts shown only when it gave
-        // them.
+        // One field per prompt, hidden unless the prompt echoes, under the server's instruction.
         const QStringList question{"Authentication required for Kitchen sensor", "OK", "Cancel",
                                    "Please answer the server's question:"};
-        QTest::newRow("question, a code")
-            << QStringList{"question", "", "One-time password: "} << QStringList{"=123456", "okButton"}
-            << question + QStringList{"One-time password:", "hidden"} << "123456";
         QTest::newRow("question, token and code, Return, worker")
             << QStringList{"question", "Touch the token.", "Token serial:*", "Code:"}
             << QStringList{"=abc", "Tab", "=42", "Return"}
